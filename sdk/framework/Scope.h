@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+namespace Framework {
+
+// Which processes the agent may see, judge and act on.
+//
+// Without a control group: all of them. With one: those whose control group (v2) is the named group
+// or lies below it, asked of /proc/PID/cgroup each time, since a process may be moved. The group's
+// name is its path as it stands behind "0::" there, so the process's own cgroup namespace decides.
+class Scope {
+public:
+    // Sets the group for the whole process; an empty text takes the limit away. Called once at start,
+    // before any module is loaded.
+    static void SetCgroup(const std::string& cgroup);
+    static std::string GetCgroup();
+
+    static bool IsLimited();
+
+    // False for a process that is gone, when the scope is limited.
+    static bool Contains(int pid);
+
+    // The limit alone, for a group path that is already known: "/a" holds "/a" and "/a/b", not "/ab".
+    static bool ContainsCgroup(const std::string& cgroup);
+};
+
+} // namespace Framework

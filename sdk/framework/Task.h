@@ -1,0 +1,107 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <Poco/Task.h>
+
+#include "LocklessQueue.h"
+#include "framework/EventWaiter.h"
+#include "framework/Message.h"
+#include "framework/TaskCondition.h"
+
+namespace Framework {
+
+// A worker with a thread and a message queue of its own.
+//
+// Life: constructed by a module and handed to Module::RegisterTask, from where on the framework owns
+// it → Init → Run, on the task's thread, as its condition says → cancelled → thread joined → UnInit →
+// destroyed. Init and UnInit run on the framework's thread, never at the same time as Run.
+//
+// Any thread may send to a task; only the task's own thread takes from its queue.
+//
+// The queue is bounded. A full queue refuses the message, the loss is counted (GetLostCount) and
+// logged at most once a second; the sender never waits.
+class Task : public Poco::Task {
+public:
+    // `capacity` is the most messages that the queue holds at once.
+    Task(const std::string& taskName, const std::string& featureName, TaskCondition::TaskType type,
+         unsigned int capacity);
+    ~Task() override;
+
+    // The task's body as Poco knows it: calls Run as the condition says until the task is cancelled.
+    void runTask() override;
+
+    // Called once before the first Run. False: the task is not started.
+    virtual bool Init();
+
+    // Called once after the last Run, also when Init failed. Its result is only logged.
+    virtual bool UnInit();
+
+    // The work. Without a period it lasts until state() is TASK_CANCELLING; with one it is called
+    // once a period. The result is only logged when it is not 0.
+    virtual int Run() = 0;
+
+    // Puts a message in the queue and wakes the task. False when the queue is full or the message is
+    // null. Thread-safe.
+    virtual bool EnqueueMsg(std::shared_ptr<Message>& message);
+
+    // Called first thing by EnqueueMsg, on the sender's thread: true takes the message out of the
+    // queue's hands. The default takes none.
+    virtual bool InterceptMsg(std::shared_ptr<Message>& message);
+
+    // Handles one message on the task's thread. The default hands it to this task's
+    // Engine::AbstractMessageReceiver base, if it has one. Returns 0 when it was handled.
+    virtual int HandleMsg(const Message* message);
+
+    // Handles at most `max` queued messages on the calling thread, which must be the task's own.
+    // Returns how many. What a handler throws is caught, logged and counted.
+    int BulkConsumeMsg(int max);
+
+    // Sends to the running task of that name. Ownership of `message` passes to the framework whatever
+    // the result; false when there is no such task or its queue is full (both counted). Thread-safe.
+    bool SendDirectMsg(const std::string& taskName, Message* message);
+
+    // Asks the task to end soon; returns at once. Unlike cancel() it also holds when the thread has
+    // not begun to run yet. Thread-safe.
+    void RequestStop();
+
+    const std::string& GetFeatureName() const { return mFeatureName; }
+    TaskCondition& GetCondition() { return mCondition; }
+
+    // Differs between any two tasks of this process, also between two of one name.
+    std::uint64_t GetInstanceId() const { return mInstanceId; }
+
+    unsigned int GetQueueCapacity() const { return mCapacity; }
+    // How many messages wait; a snapshot.
+    unsigned int GetQueueDepth() const;
+    // Messages refused because the queue was full.
+    std::uint64_t GetLostCount() const { return mLost.load(std::memory_order_relaxed); }
+
+    // What GetQueueDepth etc. call the state: "idle", "starting", "running", "stopping", "finished".
+    const char* GetStateName() const;
+
+protected:
+    EventWaiter& GetEventWaiter() { return mWaiter; }
+
+private:
+    void RunPeriodically();
+    void RunGuarded();
+    void HandleGuarded(const Message* message);
+    void CountLoss();
+
+    const std::string mFeatureName;
+    const std::uint64_t mInstanceId;
+    const unsigned int mCapacity;
+    SDK::LocklessQueue<std::shared_ptr<Message>> mQueue;
+    TaskCondition mCondition;
+    Event mEvent;
+    EventWaiter mWaiter;
+    std::atomic<bool> mStopRequested{false};
+    std::atomic<std::uint64_t> mLost{0};
+    std::atomic<std::int64_t> mLastLossLogged{0};
+};
+
+} // namespace Framework

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "framework/Message.h"
+
+namespace Engine {
+
+// One process event from the process-collection module to a task that subscribed to its kind.
+//
+//   kind                     info
+//   1  image executed        pid, ppid
+//   2  forked                pid of the child, ppid its parent
+//   3  exited                empty
+//
+// Events of one process arrive in the order in which they happened. A fork that is followed at once
+// by an exec of the child arrives as the exec alone.
+class ProcsMessage : public Framework::Message {
+public:
+    enum Kind : unsigned int { KIND_EXEC = 1, KIND_FORK = 2, KIND_EXIT = 3 };
+
+    // A process as the table of running processes knows it. An event's record has pid and ppid only.
+    struct procInfo {
+        std::int32_t pid = 0;
+        std::int32_t ppid = 0;
+        std::string path;    // the executable image
+        std::string name;    // the image's file name
+        std::string cmdline; // arguments joined with blanks, at most 4096 bytes
+    };
+
+    // Asked once, on the receiving thread just before delivery: false drops the event because a later
+    // one covers it.
+    using StillDue = std::function<bool()>;
+
+    ProcsMessage(int pid, unsigned int kind, std::shared_ptr<procInfo> info, StillDue stillDue = nullptr);
+
+    int GetPid() const { return mPid; }
+    unsigned int GetKind() const { return mKind; }
+    const std::shared_ptr<procInfo>& GetInfo() const { return mInfo; }
+
+    // Hands the event to ProcsMessageAction; an exec or fork counts as "events.judged" afterwards.
+    void DeliverTo(AbstractMessageReceiver& receiver) const override;
+
+private:
+    const int mPid;
+    const unsigned int mKind;
+    const std::shared_ptr<procInfo> mInfo;
+    const StillDue mStillDue;
+};
+
+} // namespace Engine
