@@ -43,8 +43,9 @@ public:
     // the reason in `reason`, when that cannot be done. The module is not initialised yet.
     bool LoadModule(const std::string& path, std::string& reason);
 
-    // Takes over a module that is already there. For tests and for modules without a library.
-    void AddModule(Module* module);
+    // Takes over a module that is already there, and its inspector if it has one. For tests and for
+    // modules without a library. The inspector is deleted after the module was released.
+    void AddModule(Module* module, ModuleInspector* inspector = nullptr);
 
     // Init of every module in the order of loading. Stops at the first that returns something else
     // than 0 and returns that.
