@@ -10,6 +10,7 @@
 #include <Poco/Format.h>
 #include <Poco/Message.h>
 
+#include "sdk/LogTap.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
 
@@ -18,8 +19,8 @@ namespace SDK {
 // A format text together with the place it was written at.
 struct LogText {
     // Implicit, so that a call site passes nothing but the text.
-    LogText(const char* text, const char* file = __builtin_FILE(), int line = __builtin_LINE())
-        : format(text), file(file), line(line) {}
+    LogText(const char* text, const char* sourceFile = __builtin_FILE(), int sourceLine = __builtin_LINE())
+        : format(text), file(sourceFile), line(sourceLine) {}
 
     const char* format;
     const char* file;
@@ -72,6 +73,7 @@ private:
             const std::vector<Poco::Any> values{ToAny(args)...};
             std::string record;
             Poco::format(record, text.format, values);
+            LogTap::Offer(priority, record);
             const std::string fileName = PathUtils::GetFileNameFromPath(text.file);
             logger->log(Poco::Message(logger->name(), record, priority, fileName.c_str(), text.line));
         } catch (...) {

@@ -1,0 +1,163 @@
+#include "agent/sdk/ChildProgram.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "agent/sdk/FileDescriptor.h"
+
+namespace SDK {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t BUFFER_BYTES = 16384;
+
+// How often to ask for the child's end where the kernel has no pidfd_open (before 5.3).
+constexpr int POLL_SLICE_MS = 20;
+
+// The attributes and file actions of one posix_spawn, in the order in which the child applies them.
+class SpawnPlan {
+public:
+    SpawnPlan() {
+        posix_spawnattr_init(&mAttributes);
+        posix_spawn_file_actions_init(&mActions);
+    }
+    ~SpawnPlan() {
+        posix_spawn_file_actions_destroy(&mActions);
+        posix_spawnattr_destroy(&mAttributes);
+    }
+    SpawnPlan(const SpawnPlan&) = delete;
+    SpawnPlan& operator=(const SpawnPlan&) = delete;
+
+    void DetachFromCaller() {
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        posix_spawnattr_setsigmask(&mAttributes, &none);
+        posix_spawnattr_setsigdefault(&mAttributes, &all);
+        posix_spawnattr_setpgroup(&mAttributes, 0);
+        posix_spawnattr_setflags(&mAttributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    }
+
+    // The pipe is put in its place first, because it may itself have the number 0 or 2 when the
+    // calling process runs without standard descriptors.
+    void RedirectStandardFiles(int outputFd) {
+        posix_spawn_file_actions_adddup2(&mActions, outputFd, STDOUT_FILENO);
+        posix_spawn_file_actions_addopen(&mActions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&mActions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addclosefrom_np(&mActions, STDERR_FILENO + 1);
+    }
+
+    bool Spawn(const std::vector<std::string>& words, pid_t& pid) const {
+        std::vector<char*> arguments;
+        for (const std::string& word : words) {
+            arguments.push_back(const_cast<char*>(word.c_str()));
+        }
+        arguments.push_back(nullptr);
+        return posix_spawnp(&pid, arguments[0], &mActions, &mAttributes, arguments.data(), environ) == 0;
+    }
+
+private:
+    posix_spawnattr_t mAttributes{};
+    posix_spawn_file_actions_t mActions{};
+};
+
+// Takes what the pipe holds now. Closes the descriptor at the end of the stream.
+void Drain(FileDescriptor& pipe, std::string& output, std::size_t maxOutput) {
+    std::array<char, BUFFER_BYTES> buffer; // NOLINT(*-member-init): read fills what is used
+    while (pipe.IsOpen()) {
+        const ssize_t count = ReadRetrying(pipe.Get(), buffer.data(), buffer.size());
+        if (count < 0 && errno == EAGAIN) {
+            return;
+        }
+        if (count <= 0) {
+            pipe.Reset();
+            return;
+        }
+        output.append(buffer.data(), std::min(static_cast<std::size_t>(count), maxOutput - output.size()));
+    }
+}
+
+int ToResult(int waitStatus) {
+    return WIFSIGNALED(waitStatus) ? RUN_SIGNAL_BASE + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+}
+
+// True when the child has ended (or is not ours to wait for any more), its result in `result`.
+bool Reap(pid_t pid, int options, int& result) {
+    int waitStatus = 0;
+    pid_t reaped = 0;
+    do {
+        reaped = waitpid(pid, &waitStatus, options);
+    } while (reaped < 0 && errno == EINTR);
+    if (reaped == 0) {
+        return false;
+    }
+    result = reaped == pid ? ToResult(waitStatus) : RUN_NOT_STARTED;
+    return true;
+}
+
+int WaitReading(pid_t pid, FileDescriptor& pipe, std::string& output, std::size_t maxOutput, int timeoutMs) {
+    const FileDescriptor ended(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    int result = RUN_NOT_STARTED;
+    while (!Reap(pid, WNOHANG, result)) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0) {
+            kill(-pid, SIGKILL);
+            Reap(pid, 0, result);
+            break;
+        }
+        const int waitMs = ended.IsOpen() ? static_cast<int>(left) : std::min(static_cast<int>(left), POLL_SLICE_MS);
+        std::array<pollfd, 2> sources{{{pipe.Get(), POLLIN, 0}, {ended.Get(), POLLIN, 0}}};
+        poll(sources.data(), sources.size(), waitMs);
+        Drain(pipe, output, maxOutput);
+    }
+    Drain(pipe, output, maxOutput);
+    return result;
+}
+
+bool HasNulByte(const std::string& word) {
+    return word.find('\0') != std::string::npos;
+}
+
+} // namespace
+
+int RunProgram(const std::vector<std::string>& words, std::string& output, std::size_t maxOutput, int timeoutMs) {
+    output.clear();
+    // An argument cannot carry a NUL byte; cut short it would be another argument.
+    if (words.empty() || std::any_of(words.begin(), words.end(), HasNulByte)) {
+        return RUN_NOT_STARTED;
+    }
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return RUN_NOT_STARTED;
+    }
+    FileDescriptor readEnd(ends[0]);
+    FileDescriptor writeEnd(ends[1]);
+    // Only this end: the program must find an ordinary, blocking standard output.
+    fcntl(readEnd.Get(), F_SETFL, O_NONBLOCK);
+
+    SpawnPlan plan;
+    plan.DetachFromCaller();
+    plan.RedirectStandardFiles(writeEnd.Get());
+    pid_t pid = 0;
+    if (!plan.Spawn(words, pid)) {
+        return RUN_NOT_STARTED;
+    }
+    writeEnd.Reset();
+    return WaitReading(pid, readEnd, output, maxOutput, timeoutMs);
+}
+
+} // namespace SDK

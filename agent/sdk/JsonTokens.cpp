@@ -1,0 +1,109 @@
+#include "agent/sdk/JsonTokens.h"
+
+namespace SDK {
+
+namespace {
+
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+bool IsNumberByte(char c) {
+    return IsDigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
+}
+
+// Walks over a text; past the end it sees NUL bytes.
+class Scanner {
+public:
+    Scanner(const char* text, std::size_t length) : mNext(text), mEnd(text + length) {}
+
+    bool AtEnd() const { return mNext == mEnd; }
+    char Peek() const { return AtEnd() ? '\0' : *mNext; }
+    void Skip() {
+        if (!AtEnd()) {
+            ++mNext;
+        }
+    }
+
+    // The rest of a string whose opening quote has been taken.
+    bool TakeString() {
+        while (!AtEnd()) {
+            const char c = *mNext++;
+            if (c == '"') {
+                return true;
+            }
+            if (static_cast<unsigned char>(c) < 0x20) {
+                return false;
+            }
+            if (c == '\\') {
+                Skip();
+            }
+        }
+        return false;
+    }
+
+    // number = [ "-" ] ( "0" / digit1-9 *DIGIT ) [ "." 1*DIGIT ] [ ("e" / "E") [ "+" / "-" ] 1*DIGIT ]
+    bool TakeNumber() {
+        TakeOneOf("-");
+        if (!TakeOneOf("0") && !TakeDigits()) {
+            return false;
+        }
+        if (TakeOneOf(".") && !TakeDigits()) {
+            return false;
+        }
+        if (TakeOneOf("eE")) {
+            TakeOneOf("+-");
+            if (!TakeDigits()) {
+                return false;
+            }
+        }
+        return !IsNumberByte(Peek());
+    }
+
+private:
+    bool TakeOneOf(const char* choices) {
+        for (; *choices != '\0'; ++choices) {
+            if (!AtEnd() && *mNext == *choices) {
+                ++mNext;
+                return true;
+            }
+        }
+        return false;
+    }
+
+    bool TakeDigits() {
+        const char* const first = mNext;
+        while (IsDigit(Peek())) {
+            ++mNext;
+        }
+        return mNext != first;
+    }
+
+    const char* mNext;
+    const char* const mEnd;
+};
+
+} // namespace
+
+bool HasStrictJsonTokens(const char* text, std::size_t length) {
+    Scanner scanner(text, length);
+    while (!scanner.AtEnd()) {
+        const char c = scanner.Peek();
+        if (c == '\0') {
+            return false;
+        }
+        if (c == '-' || IsDigit(c)) {
+            if (!scanner.TakeNumber()) {
+                return false;
+            }
+            continue;
+        }
+        scanner.Skip();
+        if (c == '"' && !scanner.TakeString()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace SDK

@@ -1,0 +1,137 @@
+#include "agent/sdk/LogChannels.h"
+
+#include <cstdlib>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <Poco/FileChannel.h>
+#include <Poco/Formatter.h>
+#include <Poco/FormattingChannel.h>
+#include <Poco/Logger.h>
+#include <Poco/PatternFormatter.h>
+
+#include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/Hex.h"
+
+namespace SDK {
+
+namespace {
+
+// Time in UTC, priority, logger, source file and line, text.
+constexpr const char* LINE_PATTERN = "%Y-%m-%dT%H:%M:%S.%iZ %p %s %U:%u %t";
+
+std::atomic<bool> rootWritesToConsole{false};
+
+// A line for people and for files.
+class LineFormatter : public Poco::Formatter {
+public:
+    void format(const Poco::Message& message, std::string& line) override {
+        mPattern.format(Poco::Message(message, EscapeControls(message.getText())), line);
+    }
+
+private:
+    Poco::PatternFormatter mPattern{LINE_PATTERN};
+};
+
+// A line for journald, which adds the time itself: "<N>" with syslog's severity N before the text.
+class JournalFormatter : public Poco::Formatter {
+public:
+    void format(const Poco::Message& message, std::string& line) override {
+        const char* file = message.getSourceFile();
+        line = "<" + std::to_string(ToSyslogSeverity(message.getPriority())) + ">" + message.getSource() + " " +
+               (file == nullptr ? "" : file) + ":" + std::to_string(message.getSourceLine()) + " " +
+               EscapeControls(message.getText());
+    }
+
+private:
+    // Poco's fatal (1) and critical (2) are syslog's alert (1) and critical (2), and so on down to
+    // debug (7); only trace (8) has no counterpart.
+    static int ToSyslogSeverity(Poco::Message::Priority priority) {
+        constexpr int SYSLOG_DEBUG = 7;
+        return priority > SYSLOG_DEBUG ? SYSLOG_DEBUG : static_cast<int>(priority);
+    }
+};
+
+class StandardErrorChannel : public Poco::Channel {
+public:
+    // One write a line, so that the lines of several threads and processes do not mix.
+    void log(const Poco::Message& message) override {
+        const std::string line = message.getText() + "\n";
+        WriteFully(STDERR_FILENO, line.data(), line.size());
+    }
+};
+
+// systemd names the device and inode of the stream in JOURNAL_STREAM (systemd.exec(5)); a child that
+// redirected its standard error has inherited the variable, but not the stream.
+bool IsStandardErrorJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    struct stat info {};
+    if (stream == nullptr || fstat(STDERR_FILENO, &info) != 0) {
+        return false;
+    }
+    return stream == std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+}
+
+Poco::AutoPtr<Poco::Formatter> MakeConsoleFormatter() {
+    if (IsStandardErrorJournal()) {
+        return new JournalFormatter;
+    }
+    return new LineFormatter;
+}
+
+} // namespace
+
+std::string EscapeControls(const std::string& text) {
+    constexpr unsigned char FIRST_PRINTABLE = 0x20;
+    constexpr unsigned char DELETE = 0x7F;
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\n') {
+            escaped += "\\n";
+        } else if (c == '\r') {
+            escaped += "\\r";
+        } else if (c == '\t') {
+            escaped += "\\t";
+        } else if (c == '\\') {
+            escaped += "\\\\";
+        } else if (byte < FIRST_PRINTABLE || byte == DELETE) {
+            escaped += "\\x" + ToHex(&byte, 1);
+        } else {
+            escaped += c;
+        }
+    }
+    return escaped;
+}
+
+Poco::AutoPtr<Poco::Channel> MakeConsoleChannel() {
+    return new Poco::FormattingChannel(MakeConsoleFormatter(),
+                                       Poco::AutoPtr<StandardErrorChannel>(new StandardErrorChannel));
+}
+
+Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& path, std::uint64_t maxBytes, int files) {
+    Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(path));
+    file->setProperty(Poco::FileChannel::PROP_ROTATION, std::to_string(maxBytes));
+    file->setProperty(Poco::FileChannel::PROP_ARCHIVE, "number");
+    file->setProperty(Poco::FileChannel::PROP_PURGECOUNT, std::to_string(files));
+    return new Poco::FormattingChannel(Poco::AutoPtr<LineFormatter>(new LineFormatter), file);
+}
+
+void RootForwarder::log(const Poco::Message& message) {
+    if (mConsole.load(std::memory_order_relaxed) && !rootWritesToConsole.load(std::memory_order_relaxed)) {
+        static Poco::AutoPtr<Poco::Channel> console = MakeConsoleChannel();
+        console->log(message);
+    }
+    Poco::AutoPtr<Poco::Channel> target(Poco::Logger::root().getChannel());
+    if (target) {
+        target->log(message);
+    }
+}
+
+void SetRootWritesToConsole(bool writes) {
+    rootWritesToConsole.store(writes, std::memory_order_relaxed);
+}
+
+} // namespace SDK

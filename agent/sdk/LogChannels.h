@@ -1,0 +1,39 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Message.h>
+
+namespace SDK {
+
+// The text with its control characters escaped (\n, \r, \t, \xNN) and backslashes doubled, so that a
+// record whose text comes from outside stays one line and can be told from what it imitates.
+std::string EscapeControls(const std::string& text);
+
+// Writes records to standard error, one line each. Thread-safe.
+Poco::AutoPtr<Poco::Channel> MakeConsoleChannel();
+
+// Writes records to a file with rotation by size. Thread-safe.
+Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& path, std::uint64_t maxBytes, int files);
+
+// The channel of every logger that the registry hands out: it passes each record on to whatever
+// channel the root logger has at that moment, so that loggers need not be visited when it changes.
+class RootForwarder : public Poco::Channel {
+public:
+    // Without visible effect while the root's own channel leads to standard error already.
+    void AlsoToConsole() { mConsole.store(true, std::memory_order_relaxed); }
+
+    void log(const Poco::Message& message) override;
+
+private:
+    std::atomic<bool> mConsole{false};
+};
+
+// Tells the forwarders whether the root logger's channel includes standard error.
+void SetRootWritesToConsole(bool writes);
+
+} // namespace SDK

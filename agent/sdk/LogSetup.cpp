@@ -1,0 +1,65 @@
+#include "agent/sdk/LogSetup.h"
+
+#include <cerrno>
+#include <optional>
+
+#include <fcntl.h>
+
+#include <Poco/Exception.h>
+#include <Poco/Logger.h>
+#include <Poco/SplitterChannel.h>
+
+#include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/LogChannels.h"
+#include "agent/sdk/LoggerRegistry.h"
+
+namespace SDK {
+
+namespace {
+
+std::optional<int> ParseLevel(const std::string& level) {
+    try {
+        return Poco::Logger::parseLevel(level);
+    } catch (const Poco::Exception&) {
+        return std::nullopt;
+    }
+}
+
+// The file channel opens its file at the first record, when nobody hears of a failure any more.
+int CheckCanBeWritten(const std::string& path) {
+    const FileDescriptor file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    return file.IsOpen() ? 0 : errno;
+}
+
+Poco::AutoPtr<Poco::Channel> MakeAgentChannel(const LogSettings& settings) {
+    Poco::AutoPtr<Poco::SplitterChannel> all(new Poco::SplitterChannel);
+    if (!settings.filePath.empty()) {
+        all->addChannel(MakeFileChannel(settings.filePath, settings.maxBytes, settings.files));
+    }
+    if (settings.console) {
+        all->addChannel(MakeConsoleChannel());
+    }
+    return all;
+}
+
+} // namespace
+
+int SetUpLogging(const LogSettings& settings) {
+    const std::optional<int> level = ParseLevel(settings.level);
+    if (!level || settings.maxBytes < 1 || settings.files < 1) {
+        return EINVAL;
+    }
+    if (!settings.filePath.empty()) {
+        const int result = CheckCanBeWritten(settings.filePath);
+        if (result != 0) {
+            return result;
+        }
+    }
+    Poco::Logger::setLevel("", *level);
+    Poco::Logger::root().setChannel(MakeAgentChannel(settings));
+    SetRootWritesToConsole(settings.console);
+    AttachLoggersToRoot();
+    return 0;
+}
+
+} // namespace SDK
