@@ -23,8 +23,8 @@ template <typename ModuleType> class TaskletCallback : public AbstractTaskletCal
 public:
     using Handler = int (ModuleType::*)(const std::string&);
 
-    TaskletCallback(ModuleType* module, Handler handler, bool longAction)
-        : module(module), handler(handler), longAction(longAction) {}
+    TaskletCallback(ModuleType* owner, Handler operation, bool isLongAction)
+        : module(owner), handler(operation), longAction(isLongAction) {}
 
     int invoke(const std::string& cmd) const override { return (module->*handler)(cmd); }
     bool IsLongAction() const override { return longAction; }
@@ -50,7 +50,7 @@ template <typename ModuleType> class PolicyCallback : public AbstractPolicyCallb
 public:
     using Handler = Policy* (ModuleType::*)(const std::string&, const std::string&, Policy*&);
 
-    PolicyCallback(ModuleType* module, Handler handler) : module(module), handler(handler) {}
+    PolicyCallback(ModuleType* owner, Handler operation) : module(owner), handler(operation) {}
 
     Policy* invoke(const std::string& key, const std::string& policyJson, Policy*& current) const override {
         return (module->*handler)(key, policyJson, current);

@@ -74,11 +74,6 @@ public:
 private:
     struct State;
     std::unique_ptr<State> mState;
-
-    friend class Module;
-    // The index behind FindTask; modules keep it as their tasks start and end.
-    static void PublishTask(const Poco::AutoPtr<Task>& task);
-    static void WithdrawTask(const Poco::AutoPtr<Task>& task);
 };
 
 } // namespace Framework

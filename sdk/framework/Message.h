@@ -19,7 +19,7 @@ public:
     // Calls the receiver's operation for this kind of message, on the receiving task's thread. The
     // default is for messages that only the receiving task's own HandleMsg understands: it does
     // nothing.
-    virtual void DeliverTo(Engine::AbstractMessageReceiver& /*receiver*/) const {}
+    virtual void DeliverTo(::Engine::AbstractMessageReceiver& /*receiver*/) const {}
 
 protected:
     Message() = default;

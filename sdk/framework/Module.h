@@ -1,9 +1,9 @@
 #pragma once
 
-#include <map>
+#include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <Poco/AutoPtr.h>
@@ -11,11 +11,9 @@
 
 #include "framework/Callback.h"
 #include "framework/Task.h"
-#include "sdk/ThreadAnnotations.h"
 
 namespace Framework {
 
-class FeaturePolicy;
 class Policy;
 
 // A unit of the agent, in a shared library of its own that exports
@@ -27,8 +25,15 @@ class Policy;
 //
 // Callbacks are registered and invoked on the engine's delivery thread; tasks have threads of their
 // own.
+//
+// When tasks are ended they are all asked first and then have STOP_DEADLINE together. A task that
+// does not end in time is given up: that is logged and counted ("task.abandoned"), it is no longer
+// found, its UnInit is not called, and its thread and its object are left behind for good, since
+// neither can be taken away from under the other.
 class Module : public Poco::Util::Subsystem {
 public:
+    static constexpr std::chrono::seconds STOP_DEADLINE{10};
+
     explicit Module(const std::string& name);
     ~Module() override;
 
@@ -94,9 +99,6 @@ protected:
 
 private:
     struct State;
-
-    void StopFeature(const std::string& featureName);
-    void StartRegisteredTasks(const FeaturePolicy* policy);
 
     const std::string mName;
     std::unique_ptr<State> mState;

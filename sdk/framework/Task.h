@@ -64,9 +64,17 @@ public:
     // the result; false when there is no such task or its queue is full (both counted). Thread-safe.
     bool SendDirectMsg(const std::string& taskName, Message* message);
 
-    // Asks the task to end soon; returns at once. Unlike cancel() it also holds when the thread has
-    // not begun to run yet. Thread-safe.
+    // Asks the task to end soon; returns at once. Also holds when the thread has not begun to run yet,
+    // and wakes a task that sleeps or waits for messages. Thread-safe.
     void RequestStop();
+
+    // The same; the way that Poco knows.
+    void cancel() override { RequestStop(); }
+
+    // These stand in for Poco's operations of the same names, which read a plain variable that other
+    // threads write. Thread-safe.
+    TaskState state() const;
+    bool isCancelled() const { return mStopRequested.load(std::memory_order_acquire); }
 
     const std::string& GetFeatureName() const { return mFeatureName; }
     TaskCondition& GetCondition() { return mCondition; }
@@ -87,6 +95,9 @@ protected:
     EventWaiter& GetEventWaiter() { return mWaiter; }
 
 private:
+    friend class RunningTasks;
+
+    void MarkStarting() { mPhase.store(TASK_STARTING, std::memory_order_release); }
     void RunPeriodically();
     void RunGuarded();
     void HandleGuarded(const Message* message);
@@ -99,9 +110,13 @@ private:
     TaskCondition mCondition;
     Event mEvent;
     EventWaiter mWaiter;
+    // How far the task has come: idle, starting, running or finished. That it shall stop is a matter of
+    // its own, so that no step forward can wipe it out.
+    std::atomic<TaskState> mPhase{TASK_IDLE};
     std::atomic<bool> mStopRequested{false};
     std::atomic<std::uint64_t> mLost{0};
-    std::atomic<std::int64_t> mLastLossLogged{0};
+    // Steady clock, milliseconds; 0 for never.
+    std::atomic<std::int64_t> mLastLossLoggedMs{0};
 };
 
 } // namespace Framework
