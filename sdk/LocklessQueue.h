@@ -32,8 +32,8 @@ namespace SDK {
 // empty queue gives none; callers look at the count. The queue never grows.
 template <typename T> class LocklessQueue {
 public:
-    // `capacity` is the most elements that the queue holds at once; the number of slots is the next
-    // power of two. 0 makes a queue without storage, which refuses everything.
+    // `capacity` is the most elements that the queue holds at once, at most 2^31; the number of slots is
+    // the next power of two. 0 makes a queue without storage, which refuses everything.
     //
     // `singleProducer` / `singleConsumer` declare that one thread only is on that side; it then pays
     // for no compare-and-swap and never waits. With `releaseOnDequeue` a dequeued slot is reset at
@@ -182,8 +182,9 @@ private:
     // another thread was faster.
     static bool Advance(std::atomic<std::uint32_t>& head, std::uint32_t& expected, std::uint32_t count, bool single) {
         if (single) {
-            // Nobody else writes this head; who needs the slots reads the tails.
-            head.store(expected + count, std::memory_order_relaxed);
+            // Nobody else writes this head. Release pairs with the acquire in GetDepth: who sees this
+            // head must not go on to see a tail older than the one it was computed from.
+            head.store(expected + count, std::memory_order_release);
             return true;
         }
         // A full barrier. Its release half pairs with the acquire load of the head above; on failure
