@@ -22,4 +22,5 @@
 #define RELEASE(...) SDK_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define RELEASE_SHARED(...) SDK_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
 #define RELEASE_GENERIC(...) SDK_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS SDK_THREAD_ANNOTATION(no_thread_safety_analysis)
 #define RETURN_CAPABILITY(x) SDK_THREAD_ANNOTATION(lock_returned(x))

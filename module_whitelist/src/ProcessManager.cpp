@@ -1,0 +1,1039 @@
+#include "ProcessManager.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <new>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <Poco/Format.h>
+
+#include "ConfigManager.h"
+#include "framework/Engine.h"
+#include "framework/Message.h"
+#include "modules/IsolateTask.h"
+#include "modules/ProcsFullTask.h"
+#include "sdk/CpuThrottle.h"
+#include "sdk/CryptoCodeUtils.h"
+#include "sdk/ExecuteCmdUtils.h"
+#include "sdk/FileUtils.h"
+#include "sdk/HttpUtils.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/ModuleLog.h"
+#include "sdk/PathUtils.h"
+#include "sdk/ProcessUtils.h"
+#include "sdk/StrUtils.h"
+#include "sdk/TimeUtils.h"
+#include "utils/Constants.h"
+#include "utils/ElfSections.h"
+#include "utils/ListDocument.h"
+#include "utils/ProcessUtils.h"
+#include "utils/StateFiles.h"
+
+namespace Engine {
+
+namespace {
+
+SDK::ModuleLog moduleLog(LOGGER_NAME);
+SDK::CpuThrottle throttle("module_whitelist/src/ProcessManager", MODULE_NAME);
+
+using utils::list_document::Shape;
+
+constexpr const char* LOCAL_TRUST_FILE = "conf/whitelist.data";
+constexpr const char* SERVER_TRUST_FILE = "conf/arsserverproc.data";
+
+constexpr std::size_t HEADER_BUFFER_BYTES = 4096;
+constexpr std::size_t SHA256_CHARACTERS = 64;
+constexpr int HTTP_OK = 200;
+
+// The section that the prelink tool adds: SHT_GNU_LIBLIST of <elf.h>.
+constexpr std::uint32_t PRELINK_SECTION_TYPE = 0x6ffffff7;
+constexpr std::size_t PRELINK_OUTPUT_BYTES = 4096;
+
+constexpr const char* SHELLS_FILE = "/etc/shells";
+constexpr std::size_t LINE_BYTES = 4096;
+constexpr const char* PYTHON = "python";
+
+// What remains for an image that is taken out of circulation: its owner may read it.
+constexpr mode_t ISOLATED_MODE = 0400;
+
+constexpr int INIT_PID = 1;
+// In place of a parent: the record speaks of an exit.
+constexpr int EXIT_PARENT = -1;
+
+const char* ToText(bool value) {
+    return value ? "true" : "false";
+}
+
+Poco::AutoPtr<ProcsFullTask> FindProcsFullTask() {
+    return Framework::Engine::FindTask(PROCS_FULL_TASK).cast<ProcsFullTask>();
+}
+
+ProcessInfo RecordOf(const ProcsMessage::procInfo& process) {
+    ProcessInfo info(process.pid);
+    info.ppid = process.ppid;
+    info.path = process.path;
+    info.name = process.name;
+    info.cmdline = process.cmdline;
+    SDK::FileUtils::GetFileSha256(info.path, info.hash, MAX_FILE_BYTES);
+    return info;
+}
+
+// Creates the file empty unless it is there.
+void EnsureFile(const std::string& path) {
+    if (!SDK::FileUtils::IsFile(path)) {
+        SDK::FileUtils::WriteFile(path, "", false);
+    }
+}
+
+} // namespace
+
+ProcessManager* ProcessManager::Instance() {
+    static ProcessManager mObj;
+    return &mObj;
+}
+
+// ---- Life ------------------------------------------------------------------------------------------
+
+bool ProcessManager::Init(void* task) {
+    if (task == nullptr) {
+        return false;
+    }
+    {
+        const SDK::WriteGuard guard(reportTaskLock);
+        reportTask = static_cast<Framework::Task*>(task);
+    }
+    const std::string root = SDK::PathUtils::GetInstallationPath();
+    if (root.empty()) {
+        return false;
+    }
+    localTrustFile = root + LOCAL_TRUST_FILE;
+    serverTrustFile = root + SERVER_TRUST_FILE;
+    osPresetFile = root + OS_PRESET_FILE;
+    servicePresetFile = root + SERVICE_PRESET_FILE;
+    EnsureFile(localTrustFile);
+    EnsureFile(serverTrustFile);
+    headerBuffer.reset(new (std::nothrow) char[HEADER_BUFFER_BYTES]());
+    return headerBuffer != nullptr;
+}
+
+void ProcessManager::Deinit() {
+    headerBuffer.reset();
+}
+
+void ProcessManager::ForgetTask(const Framework::Task* task) {
+    const SDK::WriteGuard guard(reportTaskLock);
+    if (reportTask == task) {
+        reportTask = nullptr;
+    }
+}
+
+bool ProcessManager::Onstart() {
+    GetInterpreterName();
+    const bool learning = ConfigManager::Instance()->GetMod() == MOD_LEARN;
+    ReloadLocalTrust();
+    ReloadServerTrust();
+    if (SDK::FileUtils::IsFile(servicePresetFile)) {
+        LoadPresetProcInfoFromFile(servicePresetFile, ServicePresetMap());
+    }
+    if (SDK::FileUtils::IsFile(osPresetFile)) {
+        LoadPresetProcInfoFromFile(osPresetFile, OsPresetMap());
+    }
+    InitTrustProcess();
+    if (learning) {
+        // Last, so that the processes found running do not count as new.
+        persistedCount.store(CountLocalTrust());
+    }
+    return true;
+}
+
+void ProcessManager::Onstop() {
+    if (ConfigManager::Instance()->GetMod() == MOD_LEARN) {
+        HandleLearnProcessData();
+    }
+}
+
+// ---- Process record as JSON ------------------------------------------------------------------------
+
+bool ProcessManager::Json2ProcessInfo(ProcessInfo& info, const Json::Value& obj) const {
+    const auto readAll = [&] {
+        info.path = SDK::JsonUtils::GetStringValue(obj, "path", "");
+        if (info.path.empty()) {
+            return false;
+        }
+        info.name = SDK::JsonUtils::GetStringValue(obj, "name", "");
+        if (info.name.empty()) {
+            return false;
+        }
+        info.size = SDK::JsonUtils::GetInt64Value(obj, "size", 0);
+        if (info.size == 0) {
+            return false;
+        }
+        info.hash = SDK::JsonUtils::GetStringValue(obj, "hash", "");
+        if (info.hash.empty()) {
+            return false;
+        }
+        info.type = SDK::JsonUtils::GetIntValue(obj, "type", 0);
+        return true;
+    };
+    const bool complete = readAll();
+    if (info.type == MATCH_UNSET && !info.hash.empty()) {
+        info.type = MATCH_HASH;
+    }
+    return complete;
+}
+
+void ProcessManager::ProcessInfo2Json(const ProcessInfo& info, Json::Value& obj) const {
+    std::int64_t size = 0;
+    SDK::FileUtils::GetFileSize(info.path, size);
+    obj["name"] = info.name;
+    obj["path"] = info.path;
+    obj["hash"] = info.hash;
+    obj["size"] = static_cast<Json::Int64>(size);
+    obj["type"] = info.type;
+}
+
+// ---- Trust stores ----------------------------------------------------------------------------------
+
+bool ProcessManager::ReadLocalTrust(LocalTrustMap& entries) const {
+    std::string text;
+    if (SDK::FileUtils::ReadFile(localTrustFile, text, MAX_FILE_BYTES) != 0 || text.empty()) {
+        moduleLog.Error("InitLocalProcessFromFile read file error");
+        return false;
+    }
+    return ParseLocalTrust(text, entries);
+}
+
+bool ProcessManager::ParseLocalTrust(const std::string& text, LocalTrustMap& entries) const {
+    moduleLog.Debug("Process Info json is [%s]", text);
+    Json::Value list;
+    if (utils::list_document::Parse(text.data(), text.size(), list) != Shape::List) {
+        moduleLog.Error("ParseProcData failed.");
+        return false;
+    }
+    for (const Json::Value& element : list) {
+        throttle.Check();
+        ProcessInfo info;
+        if (Json2ProcessInfo(info, element)) {
+            entries.emplace(info.path, info);
+        }
+    }
+    return true;
+}
+
+void ProcessManager::MergeIntoLocalTrust(LocalTrustMap entries) {
+    const SDK::WriteGuard guard(localTrustLock);
+    // Keeps what is there: map::merge moves over only what has no equal.
+    localTrustMap.merge(entries);
+}
+
+// Replaces the list in one step: a program that is judged meanwhile finds the old list or the new
+// one, never an empty one.
+void ProcessManager::ReloadLocalTrust() {
+    LocalTrustMap entries;
+    ReadLocalTrust(entries);
+    const SDK::WriteGuard guard(localTrustLock);
+    localTrustMap.swap(entries);
+    localLoaded.store(true);
+}
+
+bool ProcessManager::InitLocalProcessFromFile() {
+    LocalTrustMap entries;
+    if (!ReadLocalTrust(entries)) {
+        return false;
+    }
+    MergeIntoLocalTrust(std::move(entries));
+    return true;
+}
+
+bool ProcessManager::ParseJsonProcessInfo(const char* data, std::size_t len) {
+    LocalTrustMap entries;
+    if (!ParseLocalTrust(std::string(data, len), entries)) {
+        return false;
+    }
+    MergeIntoLocalTrust(std::move(entries));
+    return true;
+}
+
+bool ProcessManager::PersistencyLocalProcess() {
+    const std::lock_guard<std::mutex> writing(persistLock);
+    std::int64_t sizeOnDisk = 0;
+    if (!localLoaded.load() && SDK::FileUtils::GetFileSize(localTrustFile, sizeOnDisk) == 0 && sizeOnDisk > 0) {
+        // The engine has not started yet: what is in memory knows nothing of what was learned before.
+        return false;
+    }
+    Json::Value list(Json::arrayValue);
+    for (const auto& [path, info] : CopyLocalTrust()) {
+        throttle.Check();
+        ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
+    }
+    const std::string text = utils::list_document::ToText(list);
+    if (ConfigManager::Instance()->GetDirMod() && !text.empty()) {
+        SendReport(REPORT_FULL_LIST, text);
+    }
+    return SDK::FileUtils::WriteFile(localTrustFile, text, false) == 0;
+}
+
+bool ProcessManager::HandleLearnProcessData() {
+    const std::size_t count = CountLocalTrust();
+    if (count != 0 && count != persistedCount.load()) {
+        if (PersistencyLocalProcess()) {
+            persistedCount.store(count);
+        }
+    } else {
+        moduleLog.Debug("no need to persistence");
+    }
+    return true;
+}
+
+bool ProcessManager::ReadServerTrustFile(std::string& text) const {
+    if (SDK::FileUtils::ReadFile(serverTrustFile, text, MAX_FILE_BYTES) != 0) {
+        moduleLog.Error("InitServerProcessFromFile read file failed");
+        return false;
+    }
+    return true;
+}
+
+bool ProcessManager::InitServerProcessFromFile() {
+    std::string text;
+    if (!ReadServerTrustFile(text)) {
+        return false;
+    }
+    SyncServerTrustProcess(text.data(), text.size());
+    return true;
+}
+
+// A start forgets the list in memory, but only for the one on disk: the swap is one step.
+void ProcessManager::ReloadServerTrust() {
+    std::string text;
+    if (!ReadServerTrustFile(text) || !ReplaceServerTrust(text.data(), text.size())) {
+        const SDK::WriteGuard guard(serverTrustLock);
+        serverTrustMap.clear();
+    }
+}
+
+void ProcessManager::SyncServerTrustProcess(const char* data, std::size_t len) {
+    ReplaceServerTrust(data, len);
+}
+
+// False, the list as it was, when the document cannot be parsed.
+bool ProcessManager::ReplaceServerTrust(const char* data, std::size_t len) {
+    Json::Value list(Json::arrayValue);
+    const Shape shape = utils::list_document::Parse(data, len, list);
+    if (shape == Shape::NotJson) {
+        moduleLog.Error("parse json of sync service trust process failed");
+        return false;
+    }
+    if (shape == Shape::NoList) {
+        moduleLog.Error("sync service trust process json is no expect");
+    }
+    ServerTrustMap groups;
+    for (const Json::Value& element : list) {
+        throttle.Check();
+        ProcessInfo info;
+        if (Json2ProcessInfo(info, element)) {
+            groups[info.name].push_back(info);
+        }
+    }
+    const SDK::WriteGuard guard(serverTrustLock);
+    serverTrustMap.swap(groups);
+    return true;
+}
+
+bool ProcessManager::PersistencyServerProcess(const char* data, std::size_t len) {
+    if (SDK::FileUtils::WriteFile(serverTrustFile, data, len, false) != 0) {
+        moduleLog.Error("Persistency Server Process Failed");
+        return false;
+    }
+    return true;
+}
+
+bool ProcessManager::SyncOsPresetProcess(const char* data, std::size_t len) {
+    return data != nullptr && ParsePresetProcMapFromFile(std::string(data, len).c_str(), osPresetFile, OsPresetMap());
+}
+
+bool ProcessManager::SyncServicePresetProcess(const char* data, std::size_t len) {
+    return data != nullptr &&
+           ParsePresetProcMapFromFile(std::string(data, len).c_str(), servicePresetFile, ServicePresetMap());
+}
+
+bool ProcessManager::ParsePresetProcMapFromFile(const char* doc, const std::string& file, PresetMap& preset) {
+    return DownloadFileFromPolicy(doc, file) && LoadPresetProcInfoFromFile(file, preset);
+}
+
+bool ProcessManager::DownloadFileFromPolicy(const char* doc, const std::string& file) {
+    Json::Value command;
+    if (SDK::JsonUtils::ParseJsonStr(doc, command) != 0) {
+        return false;
+    }
+    const std::string url = SDK::JsonUtils::GetStringValue(command, "url", "");
+    const std::string hash = SDK::JsonUtils::GetStringValue(command, "hash", "");
+    if (url.empty() || hash.size() != SHA256_CHARACTERS) {
+        return false;
+    }
+    if (CheckFileHash(file, hash)) {
+        moduleLog.Information("no need to reload [%s]", file);
+        return true;
+    }
+    const int result = SDK::HttpUtils::GetInstance()->Download(url, hash, file, "", "");
+    if (result != HTTP_OK) {
+        moduleLog.Error("download failed. [%s] [%s] [%d]", url, file, result);
+        return false;
+    }
+    return true;
+}
+
+bool ProcessManager::CheckFileHash(const std::string& file, const std::string& sha256) {
+    if (!SDK::FileUtils::IsFile(file)) {
+        return false;
+    }
+    std::string digest;
+    if (SDK::FileUtils::GetFileSha256(file, digest, MAX_FILE_BYTES) != 0) {
+        moduleLog.Error("Get file [%s] hash failed", file);
+        return false;
+    }
+    if (digest != sha256) {
+        moduleLog.Information("expect has [%s] real [%s]", sha256, digest);
+        return false;
+    }
+    return true;
+}
+
+bool ProcessManager::LoadPresetProcInfoFromFile(const std::string& file, PresetMap& preset) {
+    std::string text;
+    if (SDK::FileUtils::ReadFile(file, text, MAX_FILE_BYTES) != 0 || text.empty()) {
+        moduleLog.Error("Read file [%s] failed or empty", file);
+        return false;
+    }
+    Json::Value list(Json::arrayValue);
+    const Shape shape = utils::list_document::Parse(text.data(), text.size(), list);
+    if (shape == Shape::NotJson) {
+        moduleLog.Error("parse preset json failed");
+        return false;
+    }
+    if (shape == Shape::NoList) {
+        moduleLog.Error("preset json is not expect");
+    }
+    PresetMap entries;
+    for (const Json::Value& element : list) {
+        throttle.Check();
+        PresetProcessInfo info;
+        info.filename = SDK::JsonUtils::GetStringValue(element, "filename", "");
+        info.sha256 = SDK::JsonUtils::GetStringValue(element, "sha256", "");
+        info.os = SDK::JsonUtils::GetStringValue(element, "os", "");
+        info.version = SDK::JsonUtils::GetStringValue(element, "version", "");
+        entries.emplace(info.sha256, info);
+    }
+    const SDK::WriteGuard guard(presetLock);
+    preset.swap(entries);
+    return shape == Shape::List;
+}
+
+bool ProcessManager::ParseProcessArrayPolicy(const Json::Value& root, const char* key,
+                                             std::map<std::string, ProcessInfo>& byName) {
+    Json::Value list;
+    if (!utils::list_document::TakeList(root, key, list)) {
+        return false;
+    }
+    for (const Json::Value& element : list) {
+        throttle.Check();
+        ProcessInfo info;
+        if (Json2ProcessInfo(info, element) && !byName.emplace(info.name, info).second) {
+            moduleLog.Error("Confilct Trust Process Name %s", info);
+        }
+    }
+    return true;
+}
+
+bool ProcessManager::InitTrustProcess() {
+    const Poco::AutoPtr<ProcsFullTask> table = FindProcsFullTask();
+    const ProcsFullTask::ProcsMap processes = table ? table->GetProcsMap() : ProcsFullTask::ProcsMap();
+    moduleLog.Trace("ProcsMap size [%z]", processes.size());
+    if (processes.size() > MAX_RUNNING_PROCESSES) {
+        SendModRunErrorMessage("Too Many Running Proc");
+        moduleLog.Error("Module Cann't Start, due to process id size %d", static_cast<int>(processes.size()));
+        return false;
+    }
+    for (const auto& [pid, process] : processes) {
+        throttle.Check();
+        ProcessInfo info = RecordOf(process);
+        if (!info.hash.empty()) {
+            ConsiderRunningProcess(std::move(info));
+        }
+    }
+    return true;
+}
+
+void ProcessManager::ConsiderRunningProcess(ProcessInfo info) {
+    AntiransonwareProcessUtils::CheckInterpreterProcess(info, GetInterpreterNames());
+    if (ConfigManager::Instance()->GetDirMod()) {
+        info.trusted = IsTrustProcess(info);
+        const SDK::WriteGuard guard(allProcessLock);
+        const auto [row, isNew] = allProcessMap.emplace(info.pid, info);
+        row->second.trusted = info.trusted;
+    } else if (ConfigManager::Instance()->GetMod() == MOD_LEARN) {
+        UpdateLocalProcessInfo(info);
+    }
+}
+
+// ---- Trust decision --------------------------------------------------------------------------------
+
+bool ProcessManager::IsTrustProcess(ProcessInfo& info) {
+    if (IsTrustProcessInMap(info, LocalTrust())) {
+        return true;
+    }
+    PresetProcessInfo found;
+    if (IsTrustProcessInGlobal(info) || IsTrustPresetProcess(info.hash, OsPresetMap(), found) ||
+        IsTrustPresetProcess(info.hash, ServicePresetMap(), found)) {
+        Adopt(info);
+        return true;
+    }
+    return false;
+}
+
+void ProcessManager::Adopt(const ProcessInfo& info) {
+    UpdateLocalProcessInfo(info);
+    ReportNewTrustProcess(info);
+    PersistencyLocalProcess();
+}
+
+bool ProcessManager::IsTrustProcessInMap(ProcessInfo& info, LocalTrustMap& byPath) {
+    std::int32_t storedType = MATCH_UNSET;
+    std::string storedHash;
+    {
+        const SDK::ReadGuard guard(localTrustLock);
+        const auto stored = byPath.find(info.path);
+        if (stored == byPath.end()) {
+            return false;
+        }
+        storedType = stored->second.type;
+        storedHash = stored->second.hash;
+    }
+    if (info.type == MATCH_PATH) {
+        return true;
+    }
+    AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
+    return storedType == info.type && info.type == MATCH_HASH && storedHash == info.hash;
+}
+
+bool ProcessManager::IsTrustProcessInGlobal(ProcessInfo& info) {
+    std::vector<ProcessInfo> group;
+    {
+        const SDK::ReadGuard guard(serverTrustLock);
+        const auto found = serverTrustMap.find(info.name);
+        if (found == serverTrustMap.end()) {
+            return false;
+        }
+        group = found->second;
+    }
+    for (const ProcessInfo& entry : group) {
+        if (entry.type != info.type || (info.type != MATCH_HASH && info.type != MATCH_PATH)) {
+            continue;
+        }
+        AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
+        if (info.type == MATCH_HASH ? entry.hash == info.hash : entry.path == info.path) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ProcessManager::IsTrustPresetProcess(const std::string& sha256, PresetMap& preset, PresetProcessInfo& found) {
+    const SDK::ReadGuard guard(presetLock);
+    const auto entry = preset.find(sha256);
+    if (entry == preset.end()) {
+        return false;
+    }
+    found = entry->second;
+    return true;
+}
+
+bool ProcessManager::IsWhiteHash(const std::string& sha256, const std::string& path, int& source) {
+    {
+        const SDK::ReadGuard guard(localTrustLock);
+        const auto stored = localTrustMap.find(path);
+        if (stored != localTrustMap.end() && stored->second.hash == sha256) {
+            source = SOURCE_LOCAL;
+            return true;
+        }
+    }
+    {
+        const SDK::ReadGuard guard(serverTrustLock);
+        const auto group = serverTrustMap.find(SDK::PathUtils::GetFileNameFromPath(path));
+        if (group != serverTrustMap.end()) {
+            for (const ProcessInfo& entry : group->second) {
+                if (entry.hash == sha256) {
+                    source = SOURCE_SERVER;
+                    return true;
+                }
+            }
+        }
+    }
+    PresetProcessInfo found;
+    if (IsTrustPresetProcess(sha256, OsPresetMap(), found)) {
+        source = SOURCE_OS_PRESET;
+        return true;
+    }
+    if (IsTrustPresetProcess(sha256, ServicePresetMap(), found)) {
+        source = SOURCE_SERVICE_PRESET;
+        return true;
+    }
+    return false;
+}
+
+bool ProcessManager::ProcessVerify(int pid) {
+    std::string path;
+    SDK::ProcessUtils::GetProcessExePath(pid, path);
+    if (path.empty() || SDK::ProcessUtils::IsAuthorizedProcess(pid)) {
+        return true;
+    }
+    std::string digest;
+    if (!ReadImageDigest(path, digest) || digest.empty()) {
+        return true;
+    }
+    int source = 0;
+    if (!IsWhiteHash(digest, path, source)) {
+        moduleLog.Information("process [%s] [%s] is not in white hash list", SDK::PathUtils::GetFileNameFromPath(path),
+                              path);
+        return false;
+    }
+    return true;
+}
+
+// The digest that the lists know the image by: for a prelinked file that of the original. False when
+// the original cannot be had.
+bool ProcessManager::ReadImageDigest(const std::string& path, std::string& digest) {
+    if (!IsPrelinkedProcess(path.c_str())) {
+        SDK::FileUtils::GetFileSha256(path, digest, MAX_FILE_BYTES);
+        return true;
+    }
+    if (!RevertPrelinkedProcessHash(path, digest)) {
+        moduleLog.Error("Revert prelinked process hash failed");
+        return false;
+    }
+    return true;
+}
+
+bool ProcessManager::IsPrelinkedProcess(const char* path) {
+    char resolved[PATH_MAX + 1] = {};
+    if (path == nullptr || realpath(path, resolved) == nullptr) {
+        return false;
+    }
+    switch (utils::elf::FindSectionOfType(resolved, PRELINK_SECTION_TYPE)) {
+    case utils::elf::SectionSearch::CannotOpen:
+        moduleLog.Trace("open file failed.");
+        return false;
+    case utils::elf::SectionSearch::NotElf:
+        moduleLog.Debug("not an elf file!");
+        return false;
+    case utils::elf::SectionSearch::BadHeaderSize:
+        moduleLog.Debug("ELF file header size is err!");
+        return false;
+    case utils::elf::SectionSearch::NotFound:
+        return false;
+    case utils::elf::SectionSearch::Found:
+        return true;
+    }
+    return false;
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+bool ProcessManager::RevertPrelinkedProcessHash(std::string path, std::string& sha256) {
+    const std::string name = SDK::PathUtils::GetFileNameFromPath(path);
+    const std::string temp = "/tmp/" + name + "." + std::to_string(getpid());
+    std::string output;
+    SDK::ExecuteCmdUtils::ExecuteCmd("prelink -u '" + path + "' -o '" + temp + "'", output, PRELINK_OUTPUT_BYTES);
+    std::string digest;
+    if (SDK::FileUtils::GetFileSha256(temp, digest, MAX_FILE_BYTES) != 0) {
+        moduleLog.Error("Get file [%s] hash failed", name);
+        return false;
+    }
+    sha256 = digest;
+    SDK::FileUtils::RemoveFile(temp);
+    return true;
+}
+
+void ProcessManager::GetInterpreterName() {
+    std::vector<std::string> names;
+    char resolved[PATH_MAX] = {};
+    if (realpath(SHELLS_FILE, resolved) != nullptr) {
+        std::ifstream shells(resolved);
+        std::string line;
+        while (std::getline(shells, line)) {
+            throttle.Check();
+            char shell[PATH_MAX] = {};
+            if (line.size() < LINE_BYTES && realpath(SDK::StrUtils::Trim(line).c_str(), shell) != nullptr) {
+                names.push_back(SDK::PathUtils::GetFileNameFromPath(shell));
+            }
+        }
+    }
+    names.emplace_back(PYTHON);
+    const SDK::WriteGuard guard(interpreterLock);
+    interpreterNames.swap(names);
+}
+
+std::vector<std::string> ProcessManager::GetInterpreterNames() const {
+    const SDK::ReadGuard guard(interpreterLock);
+    return interpreterNames;
+}
+
+void ProcessManager::UpdateLocalProcessInfo(const ProcessInfo& info) {
+    const SDK::WriteGuard guard(localTrustLock);
+    localTrustMap.emplace(info.path, info);
+}
+
+// ---- Process tracking and enforcement --------------------------------------------------------------
+
+bool ProcessManager::OnProcessNotify(unsigned int kind, int pid, int ppid) {
+    if (ConfigManager::Instance()->GetDirMod()) {
+        ProcessManageWithDirMod(kind, pid, ppid);
+        return true;
+    }
+    if (ConfigManager::Instance()->GetMod() == MOD_LEARNED) {
+        return true;
+    }
+    if (kind == ProcsMessage::KIND_EXEC || kind == ProcsMessage::KIND_FORK) {
+        return ProcessManageWithGlobalMod(pid);
+    }
+    return false;
+}
+
+void ProcessManager::ProcessManageWithDirMod(unsigned int kind, int pid, int ppid) {
+    if (headerBuffer) {
+        std::memset(headerBuffer.get(), 0, HEADER_BUFFER_BYTES);
+    }
+    if (kind == ProcsMessage::KIND_EXEC) {
+        OnProcessCreate(pid);
+    } else if (kind == ProcsMessage::KIND_EXIT) {
+        OnProcessExit(pid);
+    } else if (kind == ProcsMessage::KIND_FORK) {
+        if (ppid == EXIT_PARENT) {
+            moduleLog.Information("PROCS_NATIVE_EXIT flag,not PROCS_NATIVE_FORK,skip it");
+        } else {
+            OnProcessFork(pid, ppid);
+        }
+    }
+}
+
+bool ProcessManager::ProcessManageWithGlobalMod(int pid) {
+    ProcessInfo info(pid);
+    if (SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0) {
+        return false;
+    }
+    AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
+    AntiransonwareProcessUtils::GetProcessNameFromImage(info);
+    if (info.cmdline.empty()) {
+        AntiransonwareProcessUtils::RetreiveProcessCmdLine(info);
+    }
+    AntiransonwareProcessUtils::CheckInterpreterProcess(info, GetInterpreterNames());
+    const std::int64_t mod = ConfigManager::Instance()->GetMod();
+    if (mod == MOD_LEARN) {
+        LearnProcess(info);
+    } else if (mod == MOD_DETECT && !ProcessVerify(pid)) {
+        PunishProcess(info);
+    }
+    return true;
+}
+
+void ProcessManager::LearnProcess(const ProcessInfo& info) {
+    const SDK::WriteGuard guard(increaseLock);
+    if (increaseMap.count(info.path) != 0) {
+        moduleLog.Debug("Increament map size [%d]", static_cast<int>(increaseMap.size()));
+        return;
+    }
+    moduleLog.Debug("add [%s] hash [%s] to increament map", info.path, info.hash);
+    increaseMap.emplace(info.path, info);
+}
+
+// Reports the untrusted process and, when the policy asks for it and the lists allow it, has it
+// isolated first.
+void ProcessManager::PunishProcess(const ProcessInfo& info) {
+    bool isolated = false;
+    if (ConfigManager::Instance()->GetActionBlock() == 1 && IsBlockingAllowed()) {
+        Poco::AutoPtr<IsolateTask> isolateTask = Framework::Engine::FindTask(ISOLATE_TASK).cast<IsolateTask>();
+        if (!isolateTask) {
+            moduleLog.Error("get isolate ptr failed");
+        } else {
+            bool kill = true;
+            bool chmod = true;
+            bool quarantine = false;
+            isolated = isolateTask->Isolate(info.pid, info.path, kill, chmod, quarantine);
+            moduleLog.Information("isolate file [%s] ret :%s kill :%s chmod :%s", info.path, ToText(isolated),
+                                  ToText(kill), ToText(chmod));
+        }
+    }
+    ReportSuspiciousProcess(isolated, info);
+}
+
+bool ProcessManager::IsBlockingAllowed() const {
+    std::size_t entries = CountLocalTrust() + CountOsPreset() + CountServicePreset();
+    {
+        // The server list counts by names.
+        const SDK::ReadGuard guard(serverTrustLock);
+        entries += serverTrustMap.size();
+    }
+    return entries > BLOCKING_FLOOR;
+}
+
+bool ProcessManager::OnProcessCreate(int pid) {
+    ProcessInfo info(pid);
+    if (SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0) {
+        return true;
+    }
+    AntiransonwareProcessUtils::CheckInterpreterProcess(info, GetInterpreterNames());
+    AddToAllProcessMap(info);
+    // The row keeps its "not trusted": who needs the verdict decides anew. What counts here is the
+    // adoption that the decision may bring.
+    info.trusted = IsTrustProcess(info);
+    return true;
+}
+
+bool ProcessManager::OnProcessFork(int child, int parent) {
+    const ProcessInfo* parentInfo = GetProcessInfoFromID(parent);
+    if (parentInfo == nullptr || parent == INIT_PID) {
+        return OnProcessCreate(child);
+    }
+    ProcessInfo info = *parentInfo;
+    info.pid = child;
+    info.ppid = parent;
+    AddToAllProcessMap(info);
+    return true;
+}
+
+bool ProcessManager::OnProcessExit(int pid) {
+    SetProcessExitToAllProcessMap(pid);
+    return true;
+}
+
+void ProcessManager::SetProcessExitToAllProcessMap(int pid) {
+    const SDK::WriteGuard guard(allProcessLock);
+    const auto row = allProcessMap.find(pid);
+    if (row != allProcessMap.end()) {
+        row->second.exited = true;
+    }
+}
+
+void ProcessManager::DelExitedAllProcess() {
+    const SDK::WriteGuard guard(allProcessLock);
+    std::erase_if(allProcessMap, [](const auto& row) { return row.second.exited; });
+}
+
+bool ProcessManager::AddToAllProcessMap(const ProcessInfo& info) {
+    const SDK::WriteGuard guard(allProcessLock);
+    return allProcessMap.insert_or_assign(info.pid, info).second;
+}
+
+ProcessInfo* ProcessManager::GetProcessInfoFromID(int pid) {
+    thread_local ProcessInfo copy;
+    const SDK::ReadGuard guard(allProcessLock);
+    const auto row = allProcessMap.find(pid);
+    if (row == allProcessMap.end()) {
+        return nullptr;
+    }
+    copy = row->second;
+    return &copy;
+}
+
+ProcessInfo* ProcessManager::GetProcessInfoFromIDDefinite(int pid) {
+    ProcessInfo* info = GetProcessInfoFromID(pid);
+    if (info == nullptr) {
+        OnProcessCreate(pid);
+        info = GetProcessInfoFromID(pid);
+    }
+    return info;
+}
+
+ProcessInfo* ProcessManager::GetParentProcessInfo(const ProcessInfo& info) {
+    return GetProcessInfoFromID(info.ppid);
+}
+
+int ProcessManager::OnIncProcessRecord(unsigned int kind, int /*pid*/, int /*ppid*/) {
+    if (kind == ProcsMessage::KIND_EXIT) {
+        return 0;
+    }
+    increaseLock.LockWrite();
+    return increaseLock.UnlockWrite();
+}
+
+bool ProcessManager::GetIncreaseProcess(std::string& out) {
+    LocalTrustMap learned;
+    {
+        const SDK::WriteGuard guard(increaseLock);
+        learned.swap(increaseMap);
+    }
+    if (learned.empty()) {
+        moduleLog.Debug("increament map is empty");
+        return false;
+    }
+    Json::Value list(Json::arrayValue);
+    for (const auto& [path, info] : learned) {
+        throttle.Check();
+        if (!path.empty()) {
+            ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
+        }
+    }
+    out = utils::list_document::ToText(list);
+    MergeIntoLocalTrust(std::move(learned));
+    return true;
+}
+
+bool ProcessManager::GetAllProcess(std::string& out) {
+    const Poco::AutoPtr<ProcsFullTask> table = FindProcsFullTask();
+    if (!table) {
+        moduleLog.Error("Get full proc failed");
+        return false;
+    }
+    const ProcsFullTask::ProcsMap processes = table->GetProcsMap();
+    if (processes.empty()) {
+        moduleLog.Error("proc map is empty");
+        return false;
+    }
+    Json::Value list(Json::arrayValue);
+    for (const auto& [pid, process] : processes) {
+        throttle.Check();
+        ProcessInfo info = RecordOf(process);
+        info.type = MATCH_HASH;
+        ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
+    }
+    out = utils::list_document::ToText(list);
+    return true;
+}
+
+bool ProcessManager::ProcessIsolate(int pid, const char* path, const char* /*name*/, bool& kill, bool& chmod) {
+    std::string image;
+    if (SDK::ProcessUtils::GetProcessExePath(pid, image) != 0) {
+        return false;
+    }
+    const std::string file = path != nullptr && *path != '\0' ? path : image;
+    struct stat status {};
+    static_cast<void>(stat(file.c_str(), &status));
+    chmod = ::chmod(file.c_str(), ISOLATED_MODE) == 0;
+    kill = ::kill(pid, SIGKILL) == 0;
+    moduleLog.Information("pid:%d filepath:%s kill:%s, iso:%s mod:%d", pid, file, ToText(kill), ToText(chmod),
+                          static_cast<int>(status.st_mode));
+    return true;
+}
+
+// ---- Reports ---------------------------------------------------------------------------------------
+
+void ProcessManager::SendReport(const char* type, const std::string& text) const {
+    // Held through the send, so that the task cannot be destroyed under it.
+    const SDK::ReadGuard guard(reportTaskLock);
+    if (reportTask != nullptr) {
+        reportTask->SendDirectMsg(REPORT_TASK, new Framework::DataMessage(type, text));
+    }
+}
+
+void ProcessManager::ReportSuspiciousProcess(bool block, const ProcessInfo& info) {
+    Json::Value event(Json::objectValue);
+    event["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
+    event["event_name"] = "white list alert process";
+    event["event_classid"] = REPORT_ALERT;
+    event["occur_time"] = static_cast<Json::Int64>(SDK::TimeUtils::GetCurrentTimestampS());
+    event["event_category"] = 1000;
+    event["event_type"] = 1013;
+    event["serverity"] = 2;
+    event["event_count"] = 1;
+    event["attack_phase"] = 6;
+    event["attack_tag"] = 4;
+    event["confidence"] = 60;
+    event["detect_module"] = LOGGER_NAME;
+    event["process_info"] = DescribeProcess(block, info);
+    SendReport(REPORT_ALERT, SDK::JsonUtils::JsonToString(event));
+}
+
+Json::Value ProcessManager::DescribeProcess(bool block, const ProcessInfo& info) const {
+    Json::Value process(Json::objectValue);
+    process["process_pid"] = info.pid;
+    SDK::ProcessUtils::procStatus status;
+    if (SDK::ProcessUtils::GetProcessStatusInfo(info.pid, status) != 0) {
+        moduleLog.Error("Get process status info failed, maybe it has dead");
+    }
+    process["parent_process_pid"] = status.ppid;
+    process["process_uid"] = status.uid;
+    process["process_euid"] = status.euid;
+    process["process_gid"] = status.gid;
+    process["process_egid"] = status.egid;
+    std::string user;
+    SDK::ProcessUtils::GetProcessUser(info.ppid, user);
+    process["process_username"] = user;
+    process["process_path"] = info.path;
+    process["process_cmdline"] = info.cmdline;
+    std::int64_t startTime = 0;
+    SDK::ProcessUtils::GetProcessStartTime(info.pid, startTime);
+    process["process_start_time"] = static_cast<Json::Int64>(startTime);
+    process["process_hash"] = info.hash;
+    struct stat file {};
+    if (stat(info.path.c_str(), &file) == 0) {
+        process["file_size"] = static_cast<Json::Int64>(file.st_size);
+        process["file_mtime"] = static_cast<Json::Int64>(file.st_mtime);
+        process["file_ctime"] = static_cast<Json::Int64>(file.st_ctime);
+        process["file_attr"] = Poco::format("%o", static_cast<unsigned>(file.st_mode & 0777));
+    }
+    process["block"] = block ? 1 : 0;
+    return process;
+}
+
+void ProcessManager::ReportNewTrustProcess(const ProcessInfo& info) const {
+    Json::Value entry(Json::objectValue);
+    ProcessInfo2Json(info, entry);
+    SendReport(REPORT_NEW_PROCESSES, utils::list_document::ToText(entry));
+}
+
+void ProcessManager::SendModRunErrorMessage(const char* text) {
+    Json::Value error(Json::objectValue);
+    error["runerr"] = text;
+    SendReport(REPORT_RUN_ERROR, SDK::JsonUtils::JsonToString(error));
+}
+
+// ---- What an operator may look at ------------------------------------------------------------------
+
+ProcessManager::LocalTrustMap ProcessManager::CopyLocalTrust() const {
+    const SDK::ReadGuard guard(localTrustLock);
+    return localTrustMap;
+}
+
+ProcessManager::ServerTrustMap ProcessManager::CopyServerTrust() const {
+    const SDK::ReadGuard guard(serverTrustLock);
+    return serverTrustMap;
+}
+
+ProcessManager::PresetMap ProcessManager::CopyOsPreset() const {
+    const SDK::ReadGuard guard(presetLock);
+    return osPresetMap;
+}
+
+ProcessManager::PresetMap ProcessManager::CopyServicePreset() const {
+    const SDK::ReadGuard guard(presetLock);
+    return servicePresetMap;
+}
+
+std::size_t ProcessManager::CountLocalTrust() const {
+    const SDK::ReadGuard guard(localTrustLock);
+    return localTrustMap.size();
+}
+
+std::size_t ProcessManager::CountServerTrust() const {
+    const SDK::ReadGuard guard(serverTrustLock);
+    std::size_t count = 0;
+    for (const auto& [name, group] : serverTrustMap) {
+        count += group.size();
+    }
+    return count;
+}
+
+std::size_t ProcessManager::CountOsPreset() const {
+    const SDK::ReadGuard guard(presetLock);
+    return osPresetMap.size();
+}
+
+std::size_t ProcessManager::CountServicePreset() const {
+    const SDK::ReadGuard guard(presetLock);
+    return servicePresetMap.size();
+}
+
+} // namespace Engine

@@ -1,0 +1,253 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+#include "ProcessInfo.h"
+#include "framework/Task.h"
+#include "sdk/RwLock.h"
+
+namespace Engine {
+
+// The trust engine: every list that decides whether a program may run, the decision, the tracking of
+// processes, and what is reported of it all.
+//
+// Four lists vouch for a program:
+//
+//     local            what was learned here, by path        conf/whitelist.data
+//     server           what the server sent, by name         conf/arsserverproc.data
+//     OS preset        downloaded, by digest                 conf/osPresetProcess.dat
+//     service preset   downloaded, by digest                 conf/servicePresetProcess.dat
+//
+// What is learned passes through the increase map:
+//
+//     learned by an event  ──►  increaseMap  ──drained by a report──►  localTrustMap ──►  its file
+//
+// One instance. Process events come on one thread, commands on another, the reporting and clock
+// tasks on theirs; every table has a lock, each is taken for its table alone and no two are ever held
+// together. Nothing is hashed, downloaded or written while one is held. Nothing throws.
+class ProcessManager {
+public:
+    static ProcessManager* Instance();
+
+    using LocalTrustMap = std::map<std::string, ProcessInfo>;               // by path
+    using ServerTrustMap = std::map<std::string, std::vector<ProcessInfo>>; // by name, in file order
+    using PresetMap = std::map<std::string, PresetProcessInfo>;             // by digest
+
+    // Which list vouched for a digest.
+    enum TrustSource { SOURCE_LOCAL = 1, SOURCE_SERVER = 2, SOURCE_OS_PRESET = 3, SOURCE_SERVICE_PRESET = 4 };
+
+    // More running processes than this and they are not looked at when the engine starts.
+    static constexpr std::size_t MAX_RUNNING_PROCESSES = 100000;
+    // Nothing is blocked unless the four lists together hold more entries than this: a host whose
+    // lists are nearly empty would be killed as a whole.
+    static constexpr std::size_t BLOCKING_FLOOR = 50;
+
+    // ---- Life --------------------------------------------------------------------------------------
+
+    // Takes the task (a Framework::Task*) through which reports are sent, finds the four files, and
+    // creates the local and the server file empty where missing. False when `task` is null or there is
+    // no installation path. The task must call ForgetTask before it is destroyed.
+    bool Init(void* task);
+    void Deinit();
+    void ForgetTask(const Framework::Task* task);
+
+    // Loads the four lists, replacing what is in memory, and looks at the running processes: in
+    // learning mode they become trusted, in directory mode they fill the table. Always true.
+    bool Onstart();
+    // In learning mode persists what was learned.
+    void Onstop();
+
+    // ---- Process record as JSON ----------------------------------------------------------------------
+
+    // {"name", "path", "hash", "size", "type"}. False when one of the first four is missing or empty;
+    // fields read before that stay set. A record with a hash and no type is one of MATCH_HASH.
+    bool Json2ProcessInfo(ProcessInfo& info, const Json::Value& obj) const;
+    // "size" is that of the file now, 0 when it cannot be had; such an entry is dropped on the next
+    // load.
+    void ProcessInfo2Json(const ProcessInfo& info, Json::Value& obj) const;
+
+    // ---- Trust stores --------------------------------------------------------------------------------
+
+    // Add the file's entries to the local list; the first entry of a path stays. False when the file
+    // cannot be read or is no list document.
+    bool InitLocalProcessFromFile();
+    bool ParseJsonProcessInfo(const char* data, std::size_t len);
+    // Writes the local list to its file and, in directory mode, sends it. A list that was never loaded
+    // does not replace one on disk. True when the file was written.
+    bool PersistencyLocalProcess();
+    // Persists the local list if its size changed since it was last written. Always true.
+    bool HandleLearnProcessData();
+
+    bool InitServerProcessFromFile();
+    // Replaces the server list in memory. An unparsable document changes nothing; one of another shape
+    // empties the list.
+    void SyncServerTrustProcess(const char* data, std::size_t len);
+    // Writes the document to the server list's file, so that it is loaded again at the next start.
+    bool PersistencyServerProcess(const char* data, std::size_t len);
+
+    // Handle {"url", "hash"}: fetch the list unless the file on disk has that digest already, then load
+    // it. False when it could not be fetched or loaded.
+    bool SyncOsPresetProcess(const char* data, std::size_t len);
+    bool SyncServicePresetProcess(const char* data, std::size_t len);
+    bool ParsePresetProcMapFromFile(const char* doc, const std::string& file, PresetMap& preset);
+    bool DownloadFileFromPolicy(const char* doc, const std::string& file);
+    bool LoadPresetProcInfoFromFile(const std::string& file, PresetMap& preset);
+    bool CheckFileHash(const std::string& file, const std::string& sha256);
+
+    // Reads the entries under `key` of `root` into `byName`; of two with one name the first stays.
+    bool ParseProcessArrayPolicy(const Json::Value& root, const char* key, std::map<std::string, ProcessInfo>& byName);
+
+    // Looks at every running process; see Onstart. False when there are more than
+    // MAX_RUNNING_PROCESSES, which the server is told.
+    bool InitTrustProcess();
+
+    // ---- Trust decision ------------------------------------------------------------------------------
+
+    // Decides on a record, filling its details where needed. A process that the server list or a preset
+    // list vouches for is adopted into the local list, reported and persisted, in every mode: it stays
+    // trusted when that list changes.
+    bool IsTrustProcess(ProcessInfo& info);
+    bool IsTrustProcessInMap(ProcessInfo& info, LocalTrustMap& byPath);
+    bool IsTrustProcessInGlobal(ProcessInfo& info);
+    bool IsTrustPresetProcess(const std::string& sha256, PresetMap& preset, PresetProcessInfo& found);
+
+    // Looks a digest up in the four lists, in their order, and says in `source` which one has it;
+    // `source` is untouched when none has. Adopts nothing, ignores the matching kind.
+    bool IsWhiteHash(const std::string& sha256, const std::string& path, int& source);
+
+    // Decides on a live process by the digest of its image alone. Fails open: a process whose image
+    // cannot be found or read is let go, and so are the agent's own.
+    bool ProcessVerify(int pid);
+
+    // True for a 64-bit ELF file that the prelink tool has rewritten.
+    bool IsPrelinkedProcess(const char* path);
+    // The digest that the file had before prelink rewrote it.
+    bool RevertPrelinkedProcessHash(std::string path, std::string& sha256);
+
+    // Rebuilds the names of interpreters from /etc/shells, and "python".
+    void GetInterpreterName();
+    std::vector<std::string> GetInterpreterNames() const;
+
+    // Adds the record to the local list unless its path is there already.
+    void UpdateLocalProcessInfo(const ProcessInfo& info);
+
+    // ---- Process tracking and enforcement ------------------------------------------------------------
+
+    // One process event: 1 executed, 2 forked (`pid` the child), 3 exited. The result is that of the
+    // work done; an exit outside directory mode is nobody's (false).
+    bool OnProcessNotify(unsigned int kind, int pid, int ppid);
+    void ProcessManageWithDirMod(unsigned int kind, int pid, int ppid);
+    // Learns or verifies the process, reports and isolates it when it is not trusted.
+    bool ProcessManageWithGlobalMod(int pid);
+
+    bool OnProcessCreate(int pid);
+    bool OnProcessFork(int child, int parent);
+    bool OnProcessExit(int pid);
+    void SetProcessExitToAllProcessMap(int pid);
+    void DelExitedAllProcess();
+
+    // Inserts or overwrites the row of the record's pid; true when it is a new one.
+    bool AddToAllProcessMap(const ProcessInfo& info);
+
+    // The row of the pid, null when there is none; Definite makes one on a miss. The result is a copy
+    // of this thread's own, good until its next look-up, so that a row which is overwritten or removed
+    // meanwhile hurts nobody.
+    ProcessInfo* GetProcessInfoFromID(int pid);
+    ProcessInfo* GetProcessInfoFromIDDefinite(int pid);
+    ProcessInfo* GetParentProcessInfo(const ProcessInfo& info);
+
+    int OnIncProcessRecord(unsigned int kind, int pid, int ppid);
+
+    // Takes what was learned since the last call as a list document and moves it to the local list.
+    // False, `out` untouched, when there is nothing.
+    bool GetIncreaseProcess(std::string& out);
+    // Every running process as a list document.
+    bool GetAllProcess(std::string& out);
+
+    // Isolation without the isolate task: makes `path` (the process's image when it is empty) readable
+    // by its owner only and kills the process; says in `kill` and `chmod` what succeeded. False when
+    // the process is gone. Not used while there is an isolate task.
+    bool ProcessIsolate(int pid, const char* path, const char* name, bool& kill, bool& chmod);
+
+    // ---- Reports -------------------------------------------------------------------------------------
+
+    // The alert about an untrusted process.
+    void ReportSuspiciousProcess(bool block, const ProcessInfo& info);
+    void ReportNewTrustProcess(const ProcessInfo& info) const;
+    void SendModRunErrorMessage(const char* text);
+
+    // ---- What an operator may look at ----------------------------------------------------------------
+
+    LocalTrustMap CopyLocalTrust() const;
+    ServerTrustMap CopyServerTrust() const;
+    PresetMap CopyOsPreset() const;
+    PresetMap CopyServicePreset() const;
+    std::size_t CountLocalTrust() const;
+    std::size_t CountServerTrust() const; // entries, not names
+    std::size_t CountOsPreset() const;
+    std::size_t CountServicePreset() const;
+
+private:
+    ProcessManager() = default;
+
+    bool ReadLocalTrust(LocalTrustMap& entries) const;
+    bool ParseLocalTrust(const std::string& text, LocalTrustMap& entries) const;
+    void MergeIntoLocalTrust(LocalTrustMap entries);
+    void ReloadLocalTrust();
+
+    bool ReadServerTrustFile(std::string& text) const;
+    bool ReplaceServerTrust(const char* data, std::size_t len);
+    void ReloadServerTrust();
+
+    void ConsiderRunningProcess(ProcessInfo info);
+    void Adopt(const ProcessInfo& info);
+    bool ReadImageDigest(const std::string& path, std::string& digest);
+
+    void LearnProcess(const ProcessInfo& info);
+    void PunishProcess(const ProcessInfo& info);
+    bool IsBlockingAllowed() const;
+
+    void SendReport(const char* type, const std::string& text) const;
+    Json::Value DescribeProcess(bool block, const ProcessInfo& info) const;
+
+    // The preset maps as what they are named by, for calls that take the lock themselves.
+    PresetMap& OsPresetMap() NO_THREAD_SAFETY_ANALYSIS { return osPresetMap; }
+    PresetMap& ServicePresetMap() NO_THREAD_SAFETY_ANALYSIS { return servicePresetMap; }
+    LocalTrustMap& LocalTrust() NO_THREAD_SAFETY_ANALYSIS { return localTrustMap; }
+
+    std::map<std::int32_t, ProcessInfo> allProcessMap GUARDED_BY(allProcessLock);
+    mutable SDK::RwLock allProcessLock;
+    mutable SDK::RwLock serverTrustLock;
+    ServerTrustMap serverTrustMap GUARDED_BY(serverTrustLock);
+    LocalTrustMap localTrustMap GUARDED_BY(localTrustLock);
+    LocalTrustMap increaseMap GUARDED_BY(increaseLock); // by path
+    mutable SDK::RwLock increaseLock;
+    PresetMap osPresetMap GUARDED_BY(presetLock);
+    PresetMap servicePresetMap GUARDED_BY(presetLock);
+    mutable SDK::RwLock presetLock;
+    std::string localTrustFile; // the four paths are written by Init, before any task runs
+    std::string serverTrustFile;
+    std::string osPresetFile;
+    std::string servicePresetFile;
+    std::atomic<std::uint64_t> persistedCount{0};
+    std::unique_ptr<char[]> headerBuffer;
+    Framework::Task* reportTask GUARDED_BY(reportTaskLock) = nullptr;
+    std::vector<std::string> interpreterNames GUARDED_BY(interpreterLock);
+
+    mutable SDK::RwLock localTrustLock;
+    mutable SDK::RwLock reportTaskLock;
+    mutable SDK::RwLock interpreterLock;
+    std::mutex persistLock;               // one writer of the local list's file at a time
+    std::atomic<bool> localLoaded{false}; // the local list was loaded from its file at least once
+};
+
+} // namespace Engine

@@ -1,0 +1,114 @@
+#include "WhitelistInspector.h"
+
+#include <string>
+
+#include "ConfigManager.h"
+#include "ProcessManager.h"
+#include "sdk/JsonUtils.h"
+
+namespace Engine {
+
+namespace {
+
+const char* GetModName(std::int64_t mod) {
+    switch (mod) {
+    case MOD_NONE:
+        return "stopped";
+    case MOD_LEARN:
+        return "learning";
+    case MOD_LEARNED:
+        return "learned";
+    case MOD_DETECT:
+        return "detecting";
+    default:
+        return "unknown";
+    }
+}
+
+Json::Value MakeError(const std::string& text) {
+    Json::Value answer(Json::objectValue);
+    answer["error"] = text;
+    return answer;
+}
+
+Json::Value DescribeStatus() {
+    const ConfigManager& config = *ConfigManager::Instance();
+    const ProcessManager& manager = *ProcessManager::Instance();
+    const std::int64_t mod = config.GetMod();
+    Json::Value answer(Json::objectValue);
+    answer["mode"] = static_cast<Json::Int64>(mod);
+    answer["mode_name"] = GetModName(mod);
+    answer["learned_minutes"] = config.GetLearnedTime();
+    answer["learn_period_minutes"] = config.GetLearnPeriod();
+    Json::Value& lists = answer["lists"];
+    lists["local"] = static_cast<Json::UInt64>(manager.CountLocalTrust());
+    lists["server"] = static_cast<Json::UInt64>(manager.CountServerTrust());
+    lists["os_preset"] = static_cast<Json::UInt64>(manager.CountOsPreset());
+    lists["service_preset"] = static_cast<Json::UInt64>(manager.CountServicePreset());
+    return answer;
+}
+
+void AppendProcess(const ProcessInfo& info, Json::Value& list) {
+    ProcessManager::Instance()->ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
+}
+
+Json::Value ListPreset(const ProcessManager::PresetMap& preset) {
+    Json::Value list(Json::arrayValue);
+    for (const auto& [digest, info] : preset) {
+        Json::Value& entry = list.append(Json::Value(Json::objectValue));
+        entry["filename"] = info.filename;
+        entry["sha256"] = info.sha256;
+        entry["os"] = info.os;
+        entry["version"] = info.version;
+    }
+    return list;
+}
+
+Json::Value ListLocalTrust() {
+    Json::Value list(Json::arrayValue);
+    for (const auto& [path, info] : ProcessManager::Instance()->CopyLocalTrust()) {
+        AppendProcess(info, list);
+    }
+    return list;
+}
+
+Json::Value ListServerTrust() {
+    Json::Value list(Json::arrayValue);
+    for (const auto& [name, group] : ProcessManager::Instance()->CopyServerTrust()) {
+        for (const ProcessInfo& info : group) {
+            AppendProcess(info, list);
+        }
+    }
+    return list;
+}
+
+Json::Value DescribeTrustList(const std::string& list) {
+    Json::Value answer(Json::objectValue);
+    if (list == "local") {
+        answer["process_info"] = ListLocalTrust();
+    } else if (list == "server") {
+        answer["process_info"] = ListServerTrust();
+    } else if (list == "os") {
+        answer["process_info"] = ListPreset(ProcessManager::Instance()->CopyOsPreset());
+    } else if (list == "service") {
+        answer["process_info"] = ListPreset(ProcessManager::Instance()->CopyServicePreset());
+    } else {
+        return MakeError("no trust list is called \"" + list + "\": local, server, os or service");
+    }
+    return answer;
+}
+
+} // namespace
+
+Json::Value WhitelistInspector::Ask(const Json::Value& request) {
+    const std::string query = SDK::JsonUtils::GetStringValue(request, "query", "");
+    if (query == "status") {
+        return DescribeStatus();
+    }
+    if (query == "trust_list") {
+        return DescribeTrustList(SDK::JsonUtils::GetStringValue(request, "list", ""));
+    }
+    return MakeError("the module cannot answer the query \"" + query + "\"");
+}
+
+} // namespace Engine

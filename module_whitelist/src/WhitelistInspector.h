@@ -1,0 +1,19 @@
+#pragma once
+
+#include "framework/ModuleInspector.h"
+
+namespace Engine {
+
+// What an operator can ask the module, from any thread:
+//
+//     {"query": "status"}
+//         {"mode", "mode_name", "learned_minutes", "learn_period_minutes",
+//          "lists": {"local", "server", "os_preset", "service_preset"}}    entry counts
+//     {"query": "trust_list", "list": "local" | "server" | "os" | "service"}
+//         {"process_info": [ENTRY, …]}    in the form in which the list is stored
+class WhitelistInspector : public Framework::ModuleInspector {
+public:
+    Json::Value Ask(const Json::Value& request) override;
+};
+
+} // namespace Engine

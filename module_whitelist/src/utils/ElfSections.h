@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// A reader of 64-bit ELF section headers (elf(5), <elf.h>). It reads no more than the file header and
+// the section headers, believes nothing in them, and works on the path's bytes alone.
+namespace utils::elf {
+
+enum class SectionSearch {
+    CannotOpen,
+    NotElf,        // the file does not begin with the ELF magic
+    BadHeaderSize, // the ELF header is not that of a 64-bit file
+    NotFound,
+    Found,
+};
+
+// Looks for a section header of type `sectionType` (sh_type).
+SectionSearch FindSectionOfType(const std::string& path, std::uint32_t sectionType);
+
+} // namespace utils::elf
