@@ -6,7 +6,8 @@
 #include <cstdio>
 
 #include <fcntl.h>
-#include <unistd.h>
+
+#include "agent/sdk/FileDescriptor.h"
 
 namespace SDK {
 
@@ -64,16 +65,14 @@ bool ProcStat::Parse(std::string_view text, ProcStat& stat) {
 int ProcStat::Read(int pid, ProcStat& stat) {
     std::array<char, 32> path{};
     std::snprintf(path.data(), path.size(), "/proc/%d/stat", pid);
-    const int file = open(path.data(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) {
+    const FileDescriptor file(open(path.data(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsOpen()) {
         return errno;
     }
     std::array<char, MAX_STAT_BYTES> text{};
-    const ssize_t size = read(file, text.data(), text.size());
-    const int error = size < 0 ? errno : 0;
-    close(file);
-    if (error != 0) {
-        return error;
+    const ssize_t size = ReadRetrying(file.Get(), text.data(), text.size());
+    if (size < 0) {
+        return errno;
     }
     return Parse(std::string_view(text.data(), static_cast<std::size_t>(size)), stat) ? 0 : EINVAL;
 }

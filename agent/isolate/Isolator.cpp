@@ -1,0 +1,175 @@
+#include "agent/isolate/Isolator.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <optional>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "agent/sdk/FileDescriptor.h"
+#include "framework/Scope.h"
+#include "sdk/ModuleLog.h"
+#include "sdk/ProcStat.h"
+
+namespace Engine {
+
+static SDK::ModuleLog moduleLog("isolate");
+
+namespace {
+
+constexpr mode_t NOT_EXECUTABLE = S_IRUSR;
+
+// Deeper than any real chain of parents; a longer one is taken for inconclusive.
+constexpr int MAX_ANCESTORS = 1024;
+
+// By number: Debian 12's C library has the wrappers, older ones do not.
+int OpenPidfd(int pid) {
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+bool SendSignal(int pidfd, int signal) {
+    return syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) == 0;
+}
+
+// Also true when the chain of parents cannot be followed to its end: what cannot be ruled out counts.
+bool MayBeAncestor(int pid) {
+    int ancestor = getpid();
+    for (int steps = 0; steps < MAX_ANCESTORS; ++steps) {
+        SDK::ProcStat stat;
+        if (SDK::ProcStat::Read(ancestor, stat) != 0) {
+            return true;
+        }
+        ancestor = stat.ppid;
+        if (ancestor == pid) {
+            return true;
+        }
+        if (ancestor <= 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Why nobody may isolate what bears this number, seen from the number alone; null when nothing
+// speaks against it.
+const char* FindObjectionToPid(int pid) {
+    if (pid <= 0) {
+        return "it is no process id";
+    }
+    if (pid == 1) {
+        return "it is the init process";
+    }
+    if (pid == getpid()) {
+        return "it is the agent itself";
+    }
+    return nullptr;
+}
+
+// The same for the process that has the number now. A process that is gone is no objection; the
+// signal will not find it.
+const char* FindObjectionToProcess(int pid) {
+    SDK::ProcStat stat;
+    if (SDK::ProcStat::Read(pid, stat) == 0 && stat.IsKernelThread()) {
+        return "it is a kernel thread";
+    }
+    if (MayBeAncestor(pid)) {
+        return "it is an ancestor of the agent";
+    }
+    if (!Framework::Scope::Contains(pid)) {
+        return "it is outside the agent's scope";
+    }
+    return nullptr;
+}
+
+// Which file a process runs or a path leads to.
+struct FileIdentity {
+    dev_t device;
+    ino_t inode;
+
+    bool operator==(const FileIdentity& other) const = default;
+};
+
+std::optional<FileIdentity> GetImage(int pid) {
+    const std::string link = "/proc/" + std::to_string(pid) + "/exe";
+    struct stat image {};
+    if (stat(link.c_str(), &image) != 0) {
+        return std::nullopt;
+    }
+    return FileIdentity{image.st_dev, image.st_ino};
+}
+
+bool Kill(int pid, const SDK::FileDescriptor& process) {
+    if (SendSignal(process.Get(), SIGKILL)) {
+        return true;
+    }
+    moduleLog.Error("process [%d] could not be killed: %s", pid, std::strerror(errno));
+    return false;
+}
+
+// The descriptor does not open the file itself (O_PATH), so nobody who watches opens is asked, the
+// agent's own watch on files included.
+bool MakeUnexecutable(const std::string& path, const std::optional<FileIdentity>& image) {
+    const SDK::FileDescriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
+    if (!file.IsOpen()) {
+        if (errno == ENOENT) {
+            return true;
+        }
+        moduleLog.Error("file [%s] was left as it is: %s", path, std::strerror(errno));
+        return false;
+    }
+    struct stat found {};
+    if (fstat(file.Get(), &found) != 0 || !S_ISREG(found.st_mode)) {
+        moduleLog.Error("file [%s] was left as it is: it is no regular file", path);
+        return false;
+    }
+    if (image != FileIdentity{found.st_dev, found.st_ino}) {
+        moduleLog.Error("file [%s] was left as it is: it is not the image that the process ran", path);
+        return false;
+    }
+    // An O_PATH descriptor takes no fchmod; its link in /proc leads to the very same file.
+    const std::string link = "/proc/self/fd/" + std::to_string(file.Get());
+    if (chmod(link.c_str(), NOT_EXECUTABLE) != 0) {
+        moduleLog.Error("the mode of file [%s] could not be changed: %s", path, std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+IsolationResult Refuse(int pid, const std::string& path, const std::string& reason) {
+    moduleLog.Warning("process [%d] [%s] is not isolated: %s", pid, path, reason);
+    IsolationResult result;
+    result.refused = true;
+    return result;
+}
+
+} // namespace
+
+IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, bool chmod) {
+    if (const char* objection = FindObjectionToPid(pid)) {
+        return Refuse(pid, path, objection);
+    }
+    IsolationResult result;
+    const SDK::FileDescriptor process(OpenPidfd(pid));
+    if (!process.IsOpen()) {
+        moduleLog.Error("process [%d] [%s] could not be isolated: %s", pid, path, std::strerror(errno));
+        return result;
+    }
+    if (const char* objection = FindObjectionToProcess(pid)) {
+        return Refuse(pid, path, objection);
+    }
+    const std::optional<FileIdentity> image = GetImage(pid);
+    // What was read by pid just now was the process's own only if it still has the pid.
+    if (!SendSignal(process.Get(), 0)) {
+        moduleLog.Error("process [%d] [%s] could not be isolated: %s", pid, path, std::strerror(errno));
+        return result;
+    }
+    // The kill first: it is what cannot wait.
+    result.killed = kill && Kill(pid, process);
+    result.madeUnexecutable = chmod && MakeUnexecutable(path, image);
+    return result;
+}
+
+} // namespace Engine

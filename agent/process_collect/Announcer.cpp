@@ -1,0 +1,293 @@
+#include "agent/process_collect/Announcer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+#include <vector>
+
+#include "agent/process_collect/ProcessList.h"
+#include "framework/Engine.h"
+#include "framework/Scope.h"
+#include "sdk/ModuleLog.h"
+
+namespace Engine {
+
+static SDK::ModuleLog moduleLog("process_collect");
+
+namespace {
+
+// The clock that the kernel stamps its process events with.
+std::uint64_t MonotonicNs() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+}
+
+// True unless the child of a fork has executed since: then the exec's own event covers the fork. The
+// fork of a child that is gone already is still due; that of a child whose pid is another's is not.
+bool IsForkStillDue(int child, std::uint64_t childStartTime) {
+    SDK::ProcStat stat;
+    if (SDK::ProcStat::Read(child, stat) != 0) {
+        return true;
+    }
+    return stat.startTime == childStartTime && !stat.HasExecuted();
+}
+
+bool HasRoom(const Framework::Task& task) {
+    return task.GetQueueDepth() < task.GetQueueCapacity();
+}
+
+} // namespace
+
+Announcer::Announcer()
+    : mLost(Framework::Counters::Of("events.lost")), mFolded(Framework::Counters::Of("events.folded")),
+      mRescans(Framework::Counters::Of("events.rescan")), mRescued(Framework::Counters::Of("events.rescued")) {}
+
+void Announcer::Fill() {
+    for (const int pid : ListPids()) {
+        if (Framework::Scope::Contains(pid)) {
+            const SDK::WriteGuard guard(mLock);
+            Examine(pid, false);
+        }
+    }
+}
+
+void Announcer::Subscribe(unsigned int kind, const std::string& name, std::uint64_t instance) {
+    const SDK::WriteGuard guard(mLock);
+    Subscriber& subscriber = mSubscribers[name];
+    if (subscriber.instance != instance) {
+        if (subscriber.Wants(ProcsMessage::KIND_EXEC)) {
+            const std::uint64_t handled = subscriber.handled->load(std::memory_order_acquire);
+            for (const auto& [pid, entry] : mTable) {
+                if (entry.sequence > handled) {
+                    subscriber.owed.insert(pid);
+                }
+            }
+        }
+        subscriber.instance = instance;
+        subscriber.kinds = 0;
+        subscriber.handled = std::make_shared<std::atomic<std::uint64_t>>(mSequence);
+        SettleWith(name, subscriber);
+    }
+    subscriber.kinds |= 1U << kind;
+    UpdateDebts();
+}
+
+void Announcer::OnExec(const ProcEvent& event, int forkedBy) {
+    const SDK::WriteGuard guard(mLock);
+    if (IsCovered(event)) {
+        return;
+    }
+    SDK::ProcStat stat;
+    stat.ppid = forkedBy;
+    // A process that is gone already leaves `stat` as it is: it is announced all the same, its exit
+    // follows.
+    SDK::ProcStat::Read(event.pid, stat);
+    AnnounceBegin(ProcsMessage::KIND_EXEC, event.pid, stat.ppid, Record(event.pid, stat));
+}
+
+void Announcer::OnFork(const ProcEvent& event) {
+    const SDK::WriteGuard guard(mLock);
+    if (IsCovered(event)) {
+        return;
+    }
+    SDK::ProcStat stat;
+    if (SDK::ProcStat::Read(event.pid, stat) == 0) {
+        if (stat.IsKernelThread()) {
+            return;
+        }
+        if (stat.HasExecuted()) {
+            mFolded.Add();
+            return;
+        }
+    }
+    AnnounceBegin(ProcsMessage::KIND_FORK, event.pid, event.parentPid, Record(event.pid, stat));
+}
+
+bool Announcer::OnExit(const ProcEvent& event) {
+    const SDK::WriteGuard guard(mLock);
+    if (!mTable.contains(event.pid) || IsCovered(event)) {
+        return false;
+    }
+    AnnounceExit(event.pid);
+    return true;
+}
+
+void Announcer::Rescan() {
+    mRescans.Add();
+    EndDeparted();
+    int rescued = 0;
+    for (const int pid : ListPids()) {
+        if (Framework::Scope::Contains(pid)) {
+            const SDK::WriteGuard guard(mLock);
+            rescued += Examine(pid, true) ? 1 : 0;
+        }
+    }
+    moduleLog.Information("compared with /proc after a loss of process events: %d processes had been missed", rescued);
+}
+
+void Announcer::Settle() {
+    const SDK::WriteGuard guard(mLock);
+    for (auto& [name, subscriber] : mSubscribers) {
+        SettleWith(name, subscriber);
+    }
+    UpdateDebts();
+}
+
+Announcer::Entry& Announcer::Record(int pid, const SDK::ProcStat& stat) {
+    Entry& entry = mTable[pid];
+    entry.startTime = stat.startTime;
+    entry.startStack = stat.startStack;
+    return entry;
+}
+
+bool Announcer::IsCovered(const ProcEvent& event) const {
+    const auto known = mTable.find(event.pid);
+    return known != mTable.end() && event.timestampNs <= known->second.coveredUntilNs;
+}
+
+// Takes the process into the table as it is now, unless it is there just so already. True when the
+// table did not have it.
+bool Announcer::Examine(int pid, bool announce) {
+    const std::uint64_t nowNs = MonotonicNs();
+    SDK::ProcStat stat;
+    if (SDK::ProcStat::Read(pid, stat) != 0 || stat.IsKernelThread() || stat.HasEnded()) {
+        return false;
+    }
+    const auto known = mTable.find(pid);
+    if (known != mTable.end() && known->second.startTime == stat.startTime &&
+        known->second.startStack == stat.startStack) {
+        return false;
+    }
+    Entry& entry = Record(pid, stat);
+    entry.coveredUntilNs = nowNs;
+    if (announce) {
+        mRescued.Add();
+        AnnounceBegin(ProcsMessage::KIND_EXEC, pid, stat.ppid, entry);
+    }
+    return true;
+}
+
+void Announcer::AnnounceBegin(unsigned int kind, int pid, int parentPid, Entry& entry) {
+    entry.sequence = ++mSequence;
+    for (auto& [name, subscriber] : mSubscribers) {
+        if (!subscriber.Wants(kind)) {
+            continue;
+        }
+        const Delivery delivery = Post(name, subscriber, kind, pid, parentPid);
+        if (delivery == Delivery::Done) {
+            subscriber.owed.erase(pid);
+        } else if (delivery == Delivery::QueueFull) {
+            mLost.Add();
+            if (subscriber.Wants(ProcsMessage::KIND_EXEC)) {
+                subscriber.owed.insert(pid);
+                mDebts.store(true, std::memory_order_release);
+            }
+        }
+    }
+}
+
+void Announcer::AnnounceExit(int pid) {
+    mTable.erase(pid);
+    for (auto& [name, subscriber] : mSubscribers) {
+        subscriber.owed.erase(pid);
+        if (subscriber.Wants(ProcsMessage::KIND_EXIT) &&
+            Post(name, subscriber, ProcsMessage::KIND_EXIT, pid, 0) == Delivery::QueueFull) {
+            mLost.Add();
+        }
+    }
+}
+
+// Announces the exit of every process in the table that does not run any more.
+void Announcer::EndDeparted() {
+    std::vector<int> pids;
+    {
+        const SDK::ReadGuard guard(mLock);
+        for (const auto& [pid, entry] : mTable) {
+            pids.push_back(pid);
+        }
+    }
+    for (const int pid : pids) {
+        const SDK::WriteGuard guard(mLock);
+        const auto known = mTable.find(pid);
+        SDK::ProcStat stat;
+        const bool runs = SDK::ProcStat::Read(pid, stat) == 0 && !stat.HasEnded();
+        if (known != mTable.end() && (!runs || known->second.startTime != stat.startTime)) {
+            AnnounceExit(pid);
+        }
+    }
+}
+
+void Announcer::SettleWith(const std::string& name, Subscriber& subscriber) {
+    if (subscriber.owed.empty()) {
+        return;
+    }
+    const Poco::AutoPtr<Framework::Task> task = FindRunning(name, subscriber.instance);
+    while (task && !subscriber.owed.empty() && HasRoom(*task)) {
+        const int pid = *subscriber.owed.begin();
+        if (!SettleOne(name, subscriber, pid)) {
+            return;
+        }
+        subscriber.owed.erase(pid);
+    }
+}
+
+// False when the queue has filled up again.
+bool Announcer::SettleOne(const std::string& name, Subscriber& subscriber, int pid) {
+    const auto known = mTable.find(pid);
+    SDK::ProcStat stat;
+    if (known == mTable.end() || SDK::ProcStat::Read(pid, stat) != 0 || stat.HasEnded()) {
+        return true;
+    }
+    // A number of its own: should the instance end before it takes this out of its queue, the next one
+    // is owed it. Another subscriber that is between two instances just then is told twice, which is
+    // better than never.
+    known->second.sequence = ++mSequence;
+    if (Post(name, subscriber, ProcsMessage::KIND_EXEC, pid, stat.ppid) != Delivery::Done) {
+        return false;
+    }
+    mRescued.Add();
+    return true;
+}
+
+void Announcer::UpdateDebts() {
+    const bool debts = std::any_of(mSubscribers.begin(), mSubscribers.end(), [](const auto& named) {
+        const auto& [name, subscriber] = named;
+        return !subscriber.owed.empty() && FindRunning(name, subscriber.instance);
+    });
+    mDebts.store(debts, std::memory_order_release);
+}
+
+// Puts a message about the process, as the table has it, in the subscriber's queue. On its way out of
+// the queue the message notes that it was handled.
+Announcer::Delivery Announcer::Post(const std::string& name, const Subscriber& subscriber, unsigned int kind, int pid,
+                                    int parentPid) {
+    Poco::AutoPtr<Framework::Task> task = FindRunning(name, subscriber.instance);
+    if (!task) {
+        return Delivery::NotRunning;
+    }
+    std::shared_ptr<ProcsMessage::procInfo> info;
+    std::uint64_t startTime = 0;
+    if (kind != ProcsMessage::KIND_EXIT) {
+        info = std::make_shared<ProcsMessage::procInfo>();
+        info->pid = pid;
+        info->ppid = parentPid;
+        startTime = mTable[pid].startTime;
+    }
+    auto stillDue = [handled = subscriber.handled, sequence = mSequence, kind, pid, startTime] {
+        handled->store(sequence, std::memory_order_release);
+        return kind != ProcsMessage::KIND_FORK || IsForkStillDue(pid, startTime);
+    };
+    std::shared_ptr<Framework::Message> message =
+        std::make_shared<ProcsMessage>(pid, kind, std::move(info), std::move(stillDue));
+    return task->EnqueueMsg(message) ? Delivery::Done : Delivery::QueueFull;
+}
+
+Poco::AutoPtr<Framework::Task> Announcer::FindRunning(const std::string& name, std::uint64_t instance) {
+    Poco::AutoPtr<Framework::Task> task = Framework::Engine::FindTask(name);
+    if (task && task->GetInstanceId() != instance) {
+        task = nullptr;
+    }
+    return task;
+}
+
+} // namespace Engine

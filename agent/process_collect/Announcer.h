@@ -1,0 +1,127 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+#include <Poco/AutoPtr.h>
+
+#include "agent/process_collect/ProcEvent.h"
+#include "framework/Counters.h"
+#include "framework/Task.h"
+#include "modules/ProcsMessage.h"
+#include "sdk/ProcStat.h"
+#include "sdk/RwLock.h"
+
+namespace Engine {
+
+// Tells subscribers of processes, and knows who has been told of which.
+//
+// The table holds the live processes in scope, by pid. A process enters it, before anybody is told,
+// when its fork or exec is announced, when a comparison with /proc finds it, or silently with Fill; it
+// leaves it with its exit. For each subscriber to executions, a process in the table is in one of
+// these states:
+//
+//   settled   it was there before the subscriber's first subscription, or its latest begin (fork or
+//             exec) lies in or has passed through the queue of the subscriber's present instance
+//   owed      its begin was refused by a full queue, or came while no instance of the subscriber ran;
+//             it is in `owed`, or its sequence number is above what the last instance had handled
+//
+// What is owed is made good as kind 1: by Settle when the queue has room again, and by Subscribe, before
+// anything else, when a new instance comes.
+//
+// Thread-safe: one lock holds events, comparisons and subscriptions apart. It is held while /proc is
+// read for one process, never for longer.
+class Announcer {
+public:
+    Announcer();
+    Announcer(const Announcer&) = delete;
+    Announcer& operator=(const Announcer&) = delete;
+
+    // Takes every live process in scope into the table without telling anybody.
+    void Fill();
+
+    // From now on the running task of that name and instance is told of events of `kind`. When an
+    // earlier instance was told of executions, the new one is first told, as kind 1, of what is owed.
+    void Subscribe(unsigned int kind, const std::string& name, std::uint64_t instance);
+
+    // An exec in scope. `forkedBy` is the parent when the fork is known and was held back, else 0.
+    void OnExec(const ProcEvent& event, int forkedBy);
+
+    // A fork in scope that no exec has followed in time. When the child's exec is on its way
+    // nevertheless, the fork counts as folded and nobody is told. Kernel threads are nobody's business.
+    void OnFork(const ProcEvent& event);
+
+    // An exit. False when the process is not in the table: out of scope, or told already.
+    bool OnExit(const ProcEvent& event);
+
+    // Compares the table with /proc after events were lost: a process in scope that is missing from
+    // the table, or that has begun anew since its last announcement, is announced as kind 1; one that
+    // is gone is announced as kind 3.
+    void Rescan();
+
+    // Tells subscribers what they are owed, as far as their queues have room.
+    void Settle();
+
+    // True when something is owed to an instance that runs. Any thread, takes no lock.
+    bool HasDebts() const { return mDebts.load(std::memory_order_acquire); }
+
+private:
+    struct Entry {
+        // Which process, and which of its images: see SDK::ProcStat. 0 when it was gone too soon.
+        std::uint64_t startTime = 0;
+        std::uint64_t startStack = 0;
+        // The number of its latest announcement; 0 for none.
+        std::uint64_t sequence = 0;
+        // When a comparison with /proc found it so (CLOCK_MONOTONIC): events that the kernel stamped
+        // earlier tell nothing new. 0 for none.
+        std::uint64_t coveredUntilNs = 0;
+    };
+
+    struct Subscriber {
+        std::uint64_t instance = 0;
+        unsigned int kinds = 0; // bit K: kind K
+        // The number of the last announcement that the instance took out of its queue; written on its
+        // thread.
+        std::shared_ptr<std::atomic<std::uint64_t>> handled;
+        std::set<int> owed;
+
+        bool Wants(unsigned int kind) const { return (kinds >> kind & 1U) != 0; }
+    };
+
+    enum class Delivery {
+        Done,
+        QueueFull,
+        NotRunning,
+    };
+
+    Entry& Record(int pid, const SDK::ProcStat& stat) REQUIRES(mLock);
+    bool IsCovered(const ProcEvent& event) const REQUIRES(mLock);
+    bool Examine(int pid, bool announce) REQUIRES(mLock);
+    void AnnounceBegin(unsigned int kind, int pid, int parentPid, Entry& entry) REQUIRES(mLock);
+    void AnnounceExit(int pid) REQUIRES(mLock);
+    void EndDeparted() EXCLUDES(mLock);
+    void SettleWith(const std::string& name, Subscriber& subscriber) REQUIRES(mLock);
+    bool SettleOne(const std::string& name, Subscriber& subscriber, int pid) REQUIRES(mLock);
+    void UpdateDebts() REQUIRES(mLock);
+    Delivery Post(const std::string& name, const Subscriber& subscriber, unsigned int kind, int pid, int parentPid)
+        REQUIRES(mLock);
+    static Poco::AutoPtr<Framework::Task> FindRunning(const std::string& name, std::uint64_t instance);
+
+    Framework::Counter& mLost;
+    Framework::Counter& mFolded;
+    Framework::Counter& mRescans;
+    Framework::Counter& mRescued;
+
+    mutable SDK::RwLock mLock;
+    std::unordered_map<int, Entry> mTable GUARDED_BY(mLock);
+    std::map<std::string, Subscriber> mSubscribers GUARDED_BY(mLock);
+    std::uint64_t mSequence GUARDED_BY(mLock) = 0;
+    std::atomic<bool> mDebts{false};
+};
+
+} // namespace Engine

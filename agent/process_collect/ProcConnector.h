@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/process_collect/ProcEvent.h"
+
+namespace Engine {
+
+// The kernel's proc connector: the one place that talks to it.
+//
+// It owns one descriptor, a netlink socket, from Open to the destructor, and nothing else. It must not
+// know of subscribers, of the scope or of /proc: it says what the kernel said.
+//
+//     Open          socket → receive buffer → multicast group → "listen" → the kernel's answer
+//     Read          up to a batch of datagrams → ProcEvents, copied out; nothing points into the buffers
+//     GetFd         lent for poll(2), never closed by the borrower
+//     ~ProcConnector   "ignore" → close
+//
+// What can go wrong, and what comes of it:
+//
+//     no right to listen (EPERM), other network namespace (EPROTONOSUPPORT), other pid or user
+//     namespace (the kernel does not answer)       Open fails with one line that says so
+//     the receive buffer ran over (ENOBUFS)        Read says Overflow; events are gone, how many is not
+//                                                  known
+//     a datagram that did not come from the kernel, or that cannot be decoded
+//                                                  dropped; GetGarbledCount
+//
+// One thread at a time.
+class ProcConnector {
+public:
+    // Several thousand events; the kernel accounts a multiple of their size against it.
+    static constexpr int RECEIVE_BUFFER_BYTES = 8 * 1024 * 1024;
+
+    explicit ProcConnector(int receiveBufferBytes = RECEIVE_BUFFER_BYTES);
+    ~ProcConnector();
+    ProcConnector(const ProcConnector&) = delete;
+    ProcConnector& operator=(const ProcConnector&) = delete;
+
+    // Starts to listen. False, and `problem` says why in one line, when the agent may not or cannot;
+    // the object is of no use then. Returns within a few seconds. Called once.
+    bool Open(std::string& problem);
+
+    // For poll(2): readable when Read has something to say. -1 when not open.
+    int GetFd() const { return mFd; }
+
+    enum class Outcome {
+        Events,   // `events` may have grown; there may be more
+        Empty,    // nothing waits
+        Overflow, // the kernel dropped events since the last call
+        Failed,   // errno says why
+    };
+
+    // Takes one batch of what waits and appends its events. Never blocks.
+    Outcome Read(std::vector<ProcEvent>& events);
+
+    // Messages that were dropped because they could not be believed or decoded.
+    std::uint64_t GetGarbledCount() const { return mGarbled; }
+
+private:
+    struct Batch;
+
+    bool OpenSocket(std::string& problem);
+    bool Listen(std::string& problem);
+    bool AwaitAck(std::uint32_t request, int& error);
+    int Receive();
+    bool RequestAll(std::uint32_t number) const;
+    bool Send(const void* request, std::uint32_t size, std::uint32_t number) const;
+
+    const int mReceiveBufferBytes;
+    const std::unique_ptr<Batch> mBatch;
+    int mFd = -1;
+    std::uint64_t mGarbled = 0;
+};
+
+} // namespace Engine

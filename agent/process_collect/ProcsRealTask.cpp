@@ -1,0 +1,239 @@
+#include "agent/process_collect/ProcsRealTask.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <functional>
+#include <optional>
+#include <utility>
+
+#include <poll.h>
+#include <pthread.h>
+
+#include "framework/Scope.h"
+#include "modules/ProcsMessage.h"
+#include "modules/ProcsRegistMessage.h"
+#include "sdk/ModuleLog.h"
+
+namespace Engine {
+
+static SDK::ModuleLog moduleLog("process_collect");
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned int QUEUE_CAPACITY = 1024;
+constexpr int MAX_MESSAGES = 128;
+
+// How long the task sleeps when nothing is due; a message or the stop wakes it.
+constexpr int IDLE_WAIT_MS = 3600 * 1000;
+
+// What is due after a loss is done at most this often: whoever overran a buffer or a queue is still
+// busy, and a comparison with /proc costs most just then.
+constexpr std::chrono::milliseconds CATCH_UP_INTERVAL{100};
+
+constexpr std::chrono::seconds LOSS_LOG_INTERVAL{1};
+
+// How long the reader waits after an error that it cannot explain, so as not to spin on it.
+constexpr std::chrono::milliseconds ERROR_PAUSE{100};
+
+// Makes the task's thread look at what is due.
+class CatchUpMessage : public Framework::Message {};
+
+// Runs `body` on a thread of its own from construction on; on the way out `stop` makes it return.
+class ScopedThread {
+public:
+    template <typename Body, typename Stop>
+    ScopedThread(Body body, Stop stop) : mStop(std::move(stop)), mThread(std::move(body)) {}
+    ~ScopedThread() {
+        mStop();
+        mThread.join();
+    }
+    ScopedThread(const ScopedThread&) = delete;
+    ScopedThread& operator=(const ScopedThread&) = delete;
+
+private:
+    const std::function<void()> mStop;
+    std::thread mThread;
+};
+
+} // namespace
+
+ProcsRealTask::ProcsRealTask(std::unique_ptr<ProcConnector> connector)
+    : Framework::Task(NAME, "process_collect", Framework::TaskCondition::TaskType::Thread, QUEUE_CAPACITY),
+      mConnector(std::move(connector)), mExecs(Framework::Counters::Of("events.exec")),
+      mForkCount(Framework::Counters::Of("events.fork")), mExits(Framework::Counters::Of("events.exit")),
+      mLost(Framework::Counters::Of("events.lost")), mFolded(Framework::Counters::Of("events.folded")),
+      mOverflows(Framework::Counters::Of("events.overflow")), mGarbled(Framework::Counters::Of("events.garbled")) {}
+
+int ProcsRealTask::Run() {
+    // The connector listens already, so a process is in /proc now or its events are still to come.
+    mAnnouncer.Fill();
+    const ScopedThread reader([this] { ReadUntilStopped(); },
+                              [this] {
+                                  mStopping.store(true);
+                                  mStop.Signal();
+                              });
+    int waitMs = IDLE_WAIT_MS;
+    while (state() != TASK_CANCELLING) {
+        GetEventWaiter().WaitAndHandleEvent(waitMs, MAX_MESSAGES);
+        waitMs = CatchUp();
+    }
+    return 0;
+}
+
+int ProcsRealTask::HandleMsg(const Framework::Message* message) {
+    if (const auto* registration = dynamic_cast<const ProcsRegistMessage*>(message)) {
+        const unsigned int kind = registration->GetKind();
+        if (kind < ProcsMessage::KIND_EXEC || kind > ProcsMessage::KIND_EXIT) {
+            moduleLog.Error("task [%s] asked for process events of kind %u, which there is not",
+                            registration->GetSubscriberName(), kind);
+            return -1;
+        }
+        mAnnouncer.Subscribe(kind, registration->GetSubscriberName(), registration->GetSubscriberInstance());
+        return 0;
+    }
+    if (dynamic_cast<const CatchUpMessage*>(message) != nullptr) {
+        mTaskWoken.store(false);
+        return 0;
+    }
+    return Framework::Task::HandleMsg(message);
+}
+
+// Does what is due, unless that was done a moment ago. Returns how long the task may sleep.
+int ProcsRealTask::CatchUp() {
+    if (!mRescanDue.load() && !mAnnouncer.HasDebts()) {
+        return IDLE_WAIT_MS;
+    }
+    const auto now = Clock::now();
+    if (now >= mNextCatchUp) {
+        mNextCatchUp = now + CATCH_UP_INTERVAL;
+        if (mRescanDue.exchange(false)) {
+            mAnnouncer.Rescan();
+        }
+        mAnnouncer.Settle();
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(mNextCatchUp - Clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 1));
+}
+
+void ProcsRealTask::ReadUntilStopped() {
+    pthread_setname_np(pthread_self(), "procs_reader");
+    while (WaitForEvents()) {
+        try {
+            ReadBatch();
+            for (const ProcEvent& fork : mForks.TakeDue(Clock::now())) {
+                mAnnouncer.OnFork(fork);
+            }
+        } catch (const std::exception& error) {
+            // Whatever was not told is found by the comparison.
+            moduleLog.Error("process events were dropped: %s", error.what());
+            mRescanDue.store(true);
+        }
+        if (mRescanDue.load() || mAnnouncer.HasDebts()) {
+            WakeTask();
+        }
+    }
+}
+
+// False when the reader is to stop.
+bool ProcsRealTask::WaitForEvents() {
+    pollfd waited[] = {{mConnector->GetFd(), POLLIN, 0}, {mStop.GetFd(), POLLIN, 0}};
+    poll(waited, 2, mForks.GetTimeoutMs(Clock::now()));
+    return !mStopping.load();
+}
+
+void ProcsRealTask::ReadBatch() {
+    mBatch.clear();
+    switch (mConnector->Read(mBatch)) {
+    case ProcConnector::Outcome::Events:
+        CountGarbled();
+        std::for_each(mBatch.begin(), mBatch.end(), [this](const ProcEvent& event) { HandleEvent(event); });
+        break;
+    case ProcConnector::Outcome::Overflow:
+        HandleOverflow();
+        break;
+    case ProcConnector::Outcome::Failed:
+        moduleLog.Error("the proc connector cannot be read: %s", std::strerror(errno));
+        std::this_thread::sleep_for(ERROR_PAUSE);
+        break;
+    case ProcConnector::Outcome::Empty:
+        break;
+    }
+}
+
+void ProcsRealTask::HandleEvent(const ProcEvent& event) {
+    switch (event.kind) {
+    case ProcsMessage::KIND_EXEC:
+        HandleExec(event);
+        break;
+    case ProcsMessage::KIND_FORK:
+        HandleFork(event);
+        break;
+    default:
+        HandleExit(event);
+        break;
+    }
+}
+
+void ProcsRealTask::HandleExec(const ProcEvent& event) {
+    const std::optional<ProcEvent> fork = mForks.Take(event.pid);
+    if (!Framework::Scope::Contains(event.pid)) {
+        return;
+    }
+    mExecs.Add();
+    if (fork) {
+        mFolded.Add();
+    }
+    mAnnouncer.OnExec(event, fork ? fork->parentPid : 0);
+}
+
+void ProcsRealTask::HandleFork(const ProcEvent& event) {
+    if (Framework::Scope::Contains(event.pid)) {
+        mForkCount.Add();
+        mForks.Hold(event, Clock::now());
+    }
+}
+
+// The control group of a process that has ended can often not be asked any more: what has been
+// announced, or is just held back, was in scope.
+void ProcsRealTask::HandleExit(const ProcEvent& event) {
+    if (const std::optional<ProcEvent> fork = mForks.Take(event.pid)) {
+        mAnnouncer.OnFork(*fork);
+    }
+    if (mAnnouncer.OnExit(event)) {
+        mExits.Add();
+    }
+}
+
+void ProcsRealTask::CountGarbled() {
+    const std::uint64_t garbled = mConnector->GetGarbledCount();
+    mGarbled.Add(garbled - mGarbledSeen);
+    mGarbledSeen = garbled;
+}
+
+void ProcsRealTask::HandleOverflow() {
+    mOverflows.Add();
+    mLost.Add();
+    mRescanDue.store(true);
+    const auto now = Clock::now();
+    if (now - mLossLogged >= LOSS_LOG_INTERVAL) {
+        mLossLogged = now;
+        moduleLog.Warning("the kernel dropped process events because the receive buffer was full");
+    }
+}
+
+void ProcsRealTask::WakeTask() {
+    if (mTaskWoken.exchange(true)) {
+        return;
+    }
+    std::shared_ptr<Framework::Message> message = std::make_shared<CatchUpMessage>();
+    if (!EnqueueMsg(message)) {
+        // The queue is full, so the task is awake.
+        mTaskWoken.store(false);
+    }
+}
+
+} // namespace Engine

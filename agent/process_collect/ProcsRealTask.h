@@ -1,0 +1,82 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/process_collect/Announcer.h"
+#include "agent/process_collect/ForkHold.h"
+#include "agent/process_collect/ProcConnector.h"
+#include "framework/Counters.h"
+#include "framework/Task.h"
+
+namespace Engine {
+
+// The task "procs_real_task": process events from the kernel to whoever subscribed with a
+// ProcsRegistMessage.
+//
+// Two threads:
+//
+//   reader   connector → scope → fork hold → Announcer. Reads on while others judge, so that the
+//            kernel's buffer does not run over.
+//   task     subscriptions; what the reader leaves to do after a loss: the comparison with /proc, and
+//            what subscribers are owed. Sleeps otherwise.
+//
+// The reader lives as long as Run. Every event in scope is counted: "events.exec", "events.fork",
+// "events.exit"; a loss in the kernel as one "events.lost" and one "events.overflow", a message that a
+// full queue refused as one "events.lost"; undecodable messages as "events.garbled".
+class ProcsRealTask : public Framework::Task {
+public:
+    static constexpr const char* NAME = "procs_real_task";
+
+    // The connector is open.
+    explicit ProcsRealTask(std::unique_ptr<ProcConnector> connector);
+
+    int Run() override;
+    int HandleMsg(const Framework::Message* message) override;
+
+private:
+    // Reader thread.
+    void ReadUntilStopped();
+    bool WaitForEvents();
+    void ReadBatch();
+    void HandleEvent(const ProcEvent& event);
+    void HandleExec(const ProcEvent& event);
+    void HandleFork(const ProcEvent& event);
+    void HandleExit(const ProcEvent& event);
+    void CountGarbled();
+    void HandleOverflow();
+    void WakeTask();
+
+    // Task thread.
+    int CatchUp();
+
+    // Only the reader thread uses these while it runs.
+    const std::unique_ptr<ProcConnector> mConnector;
+    ForkHold mForks;
+    std::vector<ProcEvent> mBatch;
+    std::uint64_t mGarbledSeen = 0;
+    std::chrono::steady_clock::time_point mLossLogged;
+
+    Announcer mAnnouncer;
+    Framework::Event mStop;
+    std::atomic<bool> mStopping{false};
+    std::atomic<bool> mRescanDue{false};
+    // A message that makes the task thread look at what is due is in its queue.
+    std::atomic<bool> mTaskWoken{false};
+    // Task thread only.
+    std::chrono::steady_clock::time_point mNextCatchUp;
+
+    Framework::Counter& mExecs;
+    Framework::Counter& mForkCount;
+    Framework::Counter& mExits;
+    Framework::Counter& mLost;
+    Framework::Counter& mFolded;
+    Framework::Counter& mOverflows;
+    Framework::Counter& mGarbled;
+};
+
+} // namespace Engine

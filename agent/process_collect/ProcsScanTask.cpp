@@ -1,0 +1,56 @@
+#include "agent/process_collect/ProcsScanTask.h"
+
+#include <utility>
+
+#include "agent/process_collect/ProcessList.h"
+#include "framework/Scope.h"
+#include "sdk/PathUtils.h"
+#include "sdk/ProcStat.h"
+#include "sdk/ProcessUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr unsigned int QUEUE_CAPACITY = 16;
+constexpr int IDLE_WAIT_MS = 3600 * 1000;
+constexpr std::size_t MAX_CMDLINE_BYTES = 4096;
+
+// False when there is no such process (any more), it has ended, or it has no image: a kernel thread.
+bool Describe(int pid, ProcsMessage::procInfo& info) {
+    SDK::ProcStat stat;
+    if (SDK::ProcStat::Read(pid, stat) != 0 || stat.IsKernelThread() || stat.HasEnded() ||
+        SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0 ||
+        SDK::ProcessUtils::GetProcessCmdline(pid, info.cmdline, MAX_CMDLINE_BYTES) != 0) {
+        return false;
+    }
+    info.pid = pid;
+    info.ppid = stat.ppid;
+    info.name = SDK::PathUtils::GetFileNameFromPath(info.path);
+    return true;
+}
+
+} // namespace
+
+ProcsScanTask::ProcsScanTask()
+    : ProcsFullTask(NAME, "process_collect", Framework::TaskCondition::TaskType::Thread, QUEUE_CAPACITY) {}
+
+int ProcsScanTask::Run() {
+    while (state() != TASK_CANCELLING) {
+        GetEventWaiter().WaitAndHandleEvent(IDLE_WAIT_MS, static_cast<int>(QUEUE_CAPACITY));
+    }
+    return 0;
+}
+
+ProcsFullTask::ProcsMap ProcsScanTask::GetProcsMap() const {
+    ProcsMap processes;
+    for (const int pid : ListPids()) {
+        ProcsMessage::procInfo info;
+        if (Framework::Scope::Contains(pid) && Describe(pid, info)) {
+            processes.emplace(pid, std::move(info));
+        }
+    }
+    return processes;
+}
+
+} // namespace Engine
