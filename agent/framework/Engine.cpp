@@ -1,5 +1,6 @@
 #include "framework/Engine.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -79,23 +80,16 @@ std::vector<std::uint64_t> ListRunningInstances(const Module& module) {
     return instances;
 }
 
-// Runs a delivery and says what became of it, from the error records that this thread logs meanwhile.
-// `explain` gives the reason of a refusal that came without any.
-template <typename Delivery, typename Explain>
-Engine::Outcome WithRecords(const Delivery& deliver, const Explain& explain) {
-    const SDK::LogCapture capture;
-    Engine::Outcome outcome;
-    outcome.accepted = deliver();
+// What became of a delivery, by its result and the error records that this thread logged meanwhile.
+Engine::Outcome MakeOutcome(bool accepted, const SDK::LogCapture& capture) {
     std::vector<std::string> texts;
     for (const SDK::LogCapture::Record& record : capture.Records()) {
         texts.push_back(record.text);
     }
-    if (outcome.accepted) {
-        outcome.notes = texts;
-    } else {
-        outcome.reason = texts.empty() ? explain() : Join(texts);
+    if (accepted) {
+        return {true, "", texts};
     }
-    return outcome;
+    return {false, Join(texts), {}};
 }
 
 void UnInitModule(Module& module) {
@@ -255,9 +249,7 @@ int Engine::InitModules() {
 void Engine::UnInitModules() {
     const SDK::WriteGuard delivery(mState->deliveryLock);
     std::vector<LoadedModule> modules = mState->GetModules();
-    for (auto loaded = modules.rbegin(); loaded != modules.rend(); ++loaded) {
-        UnInitModule(*loaded->module.get());
-    }
+    std::for_each(modules.rbegin(), modules.rend(), [](LoadedModule& loaded) { UnInitModule(*loaded.module); });
     // The policies are objects of the modules' making.
     mState->policies.clear();
     mState->ForgetModules();
@@ -272,12 +264,18 @@ Engine::Outcome Engine::DeliverPolicy(const std::string& policyKey, const std::s
     if (!loaded.module) {
         return Refused("no module takes policies under key " + policyKey);
     }
-    Module& module = *loaded.module.get();
+    Module& module = *loaded.module;
     InstalledPolicy& installed = mState->policies[policyKey];
     const std::vector<std::uint64_t> runningBefore = ListRunningInstances(module);
-    Outcome outcome = WithRecords(
-        [&] { return mState->Deliver(module, policyKey, GetFeatureHash(policyJson), policyJson, installed); },
-        [&] { return ExplainRefusedPolicy(module.name(), policyJson); });
+    Outcome outcome;
+    {
+        const SDK::LogCapture capture;
+        outcome =
+            MakeOutcome(mState->Deliver(module, policyKey, GetFeatureHash(policyJson), policyJson, installed), capture);
+    }
+    if (!outcome.accepted && outcome.reason.empty()) {
+        outcome.reason = ExplainRefusedPolicy(module.name(), policyJson);
+    }
     if (!outcome.accepted && installed.policy && ListRunningInstances(module) != runningBefore) {
         mState->DeliverAgain(module, policyKey, installed);
     }
@@ -290,12 +288,14 @@ Engine::Outcome Engine::DeliverCommand(const std::string& key, const std::string
     if (!loaded.module) {
         return Refused("no module takes commands under key " + key);
     }
-    return WithRecords(
-        [&] {
-            int result = -1;
-            return loaded.module->InvokeTasklet(key, text, result) && result == 0;
-        },
-        [&] { return ExplainRefusedCommand(loaded.module->name(), text); });
+    const SDK::LogCapture capture;
+    int result = -1;
+    const bool accepted = loaded.module->InvokeTasklet(key, text, result) && result == 0;
+    Outcome outcome = MakeOutcome(accepted, capture);
+    if (!accepted && outcome.reason.empty()) {
+        outcome.reason = ExplainRefusedCommand(loaded.module->name(), text);
+    }
+    return outcome;
 }
 
 Json::Value Engine::GetPolicy(const std::string& policyKey) const {

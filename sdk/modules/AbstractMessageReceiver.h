@@ -19,6 +19,7 @@ public:
 
     // One process event; see ProcsMessage.
     virtual void ProcsMessageAction(int /*pid*/, unsigned int /*kind*/,
+                                    // NOLINTNEXTLINE(performance-unnecessary-value-param): it may be kept
                                     std::shared_ptr<ProcsMessage::procInfo> /*info*/) {}
 
     virtual void AssetMessageAction(const AssetMessage* /*message*/) {}
