@@ -21,13 +21,12 @@
 #include <gtest/gtest.h>
 
 #ifndef STRESS_ELEMENTS_PER_PRODUCER
-#define STRESS_ELEMENTS_PER_PRODUCER 100000
+#define STRESS_ELEMENTS_PER_PRODUCER 40000
 #endif
 
 namespace {
 
 struct Scenario {
-    const char* name = "";
     std::uint32_t capacity = 0;
     int producers = 6;
     int consumers = 4;
@@ -209,10 +208,7 @@ void RunThreads(Queue& queue, int producers, std::uint32_t elements, std::vector
     }
 }
 
-class LocklessQueueStress : public ::testing::TestWithParam<Scenario> {};
-
-TEST_P(LocklessQueueStress, EveryElementComesOutOnceAndInTheOrderOfItsProducer) {
-    const Scenario& scenario = GetParam();
+void ExpectEachOnceAndInTheOrderOfItsProducer(const Scenario& scenario) {
     const std::uint32_t elements = ElementsPerProducer();
     Queue queue(scenario.capacity, scenario.declareSingleSides && scenario.producers == 1,
                 scenario.declareSingleSides && scenario.consumers == 1, scenario.releaseOnDequeue, scenario.startIndex);
@@ -244,26 +240,45 @@ TEST_P(LocklessQueueStress, EveryElementComesOutOnceAndInTheOrderOfItsProducer) 
     EXPECT_EQ(received, static_cast<std::size_t>(scenario.producers) * elements);
 }
 
-// So far before the last index that the indices wrap in the middle of even the smallest run.
+// So far before the last index that the indices wrap in the middle of even a small run.
 constexpr std::uint32_t SOON_WRAPPING = std::numeric_limits<std::uint32_t>::max() - 500;
 
-INSTANTIATE_TEST_SUITE_P(
-    Threads, LocklessQueueStress,
-    ::testing::Values(
-        Scenario{.name = "ManyToManyOneSlot", .capacity = 1},
-        Scenario{.name = "ManyToManyNoPowerOfTwo", .capacity = 7, .startIndex = SOON_WRAPPING},
-        Scenario{.name = "ManyToManySmall", .capacity = 16, .startIndex = SOON_WRAPPING},
-        Scenario{.name = "ManyToManyLarge", .capacity = 1024, .startIndex = SOON_WRAPPING},
-        Scenario{.name = "ManyToManyKeepingCopies", .capacity = 16, .releaseOnDequeue = false},
-        Scenario{.name = "ManyToOne", .capacity = 100, .consumers = 1, .startIndex = SOON_WRAPPING},
-        Scenario{.name = "OneToMany", .capacity = 64, .producers = 1, .startIndex = SOON_WRAPPING},
-        Scenario{.name = "OneToOne", .capacity = 3, .producers = 1, .consumers = 1, .startIndex = SOON_WRAPPING},
-        Scenario{.name = "OneToOneUndeclared",
-                 .capacity = 16,
-                 .producers = 1,
-                 .consumers = 1,
-                 .startIndex = SOON_WRAPPING,
-                 .declareSingleSides = false}),
-    [](const auto& scenario) { return std::string(scenario.param.name); });
+TEST(LocklessQueueStress, ManyToManyThroughOneSlot) {
+    ExpectEachOnceAndInTheOrderOfItsProducer({.capacity = 1});
+}
+
+TEST(LocklessQueueStress, ManyToManyWithACapacityThatIsNoPowerOfTwo) {
+    ExpectEachOnceAndInTheOrderOfItsProducer({.capacity = 7, .startIndex = SOON_WRAPPING});
+}
+
+TEST(LocklessQueueStress, ManyToManyThroughASmallQueue) {
+    ExpectEachOnceAndInTheOrderOfItsProducer({.capacity = 16, .startIndex = SOON_WRAPPING});
+}
+
+TEST(LocklessQueueStress, ManyToManyThroughALargeQueue) {
+    ExpectEachOnceAndInTheOrderOfItsProducer({.capacity = 1024, .startIndex = SOON_WRAPPING});
+}
+
+TEST(LocklessQueueStress, ManyToManyThroughSlotsThatKeepTheirCopies) {
+    ExpectEachOnceAndInTheOrderOfItsProducer({.capacity = 16, .releaseOnDequeue = false});
+}
+
+TEST(LocklessQueueStress, ManyToOne) {
+    ExpectEachOnceAndInTheOrderOfItsProducer({.capacity = 100, .consumers = 1, .startIndex = SOON_WRAPPING});
+}
+
+TEST(LocklessQueueStress, OneToMany) {
+    ExpectEachOnceAndInTheOrderOfItsProducer({.capacity = 64, .producers = 1, .startIndex = SOON_WRAPPING});
+}
+
+TEST(LocklessQueueStress, OneToOne) {
+    ExpectEachOnceAndInTheOrderOfItsProducer(
+        {.capacity = 3, .producers = 1, .consumers = 1, .startIndex = SOON_WRAPPING});
+}
+
+TEST(LocklessQueueStress, OneToOneThatWasNotDeclaredSo) {
+    ExpectEachOnceAndInTheOrderOfItsProducer(
+        {.capacity = 16, .producers = 1, .consumers = 1, .startIndex = SOON_WRAPPING, .declareSingleSides = false});
+}
 
 } // namespace

@@ -319,36 +319,31 @@ TEST(LocklessQueue, ACapacityThatIsNoPowerOfTwoWrapsPastTheLastNumber) {
 
 // --- One thread per side
 
-class LocklessQueueOfEveryMode : public ::testing::TestWithParam<QueueForm> {};
-
-TEST_P(LocklessQueueOfEveryMode, HoldsItsCapacityAndRefusesMore) {
-    const auto queue = Make<NumberQueue>(GetParam());
+void ExpectAllIsAsWithManyThreads(const QueueForm& form) {
+    const auto queue = Make<NumberQueue>(form);
     EXPECT_EQ(Put(*queue, CountFrom(1, 10)), 5U);
     EXPECT_FALSE(queue->Enqueue(6));
     EXPECT_EQ(TakeAll(*queue), CountFrom(1, 5));
     int element = 42;
     EXPECT_FALSE(queue->Dequeue(element));
     EXPECT_EQ(element, 42);
-}
-
-TEST_P(LocklessQueueOfEveryMode, KeepsOrderThroughManyRounds) {
-    const auto queue = Make<NumberQueue>(GetParam());
     ExpectOrderThroughManyRounds(*queue);
 }
 
-QueueForm Mode(bool singleProducer, bool singleConsumer) {
-    return {.capacity = 5,
-            .singleProducer = singleProducer,
-            .singleConsumer = singleConsumer,
-            .startIndex = LAST_INDEX - 40};
+constexpr std::uint32_t SOON_WRAPPING = LAST_INDEX - 40;
+
+TEST(LocklessQueue, ASingleProducerFindsAllAsWithManyThreads) {
+    ExpectAllIsAsWithManyThreads({.capacity = 5, .singleProducer = true, .startIndex = SOON_WRAPPING});
 }
 
-INSTANTIATE_TEST_SUITE_P(AnySides, LocklessQueueOfEveryMode,
-                         ::testing::Values(Mode(false, false), Mode(true, false), Mode(false, true), Mode(true, true)),
-                         [](const auto& mode) {
-                             return std::string(mode.param.singleProducer ? "OneProducer" : "ManyProducers") +
-                                    (mode.param.singleConsumer ? "OneConsumer" : "ManyConsumers");
-                         });
+TEST(LocklessQueue, ASingleConsumerFindsAllAsWithManyThreads) {
+    ExpectAllIsAsWithManyThreads({.capacity = 5, .singleConsumer = true, .startIndex = SOON_WRAPPING});
+}
+
+TEST(LocklessQueue, ASingleProducerAndASingleConsumerFindAllAsWithManyThreads) {
+    ExpectAllIsAsWithManyThreads(
+        {.capacity = 5, .singleProducer = true, .singleConsumer = true, .startIndex = SOON_WRAPPING});
+}
 
 // --- How long a message lives
 

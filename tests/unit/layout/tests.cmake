@@ -1,0 +1,15 @@
+# The probe goes without a compiler launcher: a cached object would come without the dump.
+set(CLASS_DUMP "")
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  set(CLASS_DUMP ${CMAKE_BINARY_DIR}/tests/virtual_slots.class)
+  add_library(virtual_slots_probe OBJECT ${TEST_DIR}/VirtualSlotsProbe.cpp)
+  target_link_libraries(virtual_slots_probe PRIVATE whitelist_objects)
+  target_compile_options(virtual_slots_probe PRIVATE -fdump-lang-class=${CLASS_DUMP})
+  set_target_properties(virtual_slots_probe PROPERTIES CXX_COMPILER_LAUNCHER "")
+endif()
+
+corvalent_add_test(virtual_slots_test ${TEST_DIR}/VirtualSlotsTest.cpp LIBS corvalent_options)
+target_compile_definitions(virtual_slots_test PRIVATE CLASS_DUMP="${CLASS_DUMP}")
+if(TARGET virtual_slots_probe)
+  add_dependencies(virtual_slots_test virtual_slots_probe)
+endif()
