@@ -592,16 +592,20 @@ bool ProcessManager::ProcessVerify(int pid) {
         return true;
     }
     std::string digest;
-    if (!ReadImageDigest(path, digest) || digest.empty()) {
-        return true;
-    }
     int source = 0;
-    if (!IsWhiteHash(digest, path, source)) {
+    if (!VerifyImage(path, digest, source)) {
         moduleLog.Information("process [%s] [%s] is not in white hash list", SDK::PathUtils::GetFileNameFromPath(path),
                               path);
         return false;
     }
     return true;
+}
+
+bool ProcessManager::VerifyImage(const std::string& path, std::string& digest, int& source) {
+    if (!ReadImageDigest(path, digest) || digest.empty()) {
+        return true;
+    }
+    return IsWhiteHash(digest, path, source);
 }
 
 // The digest that the lists know the image by: for a prelinked file that of the original. False when

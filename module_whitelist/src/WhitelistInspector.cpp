@@ -98,6 +98,32 @@ Json::Value DescribeTrustList(const std::string& list) {
     return answer;
 }
 
+const char* GetListName(int source) {
+    switch (source) {
+    case ProcessManager::SOURCE_LOCAL:
+        return "local";
+    case ProcessManager::SOURCE_SERVER:
+        return "server";
+    case ProcessManager::SOURCE_OS_PRESET:
+        return "os";
+    case ProcessManager::SOURCE_SERVICE_PRESET:
+        return "service";
+    default:
+        return "none";
+    }
+}
+
+Json::Value DescribeVerdict(const std::string& path) {
+    std::string digest;
+    int source = 0;
+    Json::Value answer(Json::objectValue);
+    answer["trusted"] = ProcessManager::Instance()->VerifyImage(path, digest, source);
+    answer["path"] = path;
+    answer["hash"] = digest;
+    answer["list"] = GetListName(source);
+    return answer;
+}
+
 } // namespace
 
 Json::Value WhitelistInspector::Ask(const Json::Value& request) {
@@ -107,6 +133,9 @@ Json::Value WhitelistInspector::Ask(const Json::Value& request) {
     }
     if (query == "trust_list") {
         return DescribeTrustList(SDK::JsonUtils::GetStringValue(request, "list", ""));
+    }
+    if (query == "verdict") {
+        return DescribeVerdict(SDK::JsonUtils::GetStringValue(request, "path", ""));
     }
     return MakeError("the module cannot answer the query \"" + query + "\"");
 }

@@ -11,6 +11,9 @@ namespace Engine {
 //          "lists": {"local", "server", "os_preset", "service_preset"}}    entry counts
 //     {"query": "trust_list", "list": "local" | "server" | "os" | "service"}
 //         {"process_info": [ENTRY, …]}    in the form in which the list is stored
+//     {"query": "verdict", "path": IMAGE}
+//         {"path", "hash", "trusted", "list": "local" | "server" | "os" | "service" | "none"}
+//         how detection would decide on a process of this image
 class WhitelistInspector : public Framework::ModuleInspector {
 public:
     Json::Value Ask(const Json::Value& request) override;
