@@ -40,7 +40,8 @@ bool HasRoom(const Framework::Task& task) {
 
 Announcer::Announcer()
     : mLost(Framework::Counters::Of("events.lost")), mFolded(Framework::Counters::Of("events.folded")),
-      mRescans(Framework::Counters::Of("events.rescan")), mRescued(Framework::Counters::Of("events.rescued")) {}
+      mRescans(Framework::Counters::Of("events.rescan")), mRescued(Framework::Counters::Of("events.rescued")),
+      mSubscribed(Framework::Counters::Of("events.subscribed")) {}
 
 void Announcer::Fill() {
     for (const int pid : ListPids()) {
@@ -69,6 +70,7 @@ void Announcer::Subscribe(unsigned int kind, const std::string& name, std::uint6
         SettleWith(name, subscriber);
     }
     subscriber.kinds |= 1U << kind;
+    mSubscribed.Add();
     UpdateDebts();
 }
 

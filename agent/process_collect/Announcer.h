@@ -116,6 +116,7 @@ private:
     Framework::Counter& mFolded;
     Framework::Counter& mRescans;
     Framework::Counter& mRescued;
+    Framework::Counter& mSubscribed;
 
     mutable SDK::RwLock mLock;
     std::unordered_map<int, Entry> mTable GUARDED_BY(mLock);
