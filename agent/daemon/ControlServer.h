@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "agent/daemon/Deliveries.h"
+#include "agent/daemon/Status.h"
+#include "framework/Engine.h"
+
+namespace Daemon {
+
+// What an operator talks to: HTTP/1.1 and JSON over a Unix socket that only the daemon's own user may
+// connect to (mode 0600).
+//
+//   GET  /status                                    Status
+//   GET  /policy                                    {"hash", "accepted_time", "enabled", "document"}
+//   POST /policy            a feature policy        {"accepted": true, "notes": [TEXT…]}
+//   POST /command/KEY       the command's text      {"accepted": true, "notes": [TEXT…]}
+//   GET  /trust?list=       local, server, os or service (default local)
+//                                                   {"process_info": [ENTRY…]}
+//   GET  /reports?type=&since=&after=&limit=        {"reports": [{"id", "time", "type", "data"}…]}
+//
+// Whatever fails is answered with {"error": TEXT} and a status: 400 a request that cannot be
+// understood, 404 no such thing, 409 a module that cannot answer now, 413 a body above the limit, 422
+// a delivery that was refused, 500 a fault of the agent's own.
+class ControlServer {
+public:
+    // Trust and preset documents may be tens of megabytes.
+    static constexpr std::size_t MAX_BODY_BYTES = 64U << 20U;
+
+    ControlServer(const Framework::Engine& engine, Deliveries& deliveries);
+    ~ControlServer();
+    ControlServer(const ControlServer&) = delete;
+    ControlServer& operator=(const ControlServer&) = delete;
+
+    // Binds the socket, in place of one that a daemon which is gone left behind, and answers on
+    // threads of its own until Stop. False with the reason when it cannot be bound. Called once.
+    bool Start(const std::string& socketPath, std::string& reason);
+
+    // Takes no more requests, waits for those under way and removes the socket.
+    void Stop();
+
+private:
+    struct Http;
+    const std::unique_ptr<Http> mHttp;
+};
+
+} // namespace Daemon

@@ -1,0 +1,222 @@
+#include "agent/daemon/Daemon.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "agent/daemon/ControlServer.h"
+#include "agent/daemon/Notify.h"
+#include "agent/sdk/CpuGovernor.h"
+#include "agent/sdk/LogCapture.h"
+#include "agent/sdk/LogSetup.h"
+#include "framework/Scope.h"
+#include "sdk/ModuleLog.h"
+#include "sdk/PathUtils.h"
+
+namespace Daemon {
+
+namespace {
+
+SDK::ModuleLog moduleLog("daemon");
+
+namespace fs = std::filesystem;
+
+void Say(const std::string& line) {
+    std::cerr << "corvalentd: " + line + "\n" << std::flush;
+}
+
+int Fail(int status, const std::string& reason) {
+    Say(reason);
+    moduleLog.Fatal("%s", reason);
+    return status;
+}
+
+std::string AbsoluteRoot(const std::string& root) {
+    std::error_code error;
+    const fs::path absolute = fs::absolute(root, error);
+    return (error ? fs::path(root) : absolute / "").lexically_normal().string();
+}
+
+bool IsFolder(const std::string& path) {
+    std::error_code error;
+    return fs::is_directory(path, error);
+}
+
+bool IsModuleName(const std::string& name) {
+    return name.starts_with("lib") && name.ends_with("_module.so");
+}
+
+// The place in the order of loading; equal places are ordered by name.
+std::size_t PlaceOf(const std::string& fileName) {
+    static const std::array<const char*, 3> FIRST = {"libdata_comm_module.so", "libisolate_module.so",
+                                                     "libprocess_collect_module.so"};
+    if (fileName == "libwhitelist_module.so") {
+        return FIRST.size() + 1;
+    }
+    return static_cast<std::size_t>(std::find(FIRST.begin(), FIRST.end(), fileName) - FIRST.begin());
+}
+
+int InitModules(Framework::Engine& engine) {
+    const SDK::LogCapture errors;
+    const int status = engine.InitModules();
+    if (status == 0) {
+        return 0;
+    }
+    const std::string cause = errors.FirstText();
+    constexpr int MAX_STATUS = 255;
+    return Fail(status > 0 && status <= MAX_STATUS ? status : EXIT_MODULE_FAILED,
+                "a module cannot start: " + (cause.empty() ? "status " + std::to_string(status) : cause));
+}
+
+} // namespace
+
+Daemon::Daemon(const std::string& root, bool console) : mRoot(AbsoluteRoot(root)), mConsole(console) {}
+
+int Daemon::Run() {
+    if (const int status = Prepare(); status != 0) {
+        return status;
+    }
+    Framework::Engine engine;
+    int status = StartModules(engine);
+    if (status == 0) {
+        status = Serve(engine);
+    }
+    engine.UnInitModules();
+    moduleLog.Notice("stopped, status %d", status);
+    return status;
+}
+
+std::vector<std::string> Daemon::ListModules(const std::string& folder) {
+    std::vector<std::pair<std::size_t, std::string>> placed;
+    std::error_code error;
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (IsModuleName(name)) {
+            placed.emplace_back(PlaceOf(name), entry->path().string());
+        }
+    }
+    std::sort(placed.begin(), placed.end());
+    std::vector<std::string> paths;
+    paths.reserve(placed.size());
+    for (const auto& [place, path] : placed) {
+        paths.push_back(path);
+    }
+    return paths;
+}
+
+int Daemon::Prepare() {
+    for (const std::string& folder : {mRoot, mRoot + "module"}) {
+        if (!IsFolder(folder)) {
+            return Fail(EXIT_NO_ROOT, "there is no folder [" + folder + "]: a root is what the agent was installed to");
+        }
+    }
+    // Whatever the agent makes is its own user's alone.
+    umask(077);
+    SDK::PathUtils::SetInstallationPath(mRoot);
+    for (const auto step : {&Daemon::MakeFolders, &Daemon::TakeLock, &Daemon::ApplySettings}) {
+        if (const int status = (this->*step)(); status != 0) {
+            return status;
+        }
+    }
+    return 0;
+}
+
+int Daemon::MakeFolders() {
+    for (const char* name : {"conf", "data", "log", "run"}) {
+        const std::string folder = mRoot + name;
+        if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+            return Fail(EXIT_CANNOT_CREATE, "cannot make [" + folder + "]: " + std::strerror(errno));
+        }
+    }
+    // Also where the installation made it: who may not enter cannot even try the socket.
+    if (chmod((mRoot + "run").c_str(), 0700) != 0) {
+        return Fail(EXIT_CANNOT_CREATE, "cannot close [" + mRoot + "run] to others: " + std::strerror(errno));
+    }
+    return 0;
+}
+
+int Daemon::TakeLock() {
+    std::string reason;
+    switch (mLock.Acquire(mRoot + "run/agent.lock", reason)) {
+    case RootLock::Result::TAKEN_BY_ANOTHER:
+        return Fail(EXIT_ALREADY_RUNNING, reason);
+    case RootLock::Result::FAILED:
+        return Fail(EXIT_CANNOT_CREATE, reason);
+    case RootLock::Result::HELD:
+        break;
+    }
+    return 0;
+}
+
+int Daemon::ApplySettings() {
+    Settings settings;
+    std::string reason;
+    if (!Settings::Load(mRoot + "conf/agent.json", settings, reason)) {
+        return Fail(EXIT_BAD_SETTINGS, reason);
+    }
+    SDK::LogSettings log;
+    log.filePath = mRoot + "log/corvalent.log";
+    log.level = settings.logLevel;
+    log.maxBytes = settings.logMaxBytes;
+    log.files = settings.logFiles;
+    log.console = settings.logConsole || mConsole;
+    if (const int error = SDK::SetUpLogging(log); error != 0) {
+        return Fail(EXIT_CANNOT_CREATE, "cannot log to [" + log.filePath + "]: " + std::strerror(error));
+    }
+    Framework::Scope::SetCgroup(settings.cgroup);
+    SDK::SetCpuBudgetPercent(settings.cpuBudgetPercent);
+    moduleLog.Notice("version %s, root [%s], scope [%s], pid %d", CORVALENT_VERSION, mRoot, settings.cgroup,
+                     static_cast<int>(getpid()));
+    return 0;
+}
+
+int Daemon::StartModules(Framework::Engine& engine) {
+    const std::vector<std::string> modules = ListModules(mRoot + "module");
+    if (modules.empty()) {
+        return Fail(EXIT_NO_ROOT, "there is no module in [" + mRoot + "module]");
+    }
+    for (const std::string& path : modules) {
+        std::string reason;
+        if (!engine.LoadModule(path, reason)) {
+            return Fail(EXIT_MODULE_FAILED, "module [" + path + "] cannot be loaded: " + reason);
+        }
+    }
+    return InitModules(engine);
+}
+
+int Daemon::Serve(Framework::Engine& engine) {
+    Deliveries deliveries(engine, mRoot + "conf/");
+    deliveries.Restore();
+    ControlServer server(engine, deliveries);
+    std::string reason;
+    if (!server.Start(mRoot + "run/agent.sock", reason)) {
+        return Fail(EXIT_CANNOT_CREATE, reason);
+    }
+    Say("ready, root " + mRoot + ", pid " + std::to_string(getpid()));
+    NotifyServiceManager("READY=1");
+    WaitForStop();
+    NotifyServiceManager("STOPPING=1");
+    // First, because requests under way may be waiting for a delivery.
+    deliveries.Stop();
+    server.Stop();
+    return EXIT_DONE;
+}
+
+void Daemon::WaitForStop() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    int signal = 0;
+    sigwait(&signals, &signal);
+    moduleLog.Notice("stopping on signal %d", signal);
+}
+
+} // namespace Daemon

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "agent/daemon/Deliveries.h"
+#include "agent/daemon/RootLock.h"
+#include "agent/daemon/Settings.h"
+#include "framework/Engine.h"
+
+namespace Daemon {
+
+// How the daemon ends (sysexits.h where it has a name for it). A module that cannot start ends it
+// with a status of its own, 77 for a missing permission.
+enum ExitStatus : int {
+    EXIT_DONE = 0,
+    EXIT_NO_ROOT = 66,           // the root or its module folder is missing
+    EXIT_MODULE_FAILED = 70,     // a module cannot be loaded, or failed without a status of its own
+    EXIT_CANNOT_CREATE = 73,     // a folder, the lock, the log or the socket
+    EXIT_ALREADY_RUNNING = 75,   // another daemon works in this root
+    EXIT_BAD_SETTINGS = 78,      // conf/agent.json
+};
+
+// The agent as a process: everything from the check of the root to the orderly end, in the foreground.
+//
+// SIGTERM and SIGINT must be blocked in the whole process before it runs; it takes them with sigwait.
+// What an operator must know at once goes to standard error, one line each: that the daemon is ready,
+// or why it ends. The rest is in the log.
+class Daemon {
+public:
+    // `root` without regard to a trailing "/". `console` sends the log to standard error, too, whatever
+    // the settings say.
+    Daemon(const std::string& root, bool console);
+
+    // The whole life of the daemon; returns its exit status.
+    int Run();
+
+    // The modules in the folder, in the order in which they are loaded: what leaves reports and
+    // isolates first, then what collects, then any others by name, and the whitelist module, which
+    // talks to all of them, last. Paths.
+    static std::vector<std::string> ListModules(const std::string& folder);
+
+private:
+    int Prepare();
+    int MakeFolders();
+    int TakeLock();
+    int ApplySettings();
+    int StartModules(Framework::Engine& engine);
+    int Serve(Framework::Engine& engine);
+    static void WaitForStop();
+
+    const std::string mRoot; // with a trailing "/"
+    const bool mConsole;
+    RootLock mLock;
+};
+
+} // namespace Daemon

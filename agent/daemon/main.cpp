@@ -1,0 +1,54 @@
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "agent/daemon/Daemon.h"
+#include "sdk/PathUtils.h"
+
+namespace {
+
+constexpr int EXIT_USAGE = 2;
+
+// Before any thread is there, so that every thread inherits it and sigwait gets the signals.
+void SetUpSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    // A peer that closed its end shows as an error of the write.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("corvalentd - the host agent: learns which executables may run on this machine and enforces it.\n"
+                 "Runs in the foreground until SIGTERM or SIGINT.",
+                 "corvalentd");
+    app.set_version_flag("--version", std::string("corvalentd ") + CORVALENT_VERSION);
+    std::string root = SDK::PathUtils::GetInstallationPath();
+    bool console = false;
+    app.add_option("--root", root, "The installation to run in (also CORVALENT_ROOT)")->type_name("DIR");
+    app.add_flag("--console", console, "Log to standard error, too");
+    app.footer("Exit status: 0 stopped in order, 2 bad usage, 66 root or module folder missing, 70 a module failed,\n"
+               "73 a file cannot be made, 75 another daemon works in this root, 77 permission missing, 78 bad settings.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& request) {
+        return app.exit(request);
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "corvalentd: " << error.what() << "\n";
+        return EXIT_USAGE;
+    }
+    SetUpSignals();
+    try {
+        return Daemon::Daemon(root, console).Run();
+    } catch (const std::exception& error) {
+        std::cerr << "corvalentd: " << error.what() << "\n";
+        return Daemon::EXIT_MODULE_FAILED;
+    }
+}

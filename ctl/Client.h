@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+#include <json/value.h>
+
+namespace Ctl {
+
+// Talks to the daemon of one installation root over its control socket, one connection a request.
+// Every operation throws Failure: with EXIT_NO_DAEMON when nobody listens, with the daemon's own
+// reason when it refuses.
+class Client {
+public:
+    explicit Client(const std::string& root);
+
+    // `path` with its query, percent-encoded where needed (EncodeQuery).
+    Json::Value Get(const std::string& path) const;
+
+    // Waits as long as the delivery takes, at most ten minutes.
+    Json::Value Post(const std::string& path, const std::string& body) const;
+
+private:
+    void CheckDaemon() const;
+
+    const std::string mSocketPath;
+};
+
+// The text as it may stand in a query (RFC 3986): all but letters, digits and "-._~" percent-encoded.
+std::string EncodeQuery(const std::string& text);
+
+} // namespace Ctl

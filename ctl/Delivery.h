@@ -1,0 +1,10 @@
+#pragma once
+
+#include <json/value.h>
+
+namespace Ctl {
+
+// Says on standard output that it was done, and on standard error what the module noted on the way.
+void PrintAccepted(const char* what, const Json::Value& answer);
+
+} // namespace Ctl

@@ -1,0 +1,42 @@
+#include <memory>
+
+#include "ctl/Client.h"
+#include "ctl/Delivery.h"
+#include "ctl/Document.h"
+#include "ctl/Output.h"
+#include "ctl/Verbs.h"
+#include "sdk/JsonUtils.h"
+
+namespace Ctl {
+
+namespace {
+
+void ApplyPolicy(const Context& context, const std::string& file) {
+    const Json::Value answer = Client(context.root).Post("/policy", ReadDocument(file));
+    PrintAccepted("policy accepted", answer);
+}
+
+// The document is shown as it was delivered, byte for byte, so that it can be applied again.
+void ShowPolicy(const Context& context) {
+    const Json::Value policy = Client(context.root).Get("/policy");
+    const std::string document = SDK::JsonUtils::GetStringValue(policy, "document", "");
+    PrintLine(document.ends_with("\n") ? document.substr(0, document.size() - 1) : document);
+    FlushOutput();
+}
+
+} // namespace
+
+void AddPolicyVerbs(CLI::App& app, const Context& context) {
+    CLI::App* policy = app.add_subcommand("policy", "Deliver or show the feature policy");
+    policy->require_subcommand(1);
+
+    const auto file = std::make_shared<std::string>();
+    CLI::App* apply = policy->add_subcommand("apply", "Deliver a feature policy; says why when it is refused");
+    apply->add_option("FILE", *file, "The policy document, - for standard input")->required();
+    apply->callback([&context, file] { ApplyPolicy(context, *file); });
+
+    CLI::App* show = policy->add_subcommand("show", "Print the policy in force as it was delivered");
+    show->callback([&context] { ShowPolicy(context); });
+}
+
+} // namespace Ctl

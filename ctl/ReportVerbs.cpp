@@ -1,0 +1,166 @@
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <functional>
+#include <memory>
+
+#include <unistd.h>
+
+#include "ctl/Client.h"
+#include "ctl/Failure.h"
+#include "ctl/Output.h"
+#include "ctl/SinceTime.h"
+#include "ctl/Verbs.h"
+#include "sdk/JsonUtils.h"
+
+namespace Ctl {
+
+namespace {
+
+using SDK::JsonUtils;
+
+constexpr const char* ALERT_TYPE = "whitelist_4";
+constexpr std::chrono::milliseconds FOLLOW_INTERVAL{300};
+constexpr std::size_t HASH_PREFIX = 12;
+
+struct HistoryOptions {
+    std::string type;
+    std::string since;
+    bool follow = false;
+    bool json = false;
+};
+
+volatile std::sig_atomic_t interrupted = 0;
+
+// Without SA_RESTART, so that a sleep ends at once.
+void WatchForInterrupt() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { interrupted = 1; };
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+}
+
+// Another round is wanted, after a pause.
+bool PauseUntilNextRound() {
+    usleep(static_cast<useconds_t>(std::chrono::microseconds(FOLLOW_INTERVAL).count()));
+    return interrupted == 0;
+}
+
+std::int64_t Now() {
+    return std::time(nullptr);
+}
+
+std::string CheckSince(const std::string& text) {
+    std::int64_t seconds = 0;
+    return ParseSince(text, Now(), seconds)
+               ? ""
+               : "[" + text + "] is no time: seconds since the epoch, 30s, 10m, 2h, 1d or YYYY-MM-DD[ HH:MM:SS]";
+}
+
+std::string MakeQuery(const HistoryOptions& options, std::int64_t since, std::int64_t after) {
+    std::string query = "/reports?after=" + std::to_string(after);
+    if (since > 0) {
+        query += "&since=" + std::to_string(since);
+    }
+    if (!options.type.empty()) {
+        query += "&type=" + EncodeQuery(options.type);
+    }
+    return query;
+}
+
+using Printer = std::function<void(const Json::Value& report)>;
+
+// Prints the reports behind `after`, oldest first, however many answers that takes; moves `after` to
+// the last one.
+void PrintNew(const Client& client, const HistoryOptions& options, std::int64_t since, const Printer& print,
+              std::int64_t& after) {
+    for (;;) {
+        Json::Value reports;
+        JsonUtils::GetSubobjectValue(client.Get(MakeQuery(options, since, after)), "reports", reports);
+        if (reports.empty()) {
+            return;
+        }
+        for (const Json::Value& report : reports) {
+            const std::int64_t id = JsonUtils::GetInt64Value(report, "id", 0);
+            if (id <= after) {
+                throw Failure("the daemon's answer is out of order");
+            }
+            print(report);
+            after = id;
+        }
+        FlushOutput();
+    }
+}
+
+void PrintHistory(const Context& context, const HistoryOptions& options, const Printer& print) {
+    std::int64_t since = 0;
+    if (!options.since.empty()) {
+        ParseSince(options.since, Now(), since);
+    }
+    if (options.follow) {
+        WatchForInterrupt();
+    }
+    const Client client(context.root);
+    std::int64_t after = 0;
+    do {
+        PrintNew(client, options, since, print, after);
+    } while (options.follow && PauseUntilNextRound());
+}
+
+void PrintAlertLine(const Json::Value& report) {
+    Json::Value alert;
+    JsonUtils::GetSubobjectValue(report, "data", alert);
+    Json::Value process;
+    JsonUtils::GetSubobjectValue(alert, "process_info", process);
+    const std::int64_t stored = JsonUtils::GetInt64Value(report, "time", 0);
+    const bool blocked = JsonUtils::GetIntValue(process, "block", 0) == 1;
+    const std::string action = blocked ? Paint(Pad("blocked", 8), Colour::RED) : Paint(Pad("seen", 8), Colour::YELLOW);
+    PrintLine(FormatTime(JsonUtils::GetInt64Value(alert, "occur_time", stored)) + "  " +
+              Pad(FieldText(process, "process_pid"), 8) + action +
+              Pad(Escape(FieldText(process, "process_username")), 12) + "  " +
+              Pad(Escape(FieldText(process, "process_hash").substr(0, HASH_PREFIX)), HASH_PREFIX) + "  " +
+              Pad(Escape(FieldText(alert, "event_id")), 36) + "  " + Escape(FieldText(process, "process_path")));
+}
+
+void PrintReportLine(const Json::Value& report) {
+    PrintLine(FormatTime(JsonUtils::GetInt64Value(report, "time", 0)) + "  " + Pad(FieldText(report, "id"), 8) +
+              Pad(Escape(FieldText(report, "type")), 14) + Escape(FieldText(report, "data")));
+}
+
+void ShowAlerts(const Context& context, const HistoryOptions& options) {
+    PrintHistory(context, options, options.json ? Printer(PrintJson) : Printer(PrintAlertLine));
+}
+
+void ShowReports(const Context& context, const HistoryOptions& options) {
+    PrintHistory(context, options, options.json ? Printer(PrintJson) : Printer(PrintReportLine));
+}
+
+void AddHistoryOptions(CLI::App& verb, HistoryOptions& options) {
+    verb.add_flag("--follow", options.follow, "Go on with what comes until interrupted");
+    verb.add_option("--since", options.since,
+                    "Only what was stored since then: seconds since the epoch, 30s, 10m, 2h, 1d ago, or "
+                    "YYYY-MM-DD[ HH:MM:SS]")
+        ->type_name("TIME")
+        ->check(CheckSince);
+    verb.add_flag("--json", options.json, "One JSON value a line");
+}
+
+} // namespace
+
+void AddReportVerbs(CLI::App& app, const Context& context) {
+    const auto alertOptions = std::make_shared<HistoryOptions>();
+    alertOptions->type = ALERT_TYPE;
+    CLI::App* alerts = app.add_subcommand("alerts", "Print the alerts, oldest first: time, pid, blocked or only seen, "
+                                                    "user, hash, event id, path");
+    AddHistoryOptions(*alerts, *alertOptions);
+    alerts->callback([&context, alertOptions] { ShowAlerts(context, *alertOptions); });
+
+    const auto reportOptions = std::make_shared<HistoryOptions>();
+    CLI::App* reports =
+        app.add_subcommand("reports", "Print everything that was reported, oldest first: time, id, type, document");
+    AddHistoryOptions(*reports, *reportOptions);
+    reports->add_option("--type", reportOptions->type, "Only reports of this type, such as whitelist_6");
+    reports->callback([&context, reportOptions] { ShowReports(context, *reportOptions); });
+}
+
+} // namespace Ctl

@@ -1,0 +1,3 @@
+corvalent_add_test(data_comm_test
+  ${TEST_DIR}/ReportStoreTest.cpp ${TEST_DIR}/DataCommTaskTest.cpp ${TEST_DIR}/DataCommModuleTest.cpp
+  LIBS data_comm_objects)
