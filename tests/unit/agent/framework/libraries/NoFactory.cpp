@@ -1,0 +1,3 @@
+extern "C" int NotAFactory() {
+    return 0;
+}

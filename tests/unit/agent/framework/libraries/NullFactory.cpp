@@ -1,0 +1,5 @@
+#include "framework/Module.h"
+
+extern "C" Framework::Module* CreateModule() {
+    return nullptr;
+}

@@ -1,0 +1,21 @@
+foreach(test TaskCondition EventWaiter Task Policy Module Counters Scope ProcsMessage EngineStress)
+  string(TOLOWER ${test} test_name)
+  corvalent_add_test(framework_${test_name}_test ${TEST_DIR}/${test}Test.cpp LIBS framework)
+endforeach()
+
+# Libraries that are, or are not quite, modules.
+function(corvalent_add_test_library name source)
+  add_library(${name} MODULE ${source})
+  target_link_libraries(${name} PRIVATE framework)
+  set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+endfunction()
+
+corvalent_add_test(framework_engine_test ${TEST_DIR}/EngineTest.cpp LIBS framework)
+foreach(library Good BrokenInspector NoFactory NullFactory ThrowingFactory)
+  set(target framework_test_${library})
+  corvalent_add_test_library(${target} ${TEST_DIR}/libraries/${library}.cpp)
+  add_dependencies(framework_engine_test ${target})
+  string(REGEX REPLACE "([a-z])([A-Z])" "\\1_\\2" macro ${library})
+  string(TOUPPER ${macro} macro)
+  target_compile_definitions(framework_engine_test PRIVATE LIBRARY_${macro}="$<TARGET_FILE:${target}>")
+endforeach()
