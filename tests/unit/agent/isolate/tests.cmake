@@ -1,0 +1,1 @@
+corvalent_add_test(isolate_test ${TEST_DIR}/IsolateTest.cpp LIBS isolate_objects)
