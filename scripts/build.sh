@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# scripts/build.sh [BUILD_DIR [CMAKE_OPTION…]]: configures and builds; "build" unless told otherwise.
+. "$(dirname "$0")/lib/common.sh"
+
+build_dir=${1:-build}
+options=(-G Ninja "${@:2}")
+if command -v ccache >/dev/null; then
+    options+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+
+run_quietly "configuring $build_dir" cmake -S . -B "$build_dir" "${options[@]}"
+run_quietly "building $build_dir" cmake --build "$build_dir"

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# scripts/lint.sh [BUILD_DIR]: what is wrong with the sources without running them: the format of all of
+# them, and of what is shipped also what clang-tidy and clang's thread-safety analysis find (.clang-format
+# and .clang-tidy say what that is). BUILD_DIR has been configured; "build" unless told otherwise.
+. "$(dirname "$0")/lib/common.sh"
+
+build_dir=${1:-build}
+[[ -f $build_dir/compile_commands.json ]] || fail "$build_dir is not configured: run scripts/build.sh first"
+
+say "checking the format"
+git ls-files -z '*.h' '*.cpp' | xargs -0 clang-format --dry-run -Werror
+
+# One file a process; each says nothing unless it found something.
+tidy() {
+    local output
+    if ! output=$(clang-tidy --quiet -p "$1" "$2" 2>&1); then
+        printf '%s\n' "$output" >&2
+        return 1
+    fi
+}
+export -f tidy
+
+say "checking with clang-tidy"
+git ls-files -z 'agent/*.cpp' 'ctl/*.cpp' 'module_whitelist/*.cpp' |
+    xargs -0 --max-procs="$(nproc)" --replace bash -c 'tidy "$1" "$2"' tidy "$build_dir" {}
