@@ -247,6 +247,7 @@ bool ProcessManager::InitLocalProcessFromFile() {
         return false;
     }
     MergeIntoLocalTrust(std::move(entries));
+    localLoaded.store(true);
     return true;
 }
 
@@ -367,7 +368,7 @@ bool ProcessManager::ParsePresetProcMapFromFile(const char* doc, const std::stri
 
 bool ProcessManager::DownloadFileFromPolicy(const char* doc, const std::string& file) {
     Json::Value command;
-    if (SDK::JsonUtils::ParseJsonStr(doc, command) != 0) {
+    if (doc == nullptr || SDK::JsonUtils::ParseJsonStr(doc, command) != 0) {
         return false;
     }
     const std::string url = SDK::JsonUtils::GetStringValue(command, "url", "");
