@@ -111,7 +111,9 @@ int ToResult(CURL* curl, CURLcode code) {
         return status == STATUS_OK ? HttpUtils::DOWNLOAD_TOO_LARGE : static_cast<int>(status);
     case CURLE_UNSUPPORTED_PROTOCOL:
     case CURLE_URL_MALFORMAT:
-        return HttpUtils::DOWNLOAD_BAD_URL;
+        // The URL that was asked for is a good one: with a status it is a redirect's, without one it is
+        // the answer that is not in the protocol.
+        return status == 0 ? HttpUtils::DOWNLOAD_TRANSPORT : HttpUtils::DOWNLOAD_BAD_URL;
     default:
         return HttpUtils::DOWNLOAD_TRANSPORT;
     }

@@ -12,6 +12,11 @@ bool IsNumberByte(char c) {
     return IsDigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
 }
 
+// A "+" and a "." begin none that is allowed, but jsoncpp takes them for one.
+bool BeginsNumber(char c) {
+    return IsDigit(c) || c == '-' || c == '+' || c == '.';
+}
+
 // Walks over a text; past the end it sees NUL bytes.
 class Scanner {
 public:
@@ -92,7 +97,7 @@ bool HasStrictJsonTokens(const char* text, std::size_t length) {
         if (c == '\0') {
             return false;
         }
-        if (c == '-' || IsDigit(c)) {
+        if (BeginsNumber(c)) {
             if (!scanner.TakeNumber()) {
                 return false;
             }

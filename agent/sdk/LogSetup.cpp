@@ -55,8 +55,10 @@ int SetUpLogging(const LogSettings& settings) {
             return result;
         }
     }
+    // Asked for first: setLevel reaches only loggers that exist, and those to come inherit from this one.
+    Poco::Logger& root = Poco::Logger::root();
     Poco::Logger::setLevel("", *level);
-    Poco::Logger::root().setChannel(MakeAgentChannel(settings));
+    root.setChannel(MakeAgentChannel(settings));
     SetRootWritesToConsole(settings.console);
     AttachLoggersToRoot();
     return 0;

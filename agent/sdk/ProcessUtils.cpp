@@ -16,6 +16,7 @@
 
 #include "agent/sdk/FileDescriptor.h"
 #include "sdk/PathUtils.h"
+#include "sdk/ProcStat.h"
 
 namespace SDK {
 
@@ -135,34 +136,6 @@ int ReadBootTime(std::int64_t& bootTime) {
     return 0;
 }
 
-// Field 22 of /proc/PID/stat, in clock ticks since the boot. The fields are counted from behind the
-// last ")", because the name in field 2 may itself hold blanks and parentheses.
-int ReadStartTicks(int pid, std::int64_t& ticks) {
-    constexpr int FIRST_FIELD_BEHIND_NAME = 3;
-    constexpr int START_TIME_FIELD = 22;
-
-    std::string text;
-    const int result = ReadProcFile(ProcPath(pid, "stat"), text, PROC_FILE_MAX_BYTES);
-    if (result != 0) {
-        return result;
-    }
-    const std::string::size_type nameEnd = text.rfind(')');
-    if (nameEnd == std::string::npos) {
-        return EIO;
-    }
-    std::istringstream fields(text.substr(nameEnd + 1));
-    std::string skipped;
-    for (int field = FIRST_FIELD_BEHIND_NAME; field < START_TIME_FIELD; ++field) {
-        fields >> skipped;
-    }
-    std::int64_t parsed = 0;
-    if (!(fields >> parsed)) {
-        return EIO;
-    }
-    ticks = parsed;
-    return 0;
-}
-
 // A link in the bin folder does not make the program that it leads to one of the agent's.
 bool RunsOwnProgram(int pid) {
     struct stat image {};
@@ -225,14 +198,14 @@ int ProcessUtils::GetProcessUser(int pid, std::string& user) {
 
 int ProcessUtils::GetProcessStartTime(int pid, std::int64_t& startTime) {
     return WithoutThrowing([&] {
-        std::int64_t ticks = 0;
+        ProcStat stat;
         std::int64_t bootTime = 0;
-        int result = ReadStartTicks(pid, ticks);
+        int result = ProcStat::Read(pid, stat);
         if (result == 0) {
             result = ReadBootTime(bootTime);
         }
         if (result == 0) {
-            startTime = bootTime + ticks / sysconf(_SC_CLK_TCK);
+            startTime = bootTime + static_cast<std::int64_t>(stat.startTime) / sysconf(_SC_CLK_TCK);
         }
         return result;
     });

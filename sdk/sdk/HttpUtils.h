@@ -29,10 +29,10 @@ class HttpUtils {
 public:
     // Results of Download that are no HTTP status.
     static constexpr int DOWNLOAD_DIGEST_MISMATCH = -1; // the body is not the expected one
-    static constexpr int DOWNLOAD_BAD_URL = -2;         // neither http, https nor file
-    static constexpr int DOWNLOAD_TRANSPORT = -3;       // no connection, time-out, body cut short
-    static constexpr int DOWNLOAD_TOO_LARGE = -4;       // more than DOWNLOAD_MAX_BYTES
-    static constexpr int DOWNLOAD_LOCAL = -5;           // the destination cannot be written
+    static constexpr int DOWNLOAD_BAD_URL = -2;   // neither http, https nor file, or redirected to such a URL or a file
+    static constexpr int DOWNLOAD_TRANSPORT = -3; // no connection, time-out, body cut short
+    static constexpr int DOWNLOAD_TOO_LARGE = -4; // more than DOWNLOAD_MAX_BYTES
+    static constexpr int DOWNLOAD_LOCAL = -5;     // the destination cannot be written
 
     static constexpr long long DOWNLOAD_MAX_BYTES = 10485760;
     static constexpr long DOWNLOAD_CONNECT_TIMEOUT_MS = 5000;

@@ -24,6 +24,8 @@ public:
     };
 
     LogRecorder() : mChannel(new Collector) {
+        // Loggers to come inherit from the root logger, which exists only once it was asked for.
+        Poco::Logger::root();
         Poco::Logger::setLevel("", Poco::Message::PRIO_TRACE);
         Poco::Logger::setChannel("", mChannel);
     }

@@ -1,0 +1,278 @@
+#include <cstdint>
+#include <limits>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "agent/sdk/JsonTokens.h"
+#include "sdk/JsonUtils.h"
+
+using SDK::HasStrictJsonTokens;
+using SDK::JsonUtils;
+using namespace std::string_literals;
+
+namespace {
+
+bool IsAccepted(const std::string& text) {
+    Json::Value value;
+    return JsonUtils::ParseJsonStr(text, value) == 0;
+}
+
+Json::Value Parsed(const std::string& text) {
+    Json::Value value;
+    EXPECT_EQ(JsonUtils::ParseJsonStr(text, value), 0) << text;
+    return value;
+}
+
+std::string Nested(std::size_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']');
+}
+
+} // namespace
+
+TEST(ParseJson, AcceptsObjectsAndArrays) {
+    EXPECT_EQ(Parsed(R"({"a": [1, -2.5e+3, true, null, "x"]})")["a"].size(), 5U);
+    EXPECT_TRUE(Parsed("[]").isArray());
+    EXPECT_TRUE(Parsed(" \r\n\t{}\n ").isObject());
+}
+
+TEST(ParseJson, RefusesARootThatIsNeitherObjectNorArray) {
+    for (const char* text : {"1", "\"text\"", "true", "null", "", "   "}) {
+        EXPECT_FALSE(IsAccepted(text)) << text;
+    }
+}
+
+TEST(ParseJson, RefusesComments) {
+    EXPECT_FALSE(IsAccepted("{} // end"));
+    EXPECT_FALSE(IsAccepted("/* begin */ {}"));
+    EXPECT_FALSE(IsAccepted("{\"a\": /* one */ 1}"));
+}
+
+TEST(ParseJson, RefusesTrailingText) {
+    for (const char* text : {"{} x", "{}{}", "[],", "{}]"}) {
+        EXPECT_FALSE(IsAccepted(text)) << text;
+    }
+}
+
+TEST(ParseJson, RefusesRepeatedKeys) {
+    EXPECT_FALSE(IsAccepted(R"({"a": 1, "a": 2})"));
+    EXPECT_FALSE(IsAccepted(R"({"a": {"b": 1, "b": 1}})"));
+    EXPECT_FALSE(IsAccepted(R"({"a": 1, "\u0061": 2})"));
+}
+
+TEST(ParseJson, RefusesWhatOnlyLooksLikeJson) {
+    for (const char* text : {"{'a': 1}", "{a: 1}", "[1,]", "[,1]", "{\"a\": 1,}", "[1 2]", "[NaN]", "[Infinity]",
+                             "[-Infinity]", "[True]", "{\"a\"}", "{\"a\":}", "{1: 2}", "[", "{\"a\": [}"}) {
+        EXPECT_FALSE(IsAccepted(text)) << text;
+    }
+}
+
+TEST(ParseJson, RefusesNumbersThatJsonDoesNotKnow) {
+    for (const char* text : {"[01]", "[-01]", "[1.]", "[.5]", "[-]", "[+1]", "[1e]", "[1e+]", "[1.e2]", "[0x10]",
+                             "[1.2.3]", "[1-2]", "[--1]", "[-.5]"}) {
+        EXPECT_FALSE(IsAccepted(text)) << text;
+    }
+}
+
+TEST(ParseJson, AcceptsEveryFormOfNumber) {
+    for (const char* text : {"[0]", "[-0]", "[10]", "[0.5]", "[-1.25]", "[1e5]", "[1E-5]", "[2.5e+10]",
+                             "[18446744073709551615]", "[123456789012345678901234567890]"}) {
+        EXPECT_TRUE(IsAccepted(text)) << text;
+    }
+}
+
+TEST(ParseJson, RefusesUnescapedControlCharactersInStrings) {
+    EXPECT_FALSE(IsAccepted("[\"a\nb\"]"));
+    EXPECT_FALSE(IsAccepted("[\"a\tb\"]"));
+    EXPECT_FALSE(IsAccepted("[\"a\0b\"]"s));
+    EXPECT_FALSE(IsAccepted("{\"\x01\": 1}"));
+}
+
+TEST(ParseJson, RefusesStringsThatAreBroken) {
+    for (const char* text : {R"(["abc])", R"(["\x41"])", R"(["\u12"])", R"(["\uD800"])", R"(["\)", R"(["\"])"}) {
+        EXPECT_FALSE(IsAccepted(text)) << text;
+    }
+}
+
+TEST(ParseJson, ReadsEscapes) {
+    EXPECT_EQ(Parsed(R"(["\"\\\/\b\f\n\r\t\u00e9\ud83d\ude00"])")[0].asString(),
+              "\"\\/\b\f\n\r\t\xC3\xA9\xF0\x9F\x98\x80");
+}
+
+TEST(ParseJson, ANulByteDoesNotEndTheDocument) {
+    EXPECT_FALSE(IsAccepted("{}\0"s));
+    EXPECT_FALSE(IsAccepted("{}\0 garbage"s));
+}
+
+TEST(ParseJson, ReadsExactlyTheGivenLength) {
+    const std::string text = R"({"a": 1} and more)";
+    Json::Value value;
+    EXPECT_EQ(JsonUtils::ParseJsonStr(text.data(), 8, value), 0);
+    EXPECT_EQ(value["a"].asInt(), 1);
+    EXPECT_EQ(JsonUtils::ParseJsonStr(text.data(), 7, value), -1);
+    EXPECT_EQ(JsonUtils::ParseJsonStr(text.data(), text.size(), value), -1);
+}
+
+TEST(ParseJson, ANullTextIsRefused) {
+    Json::Value value;
+    EXPECT_EQ(JsonUtils::ParseJsonStr(nullptr, 0, value), -1);
+}
+
+TEST(ParseJson, AFailureLeavesTheValueUntouched) {
+    Json::Value value("before");
+    EXPECT_EQ(JsonUtils::ParseJsonStr("{\"a\": 1, \"b\"", value), -1);
+    EXPECT_EQ(value, Json::Value("before"));
+}
+
+TEST(ParseJson, TooDeepNestingIsRefusedAndDoesNotThrow) {
+    EXPECT_TRUE(IsAccepted(Nested(100)));
+    EXPECT_FALSE(IsAccepted(Nested(100000)));
+    EXPECT_FALSE(IsAccepted(std::string(1000000, '[')));
+}
+
+TEST(ParseJson, ANumberBeyondADoubleDoesNotThrow) {
+    Json::Value value;
+    const int result = JsonUtils::ParseJsonStr("{\"a\": 1e999}", value);
+    if (result == 0) {
+        EXPECT_EQ(JsonUtils::GetIntValue(value, "a", 7), 7);
+        EXPECT_EQ(JsonUtils::GetInt64Value(value, "a", 7), 7);
+    } else {
+        EXPECT_EQ(result, -1);
+    }
+}
+
+TEST(JsonTokens, SeeNothingPastTheEnd) {
+    const std::string text = "[12345]";
+    EXPECT_TRUE(HasStrictJsonTokens(text.data(), 3));
+    EXPECT_FALSE(HasStrictJsonTokens("[1.5]", 3));
+    EXPECT_FALSE(HasStrictJsonTokens("[\"ab\"]", 4));
+    EXPECT_TRUE(HasStrictJsonTokens("", 0));
+}
+
+TEST(JsonMembers, AMissingMemberGivesTheFallback) {
+    const Json::Value object = Parsed("{}");
+    EXPECT_EQ(JsonUtils::GetStringValue(object, "a", "none"), "none");
+    EXPECT_EQ(JsonUtils::GetIntValue(object, "a", 7), 7);
+    EXPECT_EQ(JsonUtils::GetInt64Value(object, "a", 8), 8);
+    EXPECT_TRUE(JsonUtils::GetBoolValue(object, "a", true));
+    EXPECT_FALSE(JsonUtils::IsArrayValue(object, "a"));
+}
+
+TEST(JsonMembers, WhatIsNoObjectGivesTheFallback) {
+    for (const Json::Value& value : {Json::Value(), Json::Value(3), Json::Value("text"), Parsed("[1]")}) {
+        EXPECT_EQ(JsonUtils::GetStringValue(value, "a", "none"), "none");
+        EXPECT_EQ(JsonUtils::GetIntValue(value, "a", 7), 7);
+        EXPECT_EQ(JsonUtils::GetInt64Value(value, "a", 8), 8);
+        EXPECT_TRUE(JsonUtils::GetBoolValue(value, "a", true));
+        EXPECT_FALSE(JsonUtils::IsArrayValue(value, "a"));
+        Json::Value out("before");
+        EXPECT_FALSE(JsonUtils::GetSubobjectValue(value, "a", out));
+        EXPECT_EQ(out, Json::Value("before"));
+    }
+}
+
+TEST(JsonMembers, AnotherTypeGivesTheFallback) {
+    const Json::Value object = Parsed(R"({"t": "5", "n": 5, "b": true, "z": null, "l": [5], "o": {"x": 5}})");
+    for (const char* key : {"n", "b", "z", "l", "o"}) {
+        EXPECT_EQ(JsonUtils::GetStringValue(object, key, "none"), "none") << key;
+    }
+    for (const char* key : {"t", "b", "z", "l", "o"}) {
+        EXPECT_EQ(JsonUtils::GetIntValue(object, key, 7), 7) << key;
+        EXPECT_EQ(JsonUtils::GetInt64Value(object, key, 7), 7) << key;
+    }
+    for (const char* key : {"t", "n", "z", "l", "o"}) {
+        EXPECT_TRUE(JsonUtils::GetBoolValue(object, key, true)) << key;
+        EXPECT_FALSE(JsonUtils::GetBoolValue(object, key, false)) << key;
+    }
+    for (const char* key : {"t", "n", "b", "z", "o"}) {
+        EXPECT_FALSE(JsonUtils::IsArrayValue(object, key)) << key;
+    }
+}
+
+TEST(JsonMembers, AreReadWhenTheyAreOfTheType) {
+    const Json::Value object = Parsed(R"({"t": "text", "n": -5, "b": true, "l": [5]})");
+    EXPECT_EQ(JsonUtils::GetStringValue(object, "t", "none"), "text");
+    EXPECT_EQ(JsonUtils::GetIntValue(object, "n", 7), -5);
+    EXPECT_TRUE(JsonUtils::GetBoolValue(object, "b", false));
+    EXPECT_TRUE(JsonUtils::IsArrayValue(object, "l"));
+}
+
+TEST(JsonMembers, NumbersOutOfRangeGiveTheFallback) {
+    const Json::Value object =
+        Parsed(R"({"int": 2147483647, "over": 2147483648, "under": -2147483649, "long": 9223372036854775807,
+                   "long_over": 9223372036854775808, "huge": 1e300, "tiny": -1e300, "half": 1.5, "whole": 3.0})");
+    EXPECT_EQ(JsonUtils::GetIntValue(object, "int", 7), std::numeric_limits<int>::max());
+    for (const char* key : {"over", "under", "long", "long_over", "huge", "tiny", "half"}) {
+        EXPECT_EQ(JsonUtils::GetIntValue(object, key, 7), 7) << key;
+    }
+    EXPECT_EQ(JsonUtils::GetInt64Value(object, "over", 7), 2147483648);
+    EXPECT_EQ(JsonUtils::GetInt64Value(object, "long", 7), std::numeric_limits<std::int64_t>::max());
+    for (const char* key : {"long_over", "huge", "tiny", "half"}) {
+        EXPECT_EQ(JsonUtils::GetInt64Value(object, key, 7), 7) << key;
+    }
+    EXPECT_EQ(JsonUtils::GetIntValue(object, "whole", 7), 3);
+}
+
+TEST(JsonMembers, ADoubleJustBeyondSixtyFourBitsGivesTheFallback) {
+    Json::Value object;
+    object["limit"] = 9223372036854775808.0;
+    object["nan"] = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_EQ(JsonUtils::GetInt64Value(object, "limit", 7), 7);
+    EXPECT_EQ(JsonUtils::GetInt64Value(object, "nan", 7), 7);
+    EXPECT_EQ(JsonUtils::GetIntValue(object, "nan", 7), 7);
+}
+
+TEST(JsonMembers, ASubobjectIsCopiedWhateverItsType) {
+    Json::Value object = Parsed(R"({"o": {"x": [1]}, "z": null})");
+    Json::Value out("before");
+    ASSERT_TRUE(JsonUtils::GetSubobjectValue(object, "z", out));
+    EXPECT_TRUE(out.isNull());
+    ASSERT_TRUE(JsonUtils::GetSubobjectValue(object, "o", out));
+    object["o"]["x"][0] = 2;
+    EXPECT_EQ(out["x"][0].asInt(), 1);
+}
+
+TEST(JsonMembers, ASubobjectMayTakeThePlaceOfItsParent) {
+    Json::Value value = Parsed(R"({"o": {"o": 5}})");
+    ASSERT_TRUE(JsonUtils::GetSubobjectValue(value, "o", value));
+    EXPECT_EQ(JsonUtils::GetIntValue(value, "o", 7), 5);
+}
+
+TEST(JsonToString, IsOneLineWithMembersInByteOrder) {
+    const Json::Value value = Parsed(R"({"b": [1, {"y": null, "x": true}], "a": "t", "B": -1})");
+    EXPECT_EQ(JsonUtils::JsonToString(value), R"({"B":-1,"a":"t","b":[1,{"x":true,"y":null}]})");
+}
+
+TEST(JsonToString, EscapesControlCharactersAndQuotes) {
+    Json::Value value(Json::objectValue);
+    value["a"] = "q\" b\\ n\n t\t e\x1b z\0."s;
+    const std::string text = JsonUtils::JsonToString(value);
+    EXPECT_EQ(text, R"({"a":"q\" b\\ n\n t\t e\u001b z\u0000."})");
+    EXPECT_EQ(Parsed(text), value);
+}
+
+TEST(JsonToString, KeepsTheBytesOfPathsThatAreNotUtf8) {
+    Json::Value value(Json::objectValue);
+    value["path"] = "/tmp/\xFF\xC3(\x80\xE2\x82/caf\xC3\xA9";
+    const std::string text = JsonUtils::JsonToString(value);
+    EXPECT_EQ(text, "{\"path\":\"/tmp/\xFF\xC3(\x80\xE2\x82/caf\xC3\xA9\"}");
+    EXPECT_EQ(JsonUtils::GetStringValue(Parsed(text), "path", ""), value["path"].asString());
+}
+
+TEST(JsonToString, LosesNoNumber) {
+    const std::string text = R"([9223372036854775807,-9223372036854775808,18446744073709551615])";
+    EXPECT_EQ(JsonUtils::JsonToString(Parsed(text)), text);
+}
+
+TEST(JsonToString, WritesEveryKindOfRoot) {
+    EXPECT_EQ(JsonUtils::JsonToString(Json::Value()), "null");
+    EXPECT_EQ(JsonUtils::JsonToString(Json::Value("x")), "\"x\"");
+    EXPECT_EQ(JsonUtils::JsonToString(Json::Value(Json::arrayValue)), "[]");
+    EXPECT_EQ(JsonUtils::JsonToString(Json::Value(Json::objectValue)), "{}");
+}
+
+TEST(JsonToString, LeavesCommentsOut) {
+    Json::Value value(5);
+    value.setComment(std::string("// a remark"), Json::commentBefore);
+    EXPECT_EQ(JsonUtils::JsonToString(value), "5");
+}

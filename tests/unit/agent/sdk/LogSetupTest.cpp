@@ -1,0 +1,327 @@
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "agent/sdk/LogChannels.h"
+#include "agent/sdk/LogSetup.h"
+#include "sdk/LoggerUtils.h"
+#include "sdk/ModuleLog.h"
+#include "sdk/StrUtils.h"
+#include "support/LogRecorder.h"
+#include "support/TempRoot.h"
+
+using Poco::Message;
+using SDK::LoggerUtils;
+using SDK::LogSettings;
+using SDK::SetUpLogging;
+using TestSupport::LogRecorder;
+using TestSupport::TempDir;
+using namespace std::string_literals;
+
+namespace {
+
+SDK::ModuleLog moduleLog("log_test");
+
+LogSettings FileIn(const TempDir& dir) {
+    LogSettings settings;
+    settings.filePath = dir / "agent.log";
+    return settings;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    return SDK::StrUtils::EasySplit(text, "\n");
+}
+
+void ExpectLine(const std::string& line, const std::string& form) {
+    EXPECT_TRUE(std::regex_match(line, std::regex(form))) << line;
+}
+
+constexpr const char* TIME = "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z";
+
+Message MakeMessage(const std::string& logger, const std::string& text, Message::Priority priority) {
+    return Message(logger, text, priority, "Source.cpp", 12);
+}
+
+// Collects what is written to standard error in its time.
+class StandardError {
+public:
+    StandardError() { testing::internal::CaptureStderr(); }
+    ~StandardError() { Take(); }
+    StandardError(const StandardError&) = delete;
+    StandardError& operator=(const StandardError&) = delete;
+
+    std::string Take() {
+        if (mTaken) {
+            return "";
+        }
+        mTaken = true;
+        return testing::internal::GetCapturedStderr();
+    }
+
+private:
+    bool mTaken = false;
+};
+
+} // namespace
+
+TEST(EscapeControls, LeavesTextAndEscapesWhatCouldImitateALine) {
+    EXPECT_EQ(SDK::EscapeControls("plain caf\xC3\xA9 \xFF"), "plain caf\xC3\xA9 \xFF");
+    EXPECT_EQ(SDK::EscapeControls("a\nb\rc\td\\e\x1b[31m\x7f\0."s), "a\\nb\\rc\\td\\\\e\\x1b[31m\\x7f\\x00.");
+}
+
+TEST(LogFile, ARecordIsOneLine) {
+    const TempDir dir;
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    moduleLog.Error("file [%s] is bad", "a\nb");
+    moduleLog.Information("second");
+    const std::vector<std::string> lines = Lines(dir.Read("agent.log"));
+    ASSERT_EQ(lines.size(), 2U);
+    ExpectLine(lines[0], std::string(TIME) + R"( Error log_test LogSetupTest\.cpp:\d+ file \[a\\nb\] is bad)");
+    ExpectLine(lines[1], std::string(TIME) + R"( Information log_test LogSetupTest\.cpp:\d+ second)");
+}
+
+TEST(LogFile, IsOnlyForItsOwner) {
+    const TempDir dir;
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    moduleLog.Error("x");
+    struct stat info {};
+    ASSERT_EQ(stat((dir / "agent.log").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600U);
+}
+
+TEST(LogFile, IsContinuedNotReplaced) {
+    const TempDir dir;
+    dir.Write("agent.log", "earlier\n");
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    moduleLog.Error("later");
+    EXPECT_EQ(Lines(dir.Read("agent.log")).size(), 2U);
+    EXPECT_EQ(dir.Read("agent.log").rfind("earlier\n", 0), 0U);
+}
+
+TEST(LogFile, RotatesAndKeepsAsManyFilesAsAllowed) {
+    const TempDir dir;
+    LogSettings settings = FileIn(dir);
+    settings.maxBytes = 2000;
+    settings.files = 2;
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    for (int i = 0; i < 200; ++i) {
+        moduleLog.Error("record number %d", i);
+    }
+    EXPECT_NE(dir.Read("agent.log").find("record number 199\n"), std::string::npos);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.Path()), std::filesystem::directory_iterator()), 3);
+    for (const auto& entry : std::filesystem::directory_iterator(dir.Path())) {
+        EXPECT_LT(entry.file_size(), 2300U) << entry.path();
+    }
+}
+
+TEST(LogFile, TakesRecordsOfManyThreads) {
+    const TempDir dir;
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([i] {
+            for (int n = 0; n < 100; ++n) {
+                moduleLog.Error("thread %d record %d end", i, n);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const std::vector<std::string> lines = Lines(dir.Read("agent.log"));
+    EXPECT_EQ(lines.size(), 400U);
+    for (const std::string& line : lines) {
+        ExpectLine(line, std::string(TIME) + R"( Error log_test LogSetupTest\.cpp:\d+ thread \d record \d+ end)");
+    }
+}
+
+TEST(LogLevel, MayBeANameOrANumber) {
+    const TempDir dir;
+    LogSettings settings = FileIn(dir);
+    settings.level = "warning";
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Warning("w1");
+    moduleLog.Notice("n1");
+    settings.level = "5";
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Notice("n2");
+    moduleLog.Information("i2");
+    const std::vector<std::string> lines = Lines(dir.Read("agent.log"));
+    ASSERT_EQ(lines.size(), 2U);
+    ExpectLine(lines[0], ".* w1");
+    ExpectLine(lines[1], ".* n2");
+}
+
+TEST(LogLevel, HoldsForLoggersToCome) {
+    const TempDir dir;
+    LogSettings settings = FileIn(dir);
+    settings.level = "debug";
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    Poco::Logger* logger = LoggerUtils::GetInstance()->GetModuleLogger("log_test_later", false);
+    ASSERT_NE(logger, nullptr);
+    EXPECT_TRUE(logger->debug());
+    EXPECT_FALSE(logger->trace());
+    logger->log(MakeMessage("log_test_later", "text", Message::PRIO_DEBUG));
+    EXPECT_EQ(Lines(dir.Read("agent.log")).size(), 1U);
+}
+
+TEST(SetUpLogging, RefusesWhatCannotWorkAndChangesNothing) {
+    const TempDir dir;
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+
+    LogSettings wrong = FileIn(dir);
+    wrong.level = "loud";
+    EXPECT_EQ(SetUpLogging(wrong), EINVAL);
+    wrong.level = "";
+    EXPECT_EQ(SetUpLogging(wrong), EINVAL);
+    wrong = FileIn(dir);
+    wrong.files = 0;
+    EXPECT_EQ(SetUpLogging(wrong), EINVAL);
+    wrong = FileIn(dir);
+    wrong.maxBytes = 0;
+    EXPECT_EQ(SetUpLogging(wrong), EINVAL);
+    wrong = FileIn(dir);
+    wrong.filePath = dir / "missing/agent.log";
+    EXPECT_EQ(SetUpLogging(wrong), ENOENT);
+    wrong.filePath = dir.Path();
+    EXPECT_EQ(SetUpLogging(wrong), EISDIR);
+
+    moduleLog.Error("still here");
+    EXPECT_EQ(Lines(dir.Read("agent.log")).size(), 1U);
+}
+
+TEST(LogConsole, TakesTheSameLinesAsTheFile) {
+    unsetenv("JOURNAL_STREAM");
+    const TempDir dir;
+    StandardError console;
+    LogSettings settings = FileIn(dir);
+    settings.console = true;
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Error("to both");
+    EXPECT_EQ(console.Take(), dir.Read("agent.log"));
+    EXPECT_EQ(Lines(dir.Read("agent.log")).size(), 1U);
+}
+
+TEST(LogConsole, IsSilentUnlessAskedFor) {
+    const TempDir dir;
+    StandardError console;
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    moduleLog.Error("to the file");
+    EXPECT_EQ(console.Take(), "");
+}
+
+TEST(LogConsole, SpeaksToTheJournalInItsOwnForm) {
+    StandardError console;
+    struct stat info {};
+    ASSERT_EQ(fstat(STDERR_FILENO, &info), 0);
+    setenv("JOURNAL_STREAM", (std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino)).c_str(), 1);
+    LogSettings settings;
+    settings.console = true;
+    settings.level = "trace";
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Error("a\nb");
+    moduleLog.Trace("fine");
+    const std::vector<std::string> lines = Lines(console.Take());
+    ASSERT_EQ(lines.size(), 2U);
+    ExpectLine(lines[0], R"(<3>log_test LogSetupTest\.cpp:\d+ a\\nb)");
+    ExpectLine(lines[1], R"(<7>log_test LogSetupTest\.cpp:\d+ fine)");
+}
+
+TEST(LogConsole, AnInheritedJournalVariableForAnotherStreamIsIgnored) {
+    StandardError console;
+    setenv("JOURNAL_STREAM", "1:1", 1);
+    LogSettings settings;
+    settings.console = true;
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Error("text");
+    ExpectLine(Lines(console.Take()).at(0), std::string(TIME) + " Error .* text");
+}
+
+TEST(ModuleLogger, IsOneForEachName) {
+    LoggerUtils* utils = LoggerUtils::GetInstance();
+    Poco::Logger* logger = utils->GetModuleLogger("one", false);
+    ASSERT_NE(logger, nullptr);
+    EXPECT_EQ(logger->name(), "one");
+    EXPECT_EQ(utils->GetModuleLogger("one", true), logger);
+    EXPECT_NE(utils->GetModuleLogger("two", false), logger);
+    EXPECT_EQ(LoggerUtils::GetInstance(), utils);
+}
+
+TEST(ModuleLogger, WithConsoleWritesToStandardErrorToo) {
+    unsetenv("JOURNAL_STREAM");
+    const TempDir dir;
+    StandardError console;
+    Poco::Logger* early = LoggerUtils::GetInstance()->GetModuleLogger("early", true);
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    Poco::Logger* late = LoggerUtils::GetInstance()->GetModuleLogger("late", true);
+    early->log(MakeMessage("early", "one", Message::PRIO_ERROR));
+    late->log(MakeMessage("late", "two", Message::PRIO_ERROR));
+    moduleLog.Error("not on the console");
+    const std::vector<std::string> lines = Lines(console.Take());
+    ASSERT_EQ(lines.size(), 2U);
+    ExpectLine(lines[0], ".* early Source.cpp:12 one");
+    ExpectLine(lines[1], ".* late Source.cpp:12 two");
+    EXPECT_EQ(Lines(dir.Read("agent.log")).size(), 3U);
+}
+
+TEST(ModuleLogger, WithConsoleIsNotDoubledByTheAgentsConsole) {
+    const TempDir dir;
+    StandardError console;
+    LogSettings settings = FileIn(dir);
+    settings.console = true;
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    LoggerUtils::GetInstance()->GetModuleLogger("both", true)->log(MakeMessage("both", "x", Message::PRIO_ERROR));
+    EXPECT_EQ(Lines(console.Take()).size(), 1U);
+}
+
+TEST(ModuleLogger, OfManyThreadsIsTheSame) {
+    std::vector<Poco::Logger*> loggers(8);
+    std::vector<std::thread> threads;
+    for (Poco::Logger*& logger : loggers) {
+        threads.emplace_back([&logger] { logger = LoggerUtils::GetInstance()->GetModuleLogger("shared", false); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const Poco::Logger* logger : loggers) {
+        EXPECT_NE(logger, nullptr);
+        EXPECT_EQ(logger, loggers.front());
+    }
+}
+
+TEST(ModuleLogger, MadeBeforeOrAfterARecorderIsRecorded) {
+    Poco::Logger* before = LoggerUtils::GetInstance()->GetModuleLogger("recorded_before", false);
+    const LogRecorder recorder;
+    Poco::Logger* after = LoggerUtils::GetInstance()->GetModuleLogger("recorded_after", false);
+    before->log(MakeMessage("recorded_before", "one", Message::PRIO_TRACE));
+    after->log(MakeMessage("recorded_after", "two", Message::PRIO_TRACE));
+    EXPECT_EQ(recorder.Count(Message::PRIO_TRACE, "one"), 1);
+    EXPECT_EQ(recorder.Count(Message::PRIO_TRACE, "two"), 1);
+}
+
+TEST(ModuleLogger, WithoutASetUpRecordsAreDropped) {
+    StandardError console;
+    moduleLog.Error("nowhere");
+    EXPECT_EQ(console.Take(), "");
+}
+
+TEST(ModuleLog, CarriesPlaceAndTextOfTheRecord) {
+    const LogRecorder recorder;
+    const int line = __LINE__ + 1;
+    moduleLog.Warning("%s %s %d %z %?d", std::string("a"), "b", 1, std::size_t{2}, 3L);
+    const std::vector<LogRecorder::Record> records = recorder.Records();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].logger, "log_test");
+    EXPECT_EQ(records[0].text, "a b 1 2 3");
+    EXPECT_EQ(records[0].file, "LogSetupTest.cpp");
+    EXPECT_EQ(records[0].line, line);
+}
