@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <string_view>
 
 #include <httplib.h>
 #include <sys/socket.h>
@@ -86,8 +87,7 @@ void Client::CheckDaemon() const {
     }
     mSocketPath.copy(address.sun_path, mSocketPath.size());
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool connected =
-        fd >= 0 && connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    const bool connected = fd >= 0 && connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     const int error = errno;
     if (fd >= 0) {
         close(fd);
@@ -103,10 +103,11 @@ void Client::CheckDaemon() const {
 
 std::string EncodeQuery(const std::string& text) {
     static constexpr std::array<char, 17> DIGITS = {"0123456789ABCDEF"};
+    static constexpr std::string_view UNRESERVED_MARKS = "-._~";
     std::string encoded;
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        if (std::isalnum(byte) != 0 || std::strchr("-._~", c) != nullptr) {
+        if (std::isalnum(byte) != 0 || UNRESERVED_MARKS.find(c) != std::string_view::npos) {
             encoded += c;
         } else {
             encoded += {'%', DIGITS[byte >> 4U], DIGITS[byte & 0xFU]};

@@ -39,8 +39,10 @@ void AddCommandVerbs(CLI::App& app, const Context& context) {
     const auto key = std::make_shared<std::string>();
     const auto file = std::make_shared<std::string>();
     CLI::App* command = app.add_subcommand("command", "Deliver a server command");
-    command->add_option("KEY", *key, "whitelist_10001 server trust list, 10002 OS preset, 10003 service preset, 10004 "
-                                     "reset learning, 10005 start detection")
+    command
+        ->add_option("KEY", *key,
+                     "whitelist_10001 server trust list, 10002 OS preset, 10003 service preset, 10004 "
+                     "reset learning, 10005 start detection")
         ->required()
         ->check(CheckKey);
     command->add_option("FILE", *file, "The command's document, - for standard input; none sends an empty text");

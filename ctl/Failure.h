@@ -8,7 +8,7 @@ namespace Ctl {
 // How the program ends.
 enum ExitStatus : int {
     EXIT_DONE = 0,
-    EXIT_FAILED = 1,     // refused or failed
+    EXIT_FAILED = 1, // refused or failed
     EXIT_BAD_USAGE = 2,
     EXIT_NO_DAEMON = 69, // EX_UNAVAILABLE of sysexits.h
 };

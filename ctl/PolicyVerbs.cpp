@@ -16,11 +16,11 @@ void ApplyPolicy(const Context& context, const std::string& file) {
     PrintAccepted("policy accepted", answer);
 }
 
-// The document is shown as it was delivered, byte for byte, so that it can be applied again.
+// As JSON that can be applied again.
 void ShowPolicy(const Context& context) {
-    const Json::Value policy = Client(context.root).Get("/policy");
-    const std::string document = SDK::JsonUtils::GetStringValue(policy, "document", "");
-    PrintLine(document.ends_with("\n") ? document.substr(0, document.size() - 1) : document);
+    Json::Value document;
+    SDK::JsonUtils::GetSubobjectValue(Client(context.root).Get("/policy"), "document", document);
+    PrintJson(document);
     FlushOutput();
 }
 
@@ -35,7 +35,7 @@ void AddPolicyVerbs(CLI::App& app, const Context& context) {
     apply->add_option("FILE", *file, "The policy document, - for standard input")->required();
     apply->callback([&context, file] { ApplyPolicy(context, *file); });
 
-    CLI::App* show = policy->add_subcommand("show", "Print the policy in force as it was delivered");
+    CLI::App* show = policy->add_subcommand("show", "Print the policy in force, one line of JSON");
     show->callback([&context] { ShowPolicy(context); });
 }
 

@@ -21,8 +21,7 @@ using Columns = std::vector<std::pair<const char*, const char*>>;
 const Columns& ColumnsOf(const std::string& list) {
     static const Columns LEARNED = {
         {"hash", "SHA-256"}, {"size", "BYTES"}, {"type", "TYPE"}, {"name", "NAME"}, {"path", "PATH"}};
-    static const Columns PRESET = {
-        {"sha256", "SHA-256"}, {"os", "OS"}, {"version", "VERSION"}, {"filename", "FILE"}};
+    static const Columns PRESET = {{"sha256", "SHA-256"}, {"os", "OS"}, {"version", "VERSION"}, {"filename", "FILE"}};
     return list == "os" || list == "service" ? PRESET : LEARNED;
 }
 

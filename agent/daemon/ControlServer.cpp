@@ -126,6 +126,17 @@ void AnswerTrust(const Framework::Engine& engine, const httplib::Request& reques
     AnswerOrRefuse(response, engine.Ask(WHITELIST_MODULE, question));
 }
 
+void AnswerVerdict(const Framework::Engine& engine, const httplib::Request& request, httplib::Response& response) {
+    if (!request.has_param("path")) {
+        Refuse(response, HTTP_BAD_REQUEST, "which image? the parameter [path] is missing");
+        return;
+    }
+    Json::Value question(Json::objectValue);
+    question["query"] = "verdict";
+    question["path"] = request.get_param_value("path");
+    AnswerOrRefuse(response, engine.Ask(WHITELIST_MODULE, question));
+}
+
 void AnswerPolicy(const Deliveries& deliveries, httplib::Response& response) {
     const Json::Value policy = deliveries.GetPolicy();
     if (policy.isNull()) {
@@ -210,17 +221,18 @@ ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& delive
     server.new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
 
     server.Get("/status", [status](const Request&, Response& response) { Answer(response, status->Collect()); });
-    server.Get("/policy",
-               [&deliveries](const Request&, Response& response) { AnswerPolicy(deliveries, response); });
+    server.Get("/policy", [&deliveries](const Request&, Response& response) { AnswerPolicy(deliveries, response); });
     server.Post("/policy", [&deliveries](const Request&, Response& response, const httplib::ContentReader& reader) {
         TakePolicy(deliveries, reader, response);
     });
-    server.Post("/command/([^/]+)", [&deliveries](const Request& request, Response& response,
-                                                  const httplib::ContentReader& reader) {
-        TakeCommand(deliveries, request.matches[1], reader, response);
-    });
+    server.Post("/command/([^/]+)",
+                [&deliveries](const Request& request, Response& response, const httplib::ContentReader& reader) {
+                    TakeCommand(deliveries, request.matches[1], reader, response);
+                });
     server.Get("/trust",
                [&engine](const Request& request, Response& response) { AnswerTrust(engine, request, response); });
+    server.Get("/verdict",
+               [&engine](const Request& request, Response& response) { AnswerVerdict(engine, request, response); });
     server.Get("/reports",
                [&engine](const Request& request, Response& response) { AnswerReports(engine, request, response); });
     server.set_error_handler([](const Request&, Response& response) { DescribeError(response); });

@@ -18,6 +18,7 @@ namespace Daemon {
 //   POST /command/KEY       the command's text      {"accepted": true, "notes": [TEXT…]}
 //   GET  /trust?list=       local, server, os or service (default local)
 //                                                   {"process_info": [ENTRY…]}
+//   GET  /verdict?path=                             how the whitelist module would judge that image
 //   GET  /reports?type=&since=&after=&limit=        {"reports": [{"id", "time", "type", "data"}…]}
 //
 // Whatever fails is answered with {"error": TEXT} and a status: 400 a request that cannot be

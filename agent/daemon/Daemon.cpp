@@ -32,12 +32,6 @@ void Say(const std::string& line) {
     std::cerr << "corvalentd: " + line + "\n" << std::flush;
 }
 
-int Fail(int status, const std::string& reason) {
-    Say(reason);
-    moduleLog.Fatal("%s", reason);
-    return status;
-}
-
 std::string AbsoluteRoot(const std::string& root) {
     std::error_code error;
     const fs::path absolute = fs::absolute(root, error);
@@ -63,18 +57,6 @@ std::size_t PlaceOf(const std::string& fileName) {
     return static_cast<std::size_t>(std::find(FIRST.begin(), FIRST.end(), fileName) - FIRST.begin());
 }
 
-int InitModules(Framework::Engine& engine) {
-    const SDK::LogCapture errors;
-    const int status = engine.InitModules();
-    if (status == 0) {
-        return 0;
-    }
-    const std::string cause = errors.FirstText();
-    constexpr int MAX_STATUS = 255;
-    return Fail(status > 0 && status <= MAX_STATUS ? status : EXIT_MODULE_FAILED,
-                "a module cannot start: " + (cause.empty() ? "status " + std::to_string(status) : cause));
-}
-
 } // namespace
 
 Daemon::Daemon(const std::string& root, bool console) : mRoot(AbsoluteRoot(root)), mConsole(console) {}
@@ -83,13 +65,26 @@ int Daemon::Run() {
     if (const int status = Prepare(); status != 0) {
         return status;
     }
+    // Before the log is set up, because the base of every Poco application leads all loggers to the
+    // console when it is made.
     Framework::Engine engine;
+    if (const int status = ApplySettings(); status != 0) {
+        return status;
+    }
     int status = StartModules(engine);
     if (status == 0) {
         status = Serve(engine);
     }
     engine.UnInitModules();
     moduleLog.Notice("stopped, status %d", status);
+    return status;
+}
+
+int Daemon::Fail(int status, const std::string& reason) const {
+    Say(reason);
+    if (mLogs) {
+        moduleLog.Fatal("%s", reason);
+    }
     return status;
 }
 
@@ -120,15 +115,11 @@ int Daemon::Prepare() {
     // Whatever the agent makes is its own user's alone.
     umask(077);
     SDK::PathUtils::SetInstallationPath(mRoot);
-    for (const auto step : {&Daemon::MakeFolders, &Daemon::TakeLock, &Daemon::ApplySettings}) {
-        if (const int status = (this->*step)(); status != 0) {
-            return status;
-        }
-    }
-    return 0;
+    const int status = MakeFolders();
+    return status == 0 ? TakeLock() : status;
 }
 
-int Daemon::MakeFolders() {
+int Daemon::MakeFolders() const {
     for (const char* name : {"conf", "data", "log", "run"}) {
         const std::string folder = mRoot + name;
         if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -170,6 +161,7 @@ int Daemon::ApplySettings() {
     if (const int error = SDK::SetUpLogging(log); error != 0) {
         return Fail(EXIT_CANNOT_CREATE, "cannot log to [" + log.filePath + "]: " + std::strerror(error));
     }
+    mLogs = true;
     Framework::Scope::SetCgroup(settings.cgroup);
     SDK::SetCpuBudgetPercent(settings.cpuBudgetPercent);
     moduleLog.Notice("version %s, root [%s], scope [%s], pid %d", CORVALENT_VERSION, mRoot, settings.cgroup,
@@ -177,7 +169,7 @@ int Daemon::ApplySettings() {
     return 0;
 }
 
-int Daemon::StartModules(Framework::Engine& engine) {
+int Daemon::StartModules(Framework::Engine& engine) const {
     const std::vector<std::string> modules = ListModules(mRoot + "module");
     if (modules.empty()) {
         return Fail(EXIT_NO_ROOT, "there is no module in [" + mRoot + "module]");
@@ -191,7 +183,19 @@ int Daemon::StartModules(Framework::Engine& engine) {
     return InitModules(engine);
 }
 
-int Daemon::Serve(Framework::Engine& engine) {
+int Daemon::InitModules(Framework::Engine& engine) const {
+    const SDK::LogCapture errors;
+    const int status = engine.InitModules();
+    if (status == 0) {
+        return 0;
+    }
+    const std::string cause = errors.FirstText();
+    constexpr int MAX_STATUS = 255;
+    return Fail(status > 0 && status <= MAX_STATUS ? status : EXIT_MODULE_FAILED,
+                "a module cannot start: " + (cause.empty() ? "status " + std::to_string(status) : cause));
+}
+
+int Daemon::Serve(Framework::Engine& engine) const {
     Deliveries deliveries(engine, mRoot + "conf/");
     deliveries.Restore();
     ControlServer server(engine, deliveries);

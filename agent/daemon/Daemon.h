@@ -14,11 +14,11 @@ namespace Daemon {
 // with a status of its own, 77 for a missing permission.
 enum ExitStatus : int {
     EXIT_DONE = 0,
-    EXIT_NO_ROOT = 66,           // the root or its module folder is missing
-    EXIT_MODULE_FAILED = 70,     // a module cannot be loaded, or failed without a status of its own
-    EXIT_CANNOT_CREATE = 73,     // a folder, the lock, the log or the socket
-    EXIT_ALREADY_RUNNING = 75,   // another daemon works in this root
-    EXIT_BAD_SETTINGS = 78,      // conf/agent.json
+    EXIT_NO_ROOT = 66,         // the root or its module folder is missing
+    EXIT_MODULE_FAILED = 70,   // a module cannot be loaded, or failed without a status of its own
+    EXIT_CANNOT_CREATE = 73,   // a folder, the lock, the log or the socket
+    EXIT_ALREADY_RUNNING = 75, // another daemon works in this root
+    EXIT_BAD_SETTINGS = 78,    // conf/agent.json
 };
 
 // The agent as a process: everything from the check of the root to the orderly end, in the foreground.
@@ -41,16 +41,22 @@ public:
     static std::vector<std::string> ListModules(const std::string& folder);
 
 private:
+    // Each returns 0 or the exit status.
     int Prepare();
-    int MakeFolders();
+    int MakeFolders() const;
     int TakeLock();
     int ApplySettings();
-    int StartModules(Framework::Engine& engine);
-    int Serve(Framework::Engine& engine);
+    int StartModules(Framework::Engine& engine) const;
+    int InitModules(Framework::Engine& engine) const;
+    int Serve(Framework::Engine& engine) const;
     static void WaitForStop();
+
+    // Says why the daemon ends, also in the log once there is one; returns `status`.
+    int Fail(int status, const std::string& reason) const;
 
     const std::string mRoot; // with a trailing "/"
     const bool mConsole;
+    bool mLogs = false;
     RootLock mLock;
 };
 

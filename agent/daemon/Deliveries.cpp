@@ -23,8 +23,7 @@ Deliveries::Outcome Refusal(const std::string& reason) {
 
 } // namespace
 
-Deliveries::Deliveries(Framework::Engine& engine, const std::string& confFolder,
-                       std::chrono::milliseconds lookInterval)
+Deliveries::Deliveries(Framework::Engine& engine, const std::string& confFolder, std::chrono::milliseconds lookInterval)
     : mEngine(engine), mPolicyPath(confFolder + "policy.json"), mLookInterval(lookInterval),
       mDesired(confFolder + "desired.json"), mDetection(engine, mDesired), mThread([this] { Work(); }) {}
 
@@ -126,7 +125,7 @@ void Deliveries::Guarded(const char* what, const std::function<void()>& work) co
 Deliveries::Outcome Deliveries::DeliverPolicy(const std::string& text) {
     Outcome outcome = mEngine.DeliverPolicy(POLICY_KEY, text);
     if (outcome.accepted) {
-        KeepPolicy(outcome);
+        KeepPolicy(text, outcome);
     } else {
         moduleLog.Warning("policy refused: %s", outcome.reason);
     }
@@ -165,11 +164,15 @@ Deliveries::Outcome Deliveries::RedeliverPolicy() {
     return outcome;
 }
 
-// What is kept is the document in force: a delivery whose hash is that of the installed policy is
-// accepted without taking its place.
-void Deliveries::KeepPolicy(Outcome& outcome) const {
-    const std::string inForce = SDK::JsonUtils::GetStringValue(mEngine.GetPolicy(POLICY_KEY), "document", "");
-    const int error = SDK::FileUtils::WriteFile(mPolicyPath, inForce, false);
+void Deliveries::KeepPolicy(const std::string& text, Outcome& outcome) const {
+    Json::Value delivered;
+    SDK::JsonUtils::ParseJsonStr(text, delivered);
+    // A delivery with the hash of the installed policy is accepted without taking its place; what is
+    // kept is what is in force.
+    if (mEngine.GetPolicy(POLICY_KEY)["document"] != delivered) {
+        return;
+    }
+    const int error = SDK::FileUtils::WriteFile(mPolicyPath, text, false);
     if (error != 0) {
         const std::string note = "the policy is in force but could not be kept for the next start: [" + mPolicyPath +
                                  "]: " + std::strerror(error);

@@ -73,7 +73,7 @@ private:
     Outcome DeliverPolicy(const std::string& text);
     Outcome DeliverCommand(const std::string& key, const std::string& text);
     Outcome RedeliverPolicy();
-    void KeepPolicy(Outcome& outcome) const;
+    void KeepPolicy(const std::string& text, Outcome& outcome) const;
     void TakeSnapshot();
 
     Framework::Engine& mEngine;

@@ -98,8 +98,8 @@ Readers AllMembers(Settings& settings) {
         {"max_bytes",
          Number(MIN_LOG_BYTES, std::numeric_limits<std::int64_t>::max(),
                 [&settings](std::int64_t value) { settings.logMaxBytes = static_cast<std::uint64_t>(value); })},
-        {"files", Number(1, MAX_LOG_FILES,
-                         [&settings](std::int64_t value) { settings.logFiles = static_cast<int>(value); })},
+        {"files",
+         Number(1, MAX_LOG_FILES, [&settings](std::int64_t value) { settings.logFiles = static_cast<int>(value); })},
         {"console", Flag(settings.logConsole)},
     };
     return {

@@ -123,8 +123,7 @@ bool ReportStore::Open(std::string& reason) {
 }
 
 int ReportStore::OpenOnce(std::string& reason) {
-    int result =
-        sqlite3_open_v2(mPath.c_str(), &mDatabase, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    int result = sqlite3_open_v2(mPath.c_str(), &mDatabase, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     if (result == SQLITE_OK) {
         sqlite3_busy_timeout(mDatabase, BUSY_TIMEOUT_MS);
         result = Execute(mDatabase, SCHEMA);

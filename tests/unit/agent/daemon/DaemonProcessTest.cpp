@@ -32,9 +32,11 @@ public:
             words.push_back(const_cast<char*>(argument.c_str()));
         }
         words.push_back(nullptr);
+        // What an earlier one said must not be taken for this one's.
+        fs::remove(errorFile);
         mPid = fork();
         if (mPid == 0) {
-            const int fd = open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int fd = open(errorFile.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
             dup2(fd, STDERR_FILENO);
             dup2(fd, STDOUT_FILENO);
             execv(CORVALENTD, words.data());
@@ -158,8 +160,8 @@ TEST_F(DaemonProcessTest, ADaemonThatWasKilledLeavesTheRootUsable) {
 
 TEST_F(DaemonProcessTest, AMissingRootOrModuleFolderIsSaidInOneLine) {
     EXPECT_EQ(RunToTheEnd({"--root", root / "none"}), 66);
-    EXPECT_EQ(said, "corvalentd: there is no folder [" + (root / "none/") +
-                        "]: a root is what the agent was installed to\n");
+    EXPECT_EQ(said,
+              "corvalentd: there is no folder [" + (root / "none/") + "]: a root is what the agent was installed to\n");
 
     fs::remove_all(root / "module");
     EXPECT_EQ(RunToTheEnd(), 66);
@@ -224,9 +226,8 @@ TEST_F(DaemonProcessTest, ModulesAreLoadedInTheirOrder) {
         names.push_back(fs::path(path).filename().string());
     }
 
-    EXPECT_THAT(names,
-                ElementsAre("libdata_comm_module.so", "libisolate_module.so", "libprocess_collect_module.so",
-                            "libaaa_module.so", "libfilenotify_module.so", "libwhitelist_module.so"));
+    EXPECT_THAT(names, ElementsAre("libdata_comm_module.so", "libisolate_module.so", "libprocess_collect_module.so",
+                                   "libaaa_module.so", "libfilenotify_module.so", "libwhitelist_module.so"));
 }
 
 } // namespace

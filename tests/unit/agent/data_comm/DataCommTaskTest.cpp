@@ -152,7 +152,14 @@ TEST_F(DataCommTaskTest, WhatCannotBeWrittenIsKeptAndStoredOnceItCan) {
 TEST_F(DataCommTaskTest, AQueueThatFillsUpWhileNothingCanBeWrittenCountsItsLosses) {
     Start();
     const DatabaseLock lock(path);
-    ASSERT_TRUE(TestSupport::WaitFor([&] { return !Send("whitelist_6", "{}"); }));
+    Send("whitelist_6", "{}");
+    ASSERT_TRUE(TestSupport::WaitFor([] { return Counted("reports.write_errors") >= 1; }));
+
+    unsigned int taken = 0;
+    while (Send("whitelist_6", "{}")) {
+        ++taken;
+    }
+    EXPECT_EQ(taken, DataCommTask::QUEUE_CAPACITY);
 
     EXPECT_GE(task->GetLostCount(), 1U);
     EXPECT_EQ(task->GetQueueDepth(), DataCommTask::QUEUE_CAPACITY);
