@@ -20,6 +20,11 @@ public:
     // scope. The process is addressed by a pidfd from the check to the signal, so that a pid that was
     // reused in between is never hit.
     //
+    // Only the image that the process runs is made non-executable: where `path` leads to another file
+    // (it was replaced, the process sees other mounts, or the path is a script's), that file is left as
+    // it is and `chmod` is cleared. A `path` that leads nowhere any more counts as done, because nothing
+    // is left there to start.
+    //
     // Returns true when everything asked for was done. Any thread; blocks for no longer than the
     // system calls take.
     virtual bool Isolate(int pid, const std::string& path, bool& kill, bool& chmod, bool& quarantine) = 0;

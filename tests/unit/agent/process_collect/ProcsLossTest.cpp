@@ -17,6 +17,14 @@ std::uint64_t Count(const std::string& counter) {
     return Framework::Counters::Of(counter).Get();
 }
 
+// The counters at its construction.
+struct Losses {
+    std::uint64_t lost = Count("events.lost");
+    std::uint64_t overflow = Count("events.overflow");
+    std::uint64_t rescans = Count("events.rescan");
+    std::uint64_t rescued = Count("events.rescued");
+};
+
 // Losses of both sorts, in a scope of the test's own so that nothing else on the machine is told.
 class ProcsLossTest : public testing::Test {
 protected:
@@ -80,23 +88,26 @@ protected:
 
 TEST_F(ProcsLossTest, AfterAFullQueueEveryLiveProcessIsToldAllTheSame) {
     ASSERT_NO_FATAL_FAILURE(Begin(ProcConnector::RECEIVE_BUFFER_BYTES, 4));
+    const Losses before;
     mReceiver->handling.Close();
     StartChildren(20);
-    ASSERT_TRUE(WaitFor([] { return Count("events.lost") > 0; }));
+    ASSERT_TRUE(WaitFor([&] { return Losses().lost > before.lost; }));
     const std::vector<Receiver::Event> toldBefore = mReceiver->Events();
     EXPECT_LT(toldBefore.size(), 20u);
     mReceiver->handling.Open();
     EXPECT_TRUE(AwaitAllTold());
-    EXPECT_GT(Count("events.rescued"), 0u);
-    EXPECT_EQ(Count("events.overflow"), 0u);
+    const Losses after;
+    EXPECT_GT(after.rescued, before.rescued);
+    EXPECT_EQ(after.overflow, before.overflow);
 }
 
 TEST_F(ProcsLossTest, AProcessThatEndedWhileItWasOwedIsNotTold) {
     ASSERT_NO_FATAL_FAILURE(Begin(ProcConnector::RECEIVE_BUFFER_BYTES, 4));
     mReceiver->handling.Close();
+    const std::uint64_t execsBefore = Count("events.exec");
     StartChildren(20);
+    ASSERT_TRUE(WaitFor([&] { return Count("events.exec") >= execsBefore + 20; }));
     const std::uint64_t exitsBefore = Count("events.exit");
-    ASSERT_TRUE(WaitFor([] { return Count("events.lost") > 0; }));
     std::vector<int> ended;
     while (mChildren.size() > 1) {
         ended.push_back(mChildren.back().Pid());
@@ -114,14 +125,16 @@ TEST_F(ProcsLossTest, AProcessThatEndedWhileItWasOwedIsNotTold) {
 // The reader is held up at the subscriber's queue while the kernel's small buffer runs over.
 TEST_F(ProcsLossTest, AfterAFullReceiveBufferEveryLiveProcessIsTold) {
     ASSERT_NO_FATAL_FAILURE(Begin(8192, 10240));
+    const Losses before;
     mReceiver->senders.Close();
     StartChildren(60);
     mReceiver->senders.Open();
     EXPECT_TRUE(AwaitAllTold());
-    EXPECT_GT(Count("events.overflow"), 0u);
-    EXPECT_GE(Count("events.lost"), Count("events.overflow"));
-    EXPECT_GT(Count("events.rescan"), 0u);
-    EXPECT_GT(Count("events.rescued"), 0u);
+    const Losses after;
+    EXPECT_GT(after.overflow, before.overflow);
+    EXPECT_GT(after.lost, before.lost);
+    EXPECT_GT(after.rescans, before.rescans);
+    EXPECT_GT(after.rescued, before.rescued);
 }
 
 TEST_F(ProcsLossTest, AfterAFullReceiveBufferExitsAreToldToo) {
