@@ -21,8 +21,8 @@ namespace TestSupport {
 
 // A program started inside a control group, with the times of its exec and of its death.
 //
-// The instant of the exec is the one at which the kernel closes a close-on-exec pipe of the child,
-// that of the death the one at which its pidfd becomes readable.
+// The instant of the exec is taken by the child just before it calls exec, that of the death when its
+// pidfd becomes readable.
 class ScopedProcess {
 public:
     using Clock = std::chrono::steady_clock;
@@ -90,6 +90,13 @@ public:
     void Kill(int signal) const { kill(mPid, signal); }
 
 private:
+    // What the child says over a close-on-exec pipe before it calls exec, and again with an error when
+    // that failed.
+    struct Word {
+        Clock::time_point time;
+        int error = 0;
+    };
+
     [[noreturn]] static void RunChild(const std::string& procs, char** arguments, int stdinFd, bool quiet,
                                       int reportFd) {
         const int null = open("/dev/null", O_RDWR);
@@ -99,24 +106,30 @@ private:
             dup2(null, STDERR_FILENO);
         }
         if (procs.empty() || JoinCgroup(procs.c_str())) {
+            Say(reportFd, 0);
             execvp(arguments[0], arguments);
         }
-        const int error = errno;
-        static_cast<void>(write(reportFd, &error, sizeof(error)) < 0);
+        Say(reportFd, errno);
         _exit(127);
     }
 
+    static void Say(int fd, int error) {
+        const Word word{Clock::now(), error};
+        static_cast<void>(write(fd, &word, sizeof(word)) < 0);
+    }
+
     void AwaitExec(int fd, const std::string& program) {
-        int error = 0;
-        const ssize_t count = read(fd, &error, sizeof(error));
-        mExeced = Clock::now();
+        mPidFd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
+        Word word;
+        while (read(fd, &word, sizeof(word)) == sizeof(word) && word.error == 0) {
+            mExeced = word.time;
+        }
         mEnded = mExeced;
         close(fd);
-        mPidFd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
-        if (count != 0) {
+        if (word.error != 0) {
             waitpid(mPid, &mStatus, 0);
             mReaped = true;
-            throw std::runtime_error("cannot start " + program + ": " + std::strerror(error));
+            throw std::runtime_error("cannot start " + program + ": " + std::strerror(word.error));
         }
     }
 
