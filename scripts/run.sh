@@ -50,7 +50,7 @@ make_scope() {
 
 # Only what this script started: the agent, the HTTP server, and the processes of its own group.
 clean_up() {
-    exec {LEARN_FD}>&- 2>/dev/null || true
+    [[ -z ${LEARN_FD:-} ]] || exec {LEARN_FD}>&-
     stop_agent || true
     [[ -z ${HTTP_PID:-} ]] || { exec {HTTP_FD}>&- && wait "$HTTP_PID"; } 2>/dev/null || true
     if [[ -n ${GROUP:-} && -d $GROUP ]]; then
@@ -128,7 +128,7 @@ reader_arguments() {
     sed | awk | mawk | gawk | grep) echo "x" ;;
     comm | join) echo "- -" ;;
     csplit) echo "- 1" ;;
-    split) echo "- $WORK/split" ;;
+    split) echo "-" ;;
     cmp | diff) echo "- /etc/passwd" ;;
     xz | bzip2 | gzip) echo "-c" ;;
     nohup | env | nice | stdbuf | timeout | setsid | ionice | chrt | taskset | flock) wrapper_arguments "$1" ;;
@@ -153,6 +153,9 @@ start_readers() {
     local program path count=0
     mkfifo "$WORK/stdin"
     exec {LEARN_FD}<>"$WORK/stdin"
+    # Some leave files where they run.
+    mkdir "$WORK/scratch"
+    pushd "$WORK/scratch" >/dev/null
     for program in $READERS; do
         path=$(type -P "$program") || continue
         read -ra arguments <<<"$(reader_arguments "$program")"
@@ -164,6 +167,7 @@ start_readers() {
         "$START" "$GROUP" 20000 "$path" 15 >/dev/null 2>&1 &
         READER_PIDS+=($!)
     done
+    popd >/dev/null
     say "learning: $count of this machine's programs run in the scope $GROUP_NAME"
 }
 
@@ -177,6 +181,7 @@ enough_learned() {
 end_readers() {
     kill_scope
     exec {LEARN_FD}>&-
+    LEARN_FD=
     wait "${READER_PIDS[@]}" || true
 }
 
@@ -284,8 +289,8 @@ main_job() {
     local started=$SECONDS
     build_all
     say "built in $((SECONDS - started)) s"
-    START=$BUILD/tests/start_in_scope
-    SERVE=$BUILD/tests/serve_directory
+    START=$(realpath "$BUILD/tests/start_in_scope")
+    SERVE=$(realpath "$BUILD/tests/serve_directory")
     READER_PIDS=()
     WRONG=()
     started=$SECONDS
@@ -324,8 +329,8 @@ main_job() {
 # ---- the whole host ---------------------------------------------------------------------------------
 
 status_line() {
-    ctl status --json | jq -r '"\(.mode_name), \(.lists.local) programs learned, events: \(.events.exec) exec,
-  \(.events.fork) fork, \(.events.exit) exit, \(.events.lost) lost"' | tr -d '\n'
+    ctl status --json | jq -r '"\(.mode_name): \(.lists.local) programs learned; events: " +
+        (.events | "\(.exec) exec, \(.fork) fork, \(.exit) exit, \(.lost) lost")'
 }
 
 whole_host() {
@@ -337,7 +342,7 @@ whole_host() {
     apply_policy false
     say "learning on this host, nothing is blocked; Ctrl-C ends it"
     while kill -0 "$AGENT_PID" 2>/dev/null; do
-        if [[ -t 1 ]]; then printf '\r\033[K%s' "$(status_line)"; else status_line && say; fi
+        if [[ -t 1 ]]; then printf '\r\033[K%s' "$(status_line)"; else status_line; fi
         sleep 1
     done
     fail "the agent ended: $(cat "$WORK/agent.err")"
