@@ -170,14 +170,16 @@ int Daemon::ApplySettings() {
 }
 
 int Daemon::StartModules(Framework::Engine& engine) const {
-    const std::vector<std::string> modules = ListModules(mRoot + "module");
+    const std::string folder = mRoot + "module";
+    const std::vector<std::string> modules = ListModules(folder);
     if (modules.empty()) {
-        return Fail(EXIT_NO_ROOT, "there is no module in [" + mRoot + "module]");
+        return Fail(EXIT_NO_ROOT, "there is no module in [" + folder + "]");
     }
     for (const std::string& path : modules) {
         std::string reason;
         if (!engine.LoadModule(path, reason)) {
-            return Fail(EXIT_MODULE_FAILED, "module [" + path + "] cannot be loaded: " + reason);
+            return Fail(EXIT_MODULE_FAILED,
+                        std::string("module [").append(path).append("] cannot be loaded: ").append(reason));
         }
     }
     return InitModules(engine);

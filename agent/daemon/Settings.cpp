@@ -75,11 +75,12 @@ Reader Cgroup(std::string& cgroup) {
 
 std::string ReadMembers(const std::string& prefix, const Json::Value& object, const Readers& readers) {
     for (const std::string& key : object.getMemberNames()) {
+        const std::string name = std::string(prefix).append(key);
         const auto reader = readers.find(key);
         if (reader == readers.end()) {
-            return "unknown member \"" + prefix + key + "\"";
+            return "unknown member \"" + name + "\"";
         }
-        if (std::string fault = reader->second(prefix + key, object[key]); !fault.empty()) {
+        if (std::string fault = reader->second(name, object[key]); !fault.empty()) {
             return fault;
         }
     }
