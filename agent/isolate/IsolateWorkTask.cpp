@@ -44,11 +44,12 @@ bool IsolateWorkTask::Isolate(int pid, const std::string& path, bool& kill, bool
     if (result.killed) {
         mKilled.Add();
     }
-    const bool done = kill == killWanted && chmod == chmodWanted && !quarantineWanted;
-    if (!done) {
+    const bool allDone = kill == killWanted && chmod == chmodWanted && !quarantineWanted;
+    if (!allDone) {
         mFailed.Add();
     }
-    return done;
+    // A process that is dead is isolated, whatever became of its file.
+    return killWanted ? kill : allDone;
 }
 
 } // namespace Engine

@@ -25,8 +25,9 @@ public:
     // it is and `chmod` is cleared. A `path` that leads nowhere any more counts as done, because nothing
     // is left there to start.
     //
-    // Returns true when everything asked for was done. Any thread; blocks for no longer than the
-    // system calls take.
+    // Returns true when the process was killed, if that was asked for, else when everything asked for was
+    // done; what became of the rest is in the flags. Any thread; blocks for no longer than the system
+    // calls take.
     virtual bool Isolate(int pid, const std::string& path, bool& kill, bool& chmod, bool& quarantine) = 0;
 };
 
