@@ -1,2 +1,6 @@
 corvalent_add_test(whitelist_trust_stores_test ${TEST_DIR}/ProcessRecordTest.cpp ${TEST_DIR}/TrustStoresTest.cpp
   LIBS whitelist_objects OpenSSL::Crypto)
+corvalent_add_test(whitelist_presets_test ${TEST_DIR}/PresetListsTest.cpp
+  LIBS whitelist_objects PkgConfig::HTTPLIB OpenSSL::SSL OpenSSL::Crypto)
+corvalent_add_test(whitelist_decision_test ${TEST_DIR}/TrustDecisionTest.cpp ${TEST_DIR}/PrelinkTest.cpp
+  ${TEST_DIR}/InterpreterNamesTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
