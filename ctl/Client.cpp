@@ -47,17 +47,14 @@ httplib::Client Connect(const std::string& socketPath) {
     return client;
 }
 
-Json::Value ReadAnswer(const httplib::Result& result) {
-    if (!result) {
-        throw Failure("the daemon broke off the connection (" + httplib::to_string(result.error()) + ")");
-    }
+Json::Value ReadAnswer(const httplib::Response& response) {
     Json::Value answer;
-    if (SDK::JsonUtils::ParseJsonStr(result->body, answer) != 0) {
+    if (SDK::JsonUtils::ParseJsonStr(response.body, answer) != 0) {
         throw Failure("the daemon's answer is not JSON");
     }
     constexpr int HTTP_OK = 200;
-    if (result->status != HTTP_OK) {
-        throw Failure(SDK::JsonUtils::GetStringValue(answer, "error", "status " + std::to_string(result->status)));
+    if (response.status != HTTP_OK) {
+        throw Failure(SDK::JsonUtils::GetStringValue(answer, "error", "status " + std::to_string(response.status)));
     }
     return answer;
 }
@@ -67,15 +64,24 @@ Json::Value ReadAnswer(const httplib::Result& result) {
 Client::Client(const std::string& root) : mSocketPath(root + (root.ends_with("/") ? "" : "/") + "run/agent.sock") {}
 
 Json::Value Client::Get(const std::string& path) const {
-    CheckDaemon();
-    const BrokenPipeIgnored guard;
-    return ReadAnswer(Connect(mSocketPath).Get(path));
+    return Ask([&](httplib::Client& client) { return client.Get(path); });
 }
 
 Json::Value Client::Post(const std::string& path, const std::string& body) const {
+    return Ask([&](httplib::Client& client) { return client.Post(path, body, "application/json"); });
+}
+
+Json::Value Client::Ask(const std::function<httplib::Result(httplib::Client&)>& request) const {
     CheckDaemon();
     const BrokenPipeIgnored guard;
-    return ReadAnswer(Connect(mSocketPath).Post(path, body, "application/json"));
+    httplib::Client client = Connect(mSocketPath);
+    const httplib::Result result = request(client);
+    if (!result) {
+        // A daemon that has gone away since is no daemon.
+        CheckDaemon();
+        throw Failure("the daemon broke off the connection (" + httplib::to_string(result.error()) + ")");
+    }
+    return ReadAnswer(*result);
 }
 
 // The HTTP library does not say why a connection failed.

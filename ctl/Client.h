@@ -1,8 +1,14 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include <json/value.h>
+
+namespace httplib {
+class Client;
+class Result;
+} // namespace httplib
 
 namespace Ctl {
 
@@ -20,6 +26,7 @@ public:
     Json::Value Post(const std::string& path, const std::string& body) const;
 
 private:
+    Json::Value Ask(const std::function<httplib::Result(httplib::Client&)>& request) const;
     void CheckDaemon() const;
 
     const std::string mSocketPath;
