@@ -62,6 +62,7 @@ public:
 
     bool Spawn(const std::vector<std::string>& words, pid_t& pid) const {
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (const std::string& word : words) {
             arguments.push_back(const_cast<char*>(word.c_str()));
         }

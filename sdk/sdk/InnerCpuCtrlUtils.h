@@ -14,9 +14,10 @@ public:
     // How much CPU time a loop may use before it should call AdjustThreadCpu.
     static unsigned long GetSuggestedRunTick();
 
-    // Sleeps for as long as it takes to bring `elapsed` ticks of CPU time, used since the caller's
-    // last adjustment, down to the budget; at most one second. `file`, `line` and `who` name the
-    // loop in the trace log; `now` is the tick at the time of the call.
+    // Sleeps for as long as it takes to bring `elapsed` ticks of CPU time, used by the process since
+    // the caller's last adjustment, down to the budget; at most one second, and less as far as the
+    // process is within its budget already. `file`, `line` and `who` name the loop in the trace log;
+    // `now` is the tick at the time of the call.
     static void AdjustThreadCpu(const char* file, int line, const char* who, unsigned long now, unsigned long elapsed);
 };
 

@@ -107,8 +107,12 @@ TEST(CpuGovernor, IdleTimeIsNoCreditForALaterBurst) {
     SetCpuBudgetPercent(10);
     std::this_thread::sleep_for(std::chrono::milliseconds(1000));
     Adjust(10000);
-    UseCpu(50000);
-    EXPECT_GE(TimeOf([] { Adjust(50000); }).count(), 100);
+    // The burst and the sleep together, because on a loaded machine the burst alone may take that long.
+    const auto took = TimeOf([] {
+        UseCpu(50000);
+        Adjust(50000);
+    });
+    EXPECT_GE(took.count(), 450);
 }
 
 TEST(CpuGovernor, WhatWasUsedBeforeTheBudgetDoesNotCount) {
