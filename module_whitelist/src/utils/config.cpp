@@ -43,9 +43,9 @@ bool ReadEntry(const std::string& line, std::string& key, std::string& value) {
 
 // False when the file exists but cannot be read. A file that is missing, empty or not a regular one
 // has no lines.
-bool ReadLines(const char* path, std::vector<std::string>& lines) {
+bool ReadLines(const std::string& path, std::vector<std::string>& lines) {
     struct stat status {};
-    if (stat(path, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size <= 0) {
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size <= 0) {
         return true;
     }
     std::string content;
@@ -156,13 +156,14 @@ bool get_config_bool(const char* path, const char* section, const char* key, boo
 }
 
 bool set_config_str(const char* path, const char* section, const char* key, const char* value) {
+    const std::string file = path == nullptr ? "" : path;
     std::vector<std::string> lines;
-    if (!ReadLines(path, lines)) {
-        moduleLog.Error("read [%s] failed.", path);
+    if (!ReadLines(file, lines)) {
+        moduleLog.Error("read [%s] failed.", file);
         return false;
     }
-    if (SDK::FileUtils::WriteFile(path, Rebuild(lines, section, key, value), false) != 0) {
-        moduleLog.Error("write config [%s] failed.", path);
+    if (SDK::FileUtils::WriteFile(file, Rebuild(lines, section, key, value), false) != 0) {
+        moduleLog.Error("write config [%s] failed.", file);
         return false;
     }
     return true;
