@@ -38,6 +38,7 @@ double ShareOfBusyLoops(int threads, std::chrono::milliseconds duration) {
     const Clock::time_point begin = Clock::now();
     const unsigned long tickBegin = TimeUtils::GetCurrentSystemTickUsed();
     std::vector<std::thread> loops;
+    loops.reserve(static_cast<std::size_t>(threads));
     for (int i = 0; i < threads; ++i) {
         loops.emplace_back([&] {
             SDK::CpuThrottle throttle("test", "test");

@@ -408,6 +408,7 @@ TEST(FileDigest, OfManyThreadsAtOnce) {
     const TempDir dir;
     const std::string path = dir.Write("file", "abc");
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([&] {
             for (int n = 0; n < 200; ++n) {

@@ -515,6 +515,7 @@ TEST(Download, WorksOnManyThreadsAtOnce) {
     const std::string url = server.Serve("/list", CONTENT);
     const std::string digest = Sha256Of(CONTENT);
     std::vector<std::thread> threads;
+    threads.reserve(6);
     for (int i = 0; i < 6; ++i) {
         threads.emplace_back([&] {
             const Destination destination;

@@ -127,6 +127,7 @@ TEST(LogFile, TakesRecordsOfManyThreads) {
     const TempDir dir;
     ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([i] {
             for (int n = 0; n < 100; ++n) {
@@ -286,6 +287,7 @@ TEST(ModuleLogger, WithConsoleIsNotDoubledByTheAgentsConsole) {
 TEST(ModuleLogger, OfManyThreadsIsTheSame) {
     std::vector<Poco::Logger*> loggers(8);
     std::vector<std::thread> threads;
+    threads.reserve(loggers.size());
     for (Poco::Logger*& logger : loggers) {
         threads.emplace_back([&logger] { logger = LoggerUtils::GetInstance()->GetModuleLogger("shared", false); });
     }
