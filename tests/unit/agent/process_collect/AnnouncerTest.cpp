@@ -187,6 +187,7 @@ TEST_F(AnnouncerTest, WhatAFullQueueRefusedIsOwedUntilThereIsRoom) {
     const std::uint64_t lostBefore = Count("events.lost");
     small->handling.Close();
     std::vector<ChildProcess> children;
+    children.reserve(4);
     for (int i = 0; i < 4; ++i) {
         children.push_back(SpawnChild());
     }

@@ -46,9 +46,8 @@ protected:
     // From here on the receiver's thread stands still and messages wait in its queue.
     void HoldUpReceiver() {
         mReceiver->handling.Close();
-        const std::size_t toldBefore = mReceiver->Events().size();
         ChildProcess::Spawn({"/bin/true"}).Wait();
-        ASSERT_TRUE(WaitFor([&] { return mReceiver->Events().size() > toldBefore; }));
+        ASSERT_TRUE(WaitFor([this] { return mReceiver->handling.HoldsSomebody(); }));
     }
 
     bool AwaitExitOf(int pid) const {

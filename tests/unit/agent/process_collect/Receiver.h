@@ -28,7 +28,14 @@ public:
     void Open() { Set(true); }
     void Pass() {
         std::unique_lock<std::mutex> lock(mMutex);
+        ++mWaiting;
         mChanged.wait(lock, [this] { return mOpen; });
+        --mWaiting;
+    }
+    // True while somebody stands before it.
+    bool HoldsSomebody() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return !mOpen && mWaiting > 0;
     }
 
 private:
@@ -38,9 +45,10 @@ private:
         mChanged.notify_all();
     }
 
-    std::mutex mMutex;
+    mutable std::mutex mMutex;
     std::condition_variable mChanged;
     bool mOpen = true;
+    int mWaiting = 0;
 };
 
 // A task that subscribes to all three kinds of process event and writes down what it is told.
