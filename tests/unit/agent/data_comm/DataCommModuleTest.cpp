@@ -78,6 +78,8 @@ TEST_F(DataCommModuleTest, AHistoryThatIsNotThereIsAnError) {
 }
 
 TEST_F(DataCommModuleTest, TheTaskRunsFromInitToUnInitWithoutAPolicy) {
+    const Framework::Counter& stored = Framework::Counters::Of("reports.stored");
+    const std::uint64_t before = stored.Get();
     Framework::Engine engine;
     engine.AddModule(new DataCommModule, new DataCommInspector);
     ASSERT_EQ(engine.InitModules(), 0);
@@ -86,7 +88,7 @@ TEST_F(DataCommModuleTest, TheTaskRunsFromInitToUnInitWithoutAPolicy) {
     ASSERT_TRUE(task);
     std::shared_ptr<Framework::Message> report = std::make_shared<Framework::DataMessage>("whitelist_4", "{}");
     ASSERT_TRUE(task->EnqueueMsg(report));
-    ASSERT_TRUE(TestSupport::WaitFor([] { return Framework::Counters::Of("reports.stored").Get() == 1; }));
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return stored.Get() == before + 1; }));
     EXPECT_EQ(JsonUtils::JsonToString(engine.Ask(DataCommModule::NAME, Parse(R"({"query":"count"})"))),
               R"({"alerts":1,"total":1})");
 

@@ -1,5 +1,6 @@
 #include "agent/data_comm/DataCommTask.h"
 
+#include <map>
 #include <memory>
 #include <thread>
 
@@ -71,8 +72,13 @@ protected:
         return reports;
     }
 
-    static std::uint64_t Counted(const std::string& name) { return Counters::Of(name).Get(); }
+    // How much the counter has grown in this test.
+    std::uint64_t Counted(const std::string& name) const {
+        const auto before = countersBefore.find(name);
+        return Counters::Of(name).Get() - (before == countersBefore.end() ? 0 : before->second);
+    }
 
+    const std::map<std::string, std::uint64_t> countersBefore = Counters::Snapshot();
     TestSupport::LogRecorder log;
     TestSupport::TempDir folder;
     const std::string path = folder / "reports.db";
@@ -87,7 +93,7 @@ TEST_F(DataCommTaskTest, ReportsAreStoredInTheOrderInWhichTheyCame) {
         ASSERT_TRUE(Send("whitelist_6", std::to_string(i)));
     }
 
-    ASSERT_TRUE(TestSupport::WaitFor([] { return Counted("reports.stored") == REPORTS; }));
+    ASSERT_TRUE(TestSupport::WaitFor([this] { return Counted("reports.stored") == REPORTS; }));
     for (int from = 0; from < REPORTS; from += Engine::ReportQuery::MAX_LIMIT) {
         std::vector<Report> reports;
         std::string reason;
@@ -103,7 +109,7 @@ TEST_F(DataCommTaskTest, AReportIsStampedWithTheTimeItWasTaken) {
     Start();
     const std::int64_t before = time(nullptr);
     Send("whitelist_4", "{}");
-    ASSERT_TRUE(TestSupport::WaitFor([] { return Counted("reports.stored") == 1; }));
+    ASSERT_TRUE(TestSupport::WaitFor([this] { return Counted("reports.stored") == 1; }));
 
     const std::vector<Report> reports = Stored();
     ASSERT_EQ(reports.size(), 1U);
@@ -135,12 +141,12 @@ TEST_F(DataCommTaskTest, WhatCannotBeWrittenIsKeptAndStoredOnceItCan) {
     {
         const DatabaseLock lock(path);
         Send("whitelist_4", "1");
-        ASSERT_TRUE(TestSupport::WaitFor([] { return Counted("reports.write_errors") >= 2; }));
+        ASSERT_TRUE(TestSupport::WaitFor([this] { return Counted("reports.write_errors") >= 2; }));
         EXPECT_EQ(Counted("reports.stored"), 0U);
         Send("whitelist_4", "2");
     }
 
-    ASSERT_TRUE(TestSupport::WaitFor([] { return Counted("reports.stored") == 2; }));
+    ASSERT_TRUE(TestSupport::WaitFor([this] { return Counted("reports.stored") == 2; }));
     const std::vector<Report> reports = Stored();
     ASSERT_EQ(reports.size(), 2U);
     EXPECT_EQ(reports[0].data, "1");
@@ -153,7 +159,7 @@ TEST_F(DataCommTaskTest, AQueueThatFillsUpWhileNothingCanBeWrittenCountsItsLosse
     Start();
     const DatabaseLock lock(path);
     Send("whitelist_6", "{}");
-    ASSERT_TRUE(TestSupport::WaitFor([] { return Counted("reports.write_errors") >= 1; }));
+    ASSERT_TRUE(TestSupport::WaitFor([this] { return Counted("reports.write_errors") >= 1; }));
 
     unsigned int taken = 0;
     while (Send("whitelist_6", "{}")) {
@@ -181,11 +187,11 @@ TEST_F(DataCommTaskTest, ADatabaseThatCannotBeOpenedAtTheStartIsOpenedLater) {
     task = new DataCommTask(folderPath + "/reports.db");
     Start();
     Send("whitelist_6", "{}");
-    ASSERT_TRUE(TestSupport::WaitFor([] { return Counted("reports.write_errors") >= 1; }));
+    ASSERT_TRUE(TestSupport::WaitFor([this] { return Counted("reports.write_errors") >= 1; }));
 
     std::filesystem::create_directory(folderPath);
 
-    EXPECT_TRUE(TestSupport::WaitFor([] { return Counted("reports.stored") == 1; }));
+    EXPECT_TRUE(TestSupport::WaitFor([this] { return Counted("reports.stored") == 1; }));
 }
 
 } // namespace
