@@ -45,13 +45,13 @@ mode_t ModeOf(const std::string& path) {
 }
 
 std::string MakeFifo(const TempDir& dir) {
-    const std::string path = dir / "fifo";
+    std::string path = dir / "fifo";
     EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
     return path;
 }
 
 std::string MakeSparseFile(const TempDir& dir, std::int64_t size) {
-    const std::string path = dir.Write("sparse", "");
+    std::string path = dir.Write("sparse", "");
     EXPECT_EQ(truncate(path.c_str(), size), 0);
     return path;
 }

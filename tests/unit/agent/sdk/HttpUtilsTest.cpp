@@ -193,7 +193,7 @@ public:
     }
 
     std::string WriteCertificate(const TempDir& dir) const {
-        const std::string path = dir / "ca.pem";
+        std::string path = dir / "ca.pem";
         FILE* file = fopen(path.c_str(), "w");
         PEM_write_X509(file, mCertificate);
         fclose(file);
