@@ -85,7 +85,9 @@ protected:
         return names;
     }
 
+    // What messages and tasks write to outlives the engine, which destroys the last of them.
     Journal journal;
+    std::atomic<int> destroyed{0};
     std::unique_ptr<Framework::Engine> engine;
     // Owned by the engine.
     TestModule* const module;
@@ -477,10 +479,8 @@ TEST_F(EngineTest, WhatIsNoModuleLibraryIsRefused) {
 TEST_F(EngineTest, ADirectMessageReachesTheRunningTask) {
     auto* receiver = new ScriptedTask("receiver");
     ASSERT_TRUE(module->RegisterTask(receiver, true));
-    const auto sender = MakeTask("sender");
-    auto sending = sender;
-    std::atomic<int> destroyed{0};
-    EXPECT_TRUE(sending->SendDirectMsg("receiver", new NumberMessage(5, &destroyed)));
+    auto sender = MakeTask("sender");
+    EXPECT_TRUE(sender->SendDirectMsg("receiver", new NumberMessage(5, &destroyed)));
     EXPECT_TRUE(WaitFor([&] { return receiver->Numbers() == std::vector<int>{5} && destroyed == 1; }));
 }
 
@@ -494,7 +494,6 @@ TEST_F(EngineTest, ADirectMessageToAFullQueueIsDeletedAndCounted) {
         1);
     ASSERT_TRUE(module->RegisterTask(receiver, true));
     auto sender = MakeTask("sender");
-    std::atomic<int> destroyed{0};
     const std::uint64_t before = Counters::Of("queue.lost").Get();
     EXPECT_TRUE(sender->SendDirectMsg("receiver", new NumberMessage(1, &destroyed)));
     EXPECT_FALSE(sender->SendDirectMsg("receiver", new NumberMessage(2, &destroyed)));

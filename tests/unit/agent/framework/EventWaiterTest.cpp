@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -21,6 +22,17 @@ constexpr int LONG_MS = 3600 * 1000;
 bool IsReadable(const Event& event) {
     pollfd waited{event.GetFd(), POLLIN, 0};
     return poll(&waited, 1, 0) == 1;
+}
+
+// True as soon as the condition holds; for waits too short to sleep.
+template <typename Condition> bool SpinUntil(const Condition& condition) {
+    constexpr int SPINS_BEFORE_YIELD = 1000;
+    for (int spins = 0; !condition(); ++spins) {
+        if (spins >= SPINS_BEFORE_YIELD) {
+            std::this_thread::yield();
+        }
+    }
+    return true;
 }
 
 // Handles messages that are only counted.
@@ -61,6 +73,35 @@ TEST(Event, CanBeRaisedAgain) {
         event.Clear();
         EXPECT_FALSE(IsReadable(event));
     }
+}
+
+TEST(Event, ASignalDuringAClearNeverLeavesItDeaf) {
+    Event event;
+    // Odd: the signaller's turn has begun. Even: it is over.
+    std::atomic<int> turn{0};
+    std::atomic<bool> end{false};
+    std::thread signaller([&] {
+        for (int next = 1; SpinUntil([&] { return turn == next || end; }) && !end; next += 2) {
+            event.Signal();
+            turn = next + 1;
+        }
+    });
+    bool deaf = false;
+    const auto start = std::chrono::steady_clock::now();
+    for (int round = 0; !deaf && std::chrono::steady_clock::now() - start < std::chrono::seconds(2); ++round) {
+        turn = 2 * round + 1;
+        // Meets the signal at another moment each time.
+        for (std::atomic<int> pause{round % 64}; pause > 0; --pause) {
+        }
+        event.Clear();
+        SpinUntil([&] { return turn == 2 * round + 2; });
+        event.Signal();
+        deaf = !IsReadable(event);
+        event.Clear();
+    }
+    end = true;
+    signaller.join();
+    EXPECT_FALSE(deaf);
 }
 
 TEST(EventWaiter, ReportsThatTheTimePassed) {

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <Poco/AutoPtr.h>
@@ -139,8 +140,10 @@ private:
     std::thread mThread;
 };
 
-template <typename... Args> Poco::AutoPtr<ScriptedTask> MakeTask(Args&&... args) {
-    return Poco::AutoPtr<ScriptedTask>(new ScriptedTask(std::forward<Args>(args)...));
+inline Poco::AutoPtr<ScriptedTask> MakeTask(const std::string& name,
+                                            ScriptedTask::Body body = ScriptedTask::HandleMessagesUntilStopped,
+                                            unsigned int capacity = 16) {
+    return Poco::AutoPtr<ScriptedTask>(new ScriptedTask(name, std::move(body), capacity));
 }
 
 } // namespace FrameworkTest
