@@ -192,10 +192,12 @@ private:
 void RunThreads(Queue& queue, int producers, std::uint32_t elements, std::vector<Consumer>& consumers) {
     std::atomic<bool> producersEnded{false};
     std::vector<std::thread> consumerThreads;
+    consumerThreads.reserve(consumers.size());
     for (Consumer& consumer : consumers) {
         consumerThreads.emplace_back([&] { consumer.Run(producersEnded); });
     }
     std::vector<std::thread> producerThreads;
+    producerThreads.reserve(static_cast<std::size_t>(producers));
     for (int i = 0; i < producers; ++i) {
         producerThreads.emplace_back([&queue, i, elements] { Produce(queue, static_cast<std::size_t>(i), elements); });
     }
@@ -208,6 +210,21 @@ void RunThreads(Queue& queue, int producers, std::uint32_t elements, std::vector
     }
 }
 
+// Returns how many elements the consumers received together.
+std::size_t CheckWhatConsumersFound(const std::vector<Consumer>& consumers, const Scenario& scenario) {
+    std::size_t received = 0;
+    for (const Consumer& consumer : consumers) {
+        const Findings& found = consumer.Found();
+        received += found.received;
+        EXPECT_EQ(found.outOfOrder, 0U);
+        EXPECT_LE(found.mostAtOnce, scenario.capacity);
+        if (scenario.consumers == 1) {
+            EXPECT_EQ(found.notConsecutive, 0U);
+        }
+    }
+    return received;
+}
+
 void ExpectEachOnceAndInTheOrderOfItsProducer(const Scenario& scenario) {
     const std::uint32_t elements = ElementsPerProducer();
     Queue queue(scenario.capacity, scenario.declareSingleSides && scenario.producers == 1,
@@ -215,6 +232,7 @@ void ExpectEachOnceAndInTheOrderOfItsProducer(const Scenario& scenario) {
 
     Arrivals arrivals(static_cast<std::size_t>(scenario.producers), elements);
     std::vector<Consumer> consumers;
+    consumers.reserve(static_cast<std::size_t>(scenario.consumers));
     for (int i = 0; i < scenario.consumers; ++i) {
         consumers.emplace_back(queue, scenario.producers, static_cast<unsigned int>(1000 + i), arrivals);
     }
@@ -227,17 +245,7 @@ void ExpectEachOnceAndInTheOrderOfItsProducer(const Scenario& scenario) {
     if (scenario.releaseOnDequeue) {
         EXPECT_EQ(Element::Alive(), 0);
     }
-    std::size_t received = 0;
-    for (const Consumer& consumer : consumers) {
-        const Findings& found = consumer.Found();
-        received += found.received;
-        EXPECT_EQ(found.outOfOrder, 0U);
-        EXPECT_LE(found.mostAtOnce, scenario.capacity);
-        if (scenario.consumers == 1) {
-            EXPECT_EQ(found.notConsecutive, 0U);
-        }
-    }
-    EXPECT_EQ(received, static_cast<std::size_t>(scenario.producers) * elements);
+    EXPECT_EQ(CheckWhatConsumersFound(consumers, scenario), static_cast<std::size_t>(scenario.producers) * elements);
 }
 
 // So far before the last index that the indices wrap in the middle of even a small run.

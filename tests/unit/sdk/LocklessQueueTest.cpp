@@ -535,8 +535,8 @@ TEST(DerivedLocklessQueue, IsDestroyedThroughItsBase) {
 // The copying operations are for derived queues that keep the ring and change how it is reserved.
 class CopyingQueue : public NumberQueue {
 public:
-    using NumberQueue::_DequeueElements;
-    using NumberQueue::_EnqueueElements;
+    using NumberQueue::_DequeueElements; // NOLINT(bugprone-reserved-identifier)
+    using NumberQueue::_EnqueueElements; // NOLINT(bugprone-reserved-identifier)
     using NumberQueue::NumberQueue;
 };
 
