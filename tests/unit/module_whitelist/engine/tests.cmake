@@ -8,3 +8,5 @@ corvalent_add_test(whitelist_tracking_test ${TEST_DIR}/RunningProcessesTest.cpp 
   ${TEST_DIR}/DetectionTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
 corvalent_add_test(whitelist_inspection_test ${TEST_DIR}/ProcessInspectionTest.cpp
   ${TEST_DIR}/InterpreterScriptTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
+corvalent_add_test(whitelist_concurrency_test ${TEST_DIR}/ConcurrencyTest.cpp LIBS whitelist_objects OpenSSL::Crypto
+  TIMEOUT 300)
