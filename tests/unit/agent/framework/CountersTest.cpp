@@ -33,6 +33,7 @@ TEST(Counters, ManyThreadsMakeAndCountTheSameCounters) {
     constexpr int THREADS = 4;
     constexpr int ROUNDS = 2000;
     std::vector<std::thread> threads;
+    threads.reserve(THREADS);
     for (int thread = 0; thread < THREADS; ++thread) {
         threads.emplace_back([] {
             for (int round = 0; round < ROUNDS; ++round) {

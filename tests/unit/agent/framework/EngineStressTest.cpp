@@ -135,6 +135,7 @@ TEST(EngineStress, EveryMessageIsHandledOrCountedAsLost) {
     ASSERT_TRUE(module->RegisterTask(receiver, true));
     std::atomic<std::uint64_t> accepted{0};
     std::vector<std::thread> senders;
+    senders.reserve(SENDERS);
     for (int sender = 0; sender < SENDERS; ++sender) {
         senders.emplace_back([&] {
             for (int i = 0; i < MESSAGES; ++i) {

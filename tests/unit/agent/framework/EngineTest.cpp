@@ -311,8 +311,10 @@ TEST_F(EngineTest, DeliveriesTakeTurns) {
         inside.fetch_sub(1);
         return 0;
     };
+    constexpr int THREADS = 4;
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
+    threads.reserve(THREADS);
+    for (int thread = 0; thread < THREADS; ++thread) {
         threads.emplace_back([&] {
             for (int i = 0; i < 50; ++i) {
                 EXPECT_TRUE(engine->DeliverCommand(COMMAND_KEY, "text").accepted);
@@ -348,15 +350,13 @@ TEST_F(EngineTest, AnswersOfAnInspectorAreHandedOn) {
 TEST_F(EngineTest, TheStatusShowsAllTasksAndCounters) {
     auto* other = new TestModule("other");
     engine->AddModule(other);
-    auto* full = new ScriptedTask(
-        "full",
-        [](ScriptedTask& task) {
-            task.Sleep(ScriptedTask::LONG_MS);
-            return 0;
-        },
-        2);
+    const auto sleepLong = [](ScriptedTask& task) {
+        task.Sleep(ScriptedTask::LONG_MS);
+        return 0;
+    };
+    auto full = MakeTask("full", sleepLong, 2);
     ASSERT_TRUE(module->RegisterTask(new JournalTask(journal, "a", "a"), true));
-    ASSERT_TRUE(other->RegisterTask(full, true));
+    ASSERT_TRUE(other->RegisterTask(full.duplicate(), true));
     for (int number = 0; number < 3; ++number) {
         Enqueue(*full, number);
     }

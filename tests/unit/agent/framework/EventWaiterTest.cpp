@@ -170,6 +170,7 @@ TEST(EventWaiter, NoWakeUpIsLostBetweenManySendersAndTheSleeper) {
     EventWaiter waiter(event, [&](int max) { return queue.Handle(max); });
 
     std::vector<std::thread> senders;
+    senders.reserve(SENDERS);
     for (int sender = 0; sender < SENDERS; ++sender) {
         senders.emplace_back([&] {
             for (int i = 0; i < MESSAGES; ++i) {

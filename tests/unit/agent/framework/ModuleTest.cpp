@@ -77,6 +77,7 @@ protected:
 
 std::vector<std::string> Names(const std::vector<Poco::AutoPtr<Framework::Task>>& tasks) {
     std::vector<std::string> names;
+    names.reserve(tasks.size());
     for (const Poco::AutoPtr<Framework::Task>& task : tasks) {
         names.push_back(task->name());
     }
@@ -473,10 +474,10 @@ TEST_F(ModuleTest, TheTasksAreAllAskedBeforeTheFirstIsWaitedFor) {
         ++asked;
         return WaitFor([&] { return asked == 2; }, std::chrono::seconds(8)) ? 0 : 1;
     };
-    auto* first = new ScriptedTask("a", endTogether);
-    auto* second = new ScriptedTask("b", endTogether);
-    ASSERT_TRUE(module->RegisterTask(first, true));
-    ASSERT_TRUE(module->RegisterTask(second, true));
+    auto first = MakeTask("a", endTogether);
+    auto second = MakeTask("b", endTogether);
+    ASSERT_TRUE(module->RegisterTask(first.duplicate(), true));
+    ASSERT_TRUE(module->RegisterTask(second.duplicate(), true));
     ASSERT_TRUE(WaitFor([&] { return first->runs == 1 && second->runs == 1; }));
     const LogRecorder log;
     EXPECT_EQ(module->UnInit(), 0);

@@ -11,10 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "support/TempRoot.h"
-
 using Framework::Scope;
-using TestSupport::TempDir;
 
 namespace {
 

@@ -257,6 +257,7 @@ TEST(Task, EachSendersMessagesKeepTheirOrder) {
     auto task = MakeTask("task", ScriptedTask::HandleMessagesUntilStopped, SENDERS * MESSAGES);
     const TaskThread thread(*task);
     std::vector<std::thread> senders;
+    senders.reserve(SENDERS);
     for (int sender = 0; sender < SENDERS; ++sender) {
         senders.emplace_back([&task, sender] {
             for (int i = 0; i < MESSAGES; ++i) {
@@ -267,7 +268,7 @@ TEST(Task, EachSendersMessagesKeepTheirOrder) {
     for (std::thread& sender : senders) {
         sender.join();
     }
-    ASSERT_TRUE(WaitFor([&] { return task->Numbers().size() == SENDERS * MESSAGES; }));
+    ASSERT_TRUE(WaitFor([&] { return static_cast<int>(task->Numbers().size()) == SENDERS * MESSAGES; }));
     std::vector<int> next(SENDERS, 0);
     for (const int number : task->Numbers()) {
         EXPECT_EQ(number % MESSAGES, next[static_cast<std::size_t>(number / MESSAGES)]++);
