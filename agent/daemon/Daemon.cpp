@@ -17,6 +17,7 @@
 #include "agent/sdk/LogCapture.h"
 #include "agent/sdk/LogSetup.h"
 #include "framework/Scope.h"
+#include "sdk/HttpUtils.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/PathUtils.h"
 
@@ -209,7 +210,9 @@ int Daemon::Serve(Framework::Engine& engine) const {
     NotifyServiceManager("READY=1");
     WaitForStop();
     NotifyServiceManager("STOPPING=1");
-    // First, because requests under way may be waiting for a delivery.
+    // In this order, because requests under way may be waiting for a delivery, and a delivery for a
+    // download.
+    SDK::HttpUtils::GetInstance()->StopDownloads();
     deliveries.Stop();
     server.Stop();
     return EXIT_DONE;

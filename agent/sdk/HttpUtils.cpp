@@ -1,6 +1,7 @@
 #include "sdk/HttpUtils.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <exception>
 #include <memory>
@@ -20,7 +21,13 @@ namespace {
 
 constexpr int STATUS_OK = 200;
 
+// How long a silent server keeps a transfer from seeing that it is to end.
+constexpr int LOOK_INTERVAL_MS = 100;
+
+std::atomic<bool> downloadsStopped{false};
+
 using CurlUrl = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
+using CurlMulti = std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)>;
 using CurlHandle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
 using CurlText = std::unique_ptr<char, decltype(&curl_free)>;
 
@@ -90,6 +97,8 @@ void Configure(CURL* curl, const std::string& url, const std::string& proxy, con
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(HttpUtils::DOWNLOAD_MAX_BYTES));
     // Signals and their handlers belong to the process, not to one of its threads.
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    // A name that is still being looked up is not waited for.
+    curl_easy_setopt(curl, CURLOPT_QUICK_EXIT, 1L);
     curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
     // Set even when empty: unset options would let the environment choose.
     curl_easy_setopt(curl, CURLOPT_PROXY, proxy.c_str());
@@ -119,6 +128,25 @@ int ToResult(CURL* curl, CURLcode code) {
     }
 }
 
+// Does what curl_easy_perform does, but can be stopped.
+CURLcode Perform(CURL* curl) {
+    const CurlMulti multi(curl_multi_init(), &curl_multi_cleanup);
+    if (!multi || curl_multi_add_handle(multi.get(), curl) != CURLM_OK) {
+        return CURLE_OUT_OF_MEMORY;
+    }
+    int running = 1;
+    while (running > 0 && !downloadsStopped.load() && curl_multi_perform(multi.get(), &running) == CURLM_OK) {
+        if (running > 0) {
+            curl_multi_poll(multi.get(), nullptr, 0, LOOK_INTERVAL_MS, nullptr);
+        }
+    }
+    int left = 0;
+    const CURLMsg* end = curl_multi_info_read(multi.get(), &left);
+    const CURLcode code = end == nullptr ? CURLE_ABORTED_BY_CALLBACK : end->data.result;
+    curl_multi_remove_handle(multi.get(), curl);
+    return code;
+}
+
 // STATUS_OK when the body is complete.
 int FetchFromServer(const std::string& url, const std::string& proxy, const std::string& caFile, Body& body) {
     const CurlHandle curl(curl_easy_init(), &curl_easy_cleanup);
@@ -129,7 +157,7 @@ int FetchFromServer(const std::string& url, const std::string& proxy, const std:
     Transfer transfer{curl.get(), &body, 0};
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, &TakeBody);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &transfer);
-    const CURLcode code = curl_easy_perform(curl.get());
+    const CURLcode code = Perform(curl.get());
     return transfer.stopped != 0 ? transfer.stopped : ToResult(curl.get(), code);
 }
 
@@ -199,6 +227,10 @@ int HttpUtils::Download(const std::string& url, const std::string& sha256, const
     } catch (const std::exception&) {
         return DOWNLOAD_LOCAL;
     }
+}
+
+void HttpUtils::StopDownloads() {
+    downloadsStopped.store(true);
 }
 
 } // namespace SDK

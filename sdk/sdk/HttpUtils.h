@@ -30,7 +30,7 @@ public:
     // Results of Download that are no HTTP status.
     static constexpr int DOWNLOAD_DIGEST_MISMATCH = -1; // the body is not the expected one
     static constexpr int DOWNLOAD_BAD_URL = -2;   // neither http, https nor file, or redirected to such a URL or a file
-    static constexpr int DOWNLOAD_TRANSPORT = -3; // no connection, time-out, body cut short
+    static constexpr int DOWNLOAD_TRANSPORT = -3; // no connection, time-out, body cut short, StopDownloads
     static constexpr int DOWNLOAD_TOO_LARGE = -4; // more than DOWNLOAD_MAX_BYTES
     static constexpr int DOWNLOAD_LOCAL = -5;     // the destination cannot be written
 
@@ -53,6 +53,10 @@ public:
     // above. Blocks for at most DOWNLOAD_TOTAL_TIMEOUT_MS.
     int Download(const std::string& url, const std::string& sha256, const std::string& destination,
                  const std::string& proxy, const std::string& caFile);
+
+    // For the end of the process: downloads from servers that are under way end with
+    // DOWNLOAD_TRANSPORT within moments, and so do later ones.
+    void StopDownloads();
 
 private:
     HttpUtils() = default;

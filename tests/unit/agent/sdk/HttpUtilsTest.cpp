@@ -26,6 +26,7 @@
 #include "sdk/FileUtils.h"
 #include "sdk/HttpUtils.h"
 #include "support/TempRoot.h"
+#include "support/WaitFor.h"
 
 using SDK::FileUtils;
 using SDK::HttpUtils;
@@ -526,4 +527,32 @@ TEST(Download, WorksOnManyThreadsAtOnce) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+}
+
+// The last one: nothing can be fetched any more afterwards.
+TEST(Download, EndsWithinMomentsOnceDownloadsAreStopped) {
+    httplib::Server server;
+    std::atomic<bool> asked{false};
+    std::atomic<bool> answerWanted{false};
+    server.Get("/list", [&](const httplib::Request&, httplib::Response&) {
+        asked = true;
+        TestSupport::WaitFor([&] { return answerWanted.load(); });
+    });
+    const int port = server.bind_to_any_port("127.0.0.1");
+    std::thread serving([&] { server.listen_after_bind(); });
+    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/list";
+    const Destination destination;
+    std::atomic<int> result{0};
+    std::thread downloading([&] { result = destination.Download(url, Sha256Of(CONTENT)); });
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return asked.load(); }));
+
+    HttpUtils::GetInstance()->StopDownloads();
+    downloading.join();
+    EXPECT_FALSE(answerWanted);
+    EXPECT_EQ(result, HttpUtils::DOWNLOAD_TRANSPORT);
+    EXPECT_TRUE(destination.IsAsBefore());
+    EXPECT_EQ(destination.Download(url, Sha256Of(CONTENT)), HttpUtils::DOWNLOAD_TRANSPORT);
+    answerWanted = true;
+    server.stop();
+    serving.join();
 }
