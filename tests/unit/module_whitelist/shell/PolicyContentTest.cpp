@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -42,10 +43,8 @@ protected:
     }
 
     static std::vector<std::string> Numbered(const std::string& prefix, int count) {
-        std::vector<std::string> texts;
-        for (int i = 0; i < count; ++i) {
-            texts.push_back(prefix + std::to_string(i));
-        }
+        std::vector<std::string> texts(static_cast<std::size_t>(count));
+        std::generate(texts.begin(), texts.end(), [&, i = 0]() mutable { return prefix + std::to_string(i++); });
         return texts;
     }
 

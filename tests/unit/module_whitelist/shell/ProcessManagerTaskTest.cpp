@@ -1,5 +1,6 @@
 #include "ProcessManagerTask.h"
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
