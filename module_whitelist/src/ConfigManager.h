@@ -45,7 +45,8 @@ public:
     // ---- Start and persisted state -----------------------------------------------------------------
 
     // Finds the state file, creates it empty if there is none, and reads the learned time. False when
-    // the environment does not fit or the file can be neither found nor made; the reason is logged.
+    // the environment does not fit, there is no installation path, or the file can be neither found nor
+    // made.
     bool Init();
     bool IsRunningEnvCompatible() const;
 
@@ -89,7 +90,7 @@ public:
     static constexpr std::size_t MAX_RULES = 100;
     static constexpr std::size_t MAX_DIR_BYTES = 4095;
     static constexpr std::size_t MAX_EXT_BYTES = 19;
-    // How far below a configured directory, and to how many directories, the expansion goes.
+    // How many levels, the configured directory included, and to how many directories the expansion goes.
     static constexpr int MAX_EXPANSION_DEPTH = 10;
     static constexpr unsigned long MAX_EXPANDED_DIRS = 8192;
 
