@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -22,8 +21,6 @@ using testing::Not;
 using TestSupport::DEADLINE;
 using TestSupport::ScopedProcess;
 using TestSupport::WaitFor;
-
-namespace fs = std::filesystem;
 
 std::vector<Json::Value> ParseLines(const std::string& text) {
     std::vector<Json::Value> values;

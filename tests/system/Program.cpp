@@ -30,6 +30,7 @@ constexpr int CANNOT_EXECUTE = 126;
 
 Program::Program(std::vector<std::string> words, const std::string& files, const std::string& input) : mFiles(files) {
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
