@@ -102,7 +102,7 @@ TEST(DetectionTest, AnAlertTellsTheProcessAndItsFile) {
     const Json::Value alert = agent.WaitForAlert(process.Pid());
 
     ExpectEnvelope(alert, before);
-    const Json::Value info = alert["process_info"];
+    const Json::Value& info = alert["process_info"];
     EXPECT_THAT(info.getMemberNames(),
                 ElementsAre("block", "file_attr", "file_ctime", "file_mtime", "file_size", "parent_process_pid",
                             "process_cmdline", "process_egid", "process_euid", "process_gid", "process_hash",
