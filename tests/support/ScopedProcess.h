@@ -15,9 +15,21 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "support/Cgroup.h"
+#include "support/WaitFor.h"
 
 namespace TestSupport {
+
+// Moves the calling process into the control group whose cgroup.procs file is named. Async-signal-safe,
+// for use between fork and exec.
+inline bool JoinCgroup(const char* procsFile) {
+    const int fd = open(procsFile, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    const bool done = write(fd, "0", 1) == 1;
+    close(fd);
+    return done;
+}
 
 // A program started inside a control group, with the times of its exec and of its death.
 //

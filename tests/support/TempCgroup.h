@@ -40,8 +40,8 @@ inline std::string WhyNoCgroup() {
     return access(mount.c_str(), W_OK) == 0 ? "" : "control groups cannot be made here (needs root)";
 }
 
-// A control group (v2) of the test's own, directly below the root. The test ends every process that it
-// put there before the group is removed.
+// A control group (v2) of the test's own, directly below the root, and the only place where a test may
+// let the agent kill. Whatever is still in it at the end is killed, and the group is removed.
 class TempCgroup {
 public:
     TempCgroup() {
@@ -52,14 +52,19 @@ public:
         mPath = name;
     }
     ~TempCgroup() {
-        // A process that was just reaped may stay listed for a moment.
-        WaitFor([this] { return rmdir(mPath.c_str()) == 0; }, std::chrono::seconds(5));
+        // cgroup.kill: SIGKILL to every member (the kernel's cgroup-v2 documentation).
+        std::ofstream(mPath + "/cgroup.kill") << 1;
+        // A process that was just killed or reaped may stay listed for a moment.
+        WaitFor([this] { return rmdir(mPath.c_str()) == 0; });
     }
     TempCgroup(const TempCgroup&) = delete;
     TempCgroup& operator=(const TempCgroup&) = delete;
 
     // As it stands behind "0::" in /proc/PID/cgroup.
     std::string Name() const { return mPath.substr(FindCgroupMount().size()); }
+
+    // The directory.
+    const std::string& Path() const { return mPath; }
 
     void Add(int pid) const {
         std::ofstream procs(mPath + "/cgroup.procs");

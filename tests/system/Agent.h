@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
-#include "support/Cgroup.h"
+#include "support/TempCgroup.h"
 #include "support/TempRoot.h"
 #include "system/Program.h"
 
@@ -77,7 +77,7 @@ public:
     Agent& operator=(const Agent&) = delete;
 
     const TestSupport::TempDir& Root() const { return mRoot; }
-    const TestSupport::Cgroup& Scope() const { return *mScope; }
+    const TestSupport::TempCgroup& Scope() const { return *mScope; }
     // For programs, documents and whatever else a test makes.
     const TestSupport::TempDir& Work() const { return mWork; }
 
@@ -163,7 +163,7 @@ private:
 
     TestSupport::TempDir mRoot;
     TestSupport::TempDir mWork;
-    std::unique_ptr<TestSupport::Cgroup> mScope;
+    std::unique_ptr<TestSupport::TempCgroup> mScope;
     std::unique_ptr<Program> mDaemon;
     int mCounter = 0; // makes names unique
 };
