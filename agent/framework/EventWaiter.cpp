@@ -29,6 +29,14 @@ bool WaitReadable(int fd, int timeoutMs) {
     }
 }
 
+// Twice as long for each wait that ended without an event, up to the limit.
+int StretchWait(int timeoutMs, unsigned int idleWaits) {
+    constexpr unsigned int MAX_DOUBLINGS = 10;
+    const long stretched = static_cast<long>(timeoutMs) << std::min(idleWaits, MAX_DOUBLINGS);
+    const long limit = std::max(timeoutMs, EventWaiter::MAX_IDLE_WAIT_MS);
+    return static_cast<int>(std::min(stretched, limit));
+}
+
 } // namespace
 
 Event::Event() : mFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
@@ -67,9 +75,11 @@ void Event::Clear() {
 }
 
 int EventWaiter::WaitAndHandleEvent(int timeoutMs, int max) {
-    if (!WaitReadable(mEvent.GetFd(), timeoutMs)) {
+    if (!WaitReadable(mEvent.GetFd(), StretchWait(timeoutMs, mIdleWaits))) {
+        ++mIdleWaits;
         return -1;
     }
+    mIdleWaits = 0;
     // Before the queue is looked at: a message that comes in behind the look raises the event again.
     mEvent.Clear();
     const int handled = mHandler(max);

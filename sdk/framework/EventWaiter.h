@@ -37,15 +37,24 @@ public:
 
     EventWaiter(Event& event, Handler handler) : mEvent(event), mHandler(std::move(handler)) {}
 
+    // How long the waits of an idle task may become.
+    static constexpr int MAX_IDLE_WAIT_MS = 1000;
+
     // Sleeps until the event is signalled, at most `timeoutMs` milliseconds; then handles at most
     // `max` messages on this thread. Returns how many were handled, or -1 when the time passed
-    // without an event. Messages beyond `max` leave the event signalled, so that the next call
+    // without an event. Called by one thread only.
+    //
+    // Whatever a task must know signals the event, its own end included. So a task that is left in
+    // peace need not wake as often as it asks to: each wait that passes without an event doubles the
+    // time of the next, up to MAX_IDLE_WAIT_MS (or `timeoutMs`, if that is longer), and the first event
+    // sets it back. Messages beyond `max` leave the event signalled, so that the next call
     // returns at once.
     int WaitAndHandleEvent(int timeoutMs, int max);
 
 private:
     Event& mEvent;
     Handler mHandler;
+    unsigned int mIdleWaits = 0; // waits in a row that passed without an event
 };
 
 } // namespace Framework

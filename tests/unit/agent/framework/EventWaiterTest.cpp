@@ -193,3 +193,36 @@ TEST(EventWaiter, NoWakeUpIsLostBetweenManySendersAndTheSleeper) {
     }
     EXPECT_EQ(handled, SENDERS * MESSAGES);
 }
+
+TEST(EventWaiter, IdleWaitsGrowUntilAnEventSetsThemBack) {
+    constexpr int FIRST_MS = 20;
+    Event event;
+    CountedQueue queue;
+    EventWaiter waiter(event, [&](int max) { return queue.Handle(max); });
+    const auto measure = [&] {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(waiter.WaitAndHandleEvent(FIRST_MS, 10), -1);
+        return std::chrono::steady_clock::now() - start;
+    };
+    for (int doubled = FIRST_MS; doubled < EventWaiter::MAX_IDLE_WAIT_MS; doubled *= 2) {
+        EXPECT_GE(measure(), std::chrono::milliseconds(doubled));
+    }
+    const auto longest = measure();
+    EXPECT_GE(longest, std::chrono::milliseconds(EventWaiter::MAX_IDLE_WAIT_MS));
+
+    queue.waiting = 1;
+    event.Signal();
+    EXPECT_EQ(waiter.WaitAndHandleEvent(FIRST_MS, 10), 1);
+    EXPECT_LT(measure(), longest);
+}
+
+TEST(EventWaiter, AWaitThatIsLongAlreadyIsNotStretched) {
+    constexpr int LONG_ENOUGH_MS = EventWaiter::MAX_IDLE_WAIT_MS + 50;
+    Event event;
+    EventWaiter waiter(event, [](int) { return 0; });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(waiter.WaitAndHandleEvent(LONG_ENOUGH_MS, 1), -1);
+    EXPECT_EQ(waiter.WaitAndHandleEvent(LONG_ENOUGH_MS, 1), -1);
+    // Doubled, the second alone would have taken longer than this.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3 * LONG_ENOUGH_MS));
+}
