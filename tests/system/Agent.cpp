@@ -90,7 +90,6 @@ std::string MakeListDocument(const std::vector<Json::Value>& entries) {
 }
 
 Agent::Agent() {
-    static int count = 0;
     mScope = std::make_unique<TestSupport::TempCgroup>();
     for (const char* folder : {"bin", "lib", "module"}) {
         fs::create_directory_symlink(std::string(BUILT_ROOT) + "/" + folder, mRoot / folder);
