@@ -6,6 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <unistd.h>
 
@@ -72,6 +73,16 @@ public:
         if (!procs) {
             throw std::runtime_error("process " + std::to_string(pid) + " cannot be moved to " + mPath);
         }
+    }
+
+    // The members now.
+    std::vector<int> GetPids() const {
+        std::ifstream procs(mPath + "/cgroup.procs");
+        std::vector<int> pids;
+        for (int pid = 0; procs >> pid;) {
+            pids.push_back(pid);
+        }
+        return pids;
     }
 
 private:
