@@ -11,7 +11,7 @@ PACKAGES=(
     # Checking
     clang clang-format clang-tidy git
     # Testing
-    libgtest-dev libgmock-dev curl jq sqlite3 procps
+    libgtest-dev libgmock-dev curl jq sqlite3 procps python3
 )
 
 is_installed() {
