@@ -12,6 +12,7 @@
 #include "agent/sdk/FileDescriptor.h"
 #include "agent/sdk/MessageDigest.h"
 #include "agent/sdk/ReplacingFile.h"
+#include "agent/sdk/WithoutThrowing.h"
 
 namespace SDK {
 
@@ -134,15 +135,6 @@ int DigestFile(const std::string& path, const std::string& algorithm, std::strin
     }
     digest = computation.Finish();
     return digest.empty() ? EIO : 0;
-}
-
-// All that can be thrown below is the want of memory.
-template <typename Operation> int WithoutThrowing(Operation operation) {
-    try {
-        return operation();
-    } catch (const std::exception&) {
-        return ENOMEM;
-    }
 }
 
 } // namespace

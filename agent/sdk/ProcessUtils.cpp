@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/WithoutThrowing.h"
 #include "sdk/PathUtils.h"
 #include "sdk/ProcStat.h"
 
@@ -148,15 +149,6 @@ bool RunsOwnProgram(int pid) {
         return lstat((folder + name).c_str(), &program) == 0 && S_ISREG(program.st_mode) &&
                program.st_dev == image.st_dev && program.st_ino == image.st_ino;
     });
-}
-
-// All that can be thrown below is the want of memory.
-template <typename Operation> int WithoutThrowing(Operation operation) {
-    try {
-        return operation();
-    } catch (const std::exception&) {
-        return ENOMEM;
-    }
 }
 
 } // namespace
