@@ -48,12 +48,13 @@ std::string RealPath(const std::string& path) {
     return std::filesystem::canonical(path).string();
 }
 
-// The program as it is once it has begun: for a moment after the start it has no command line yet.
+// The program as it is once it has begun: for a moment after the start it still has the test's command
+// line, then none.
 ChildProcess Start(const std::vector<std::string>& words) {
     ChildProcess child = ChildProcess::Spawn(words);
     EXPECT_TRUE(WaitFor([&] {
         std::string cmdline;
-        return ProcessUtils::GetProcessCmdline(child.Pid(), cmdline, 1) == 0 && !cmdline.empty();
+        return ProcessUtils::GetProcessCmdline(child.Pid(), cmdline, words[0].size()) == 0 && cmdline == words[0];
     }));
     return child;
 }
