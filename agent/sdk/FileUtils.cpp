@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <exception>
 
 #include <fcntl.h>
 #include <sys/stat.h>
