@@ -759,19 +759,24 @@ void ProcessManager::LearnProcess(const ProcessInfo& info) {
 void ProcessManager::PunishProcess(const ProcessInfo& info) {
     bool isolated = false;
     if (ConfigManager::Instance()->GetActionBlock() == 1 && IsBlockingAllowed()) {
-        Poco::AutoPtr<IsolateTask> isolateTask = Framework::Engine::FindTask(ISOLATE_TASK).cast<IsolateTask>();
-        if (!isolateTask) {
-            moduleLog.Error("get isolate ptr failed");
-        } else {
-            bool kill = true;
-            bool chmod = true;
-            bool quarantine = false;
-            isolated = isolateTask->Isolate(info.pid, info.path, kill, chmod, quarantine);
-            moduleLog.Information("isolate file [%s] ret :%s kill :%s chmod :%s", info.path, ToText(isolated),
-                                  ToText(kill), ToText(chmod));
-        }
+        isolated = Isolate(info).value_or(false);
     }
     ReportSuspiciousProcess(isolated, info);
+}
+
+std::optional<bool> ProcessManager::Isolate(const ProcessInfo& info) const {
+    Poco::AutoPtr<IsolateTask> isolateTask = Framework::Engine::FindTask(ISOLATE_TASK).cast<IsolateTask>();
+    if (!isolateTask) {
+        moduleLog.Error("get isolate ptr failed");
+        return std::nullopt;
+    }
+    bool kill = true;
+    bool chmod = true;
+    bool quarantine = false;
+    const bool isolated = isolateTask->Isolate(info.pid, info.path, kill, chmod, quarantine);
+    moduleLog.Information("isolate file [%s] ret :%s kill :%s chmod :%s", info.path, ToText(isolated), ToText(kill),
+                          ToText(chmod));
+    return isolated;
 }
 
 bool ProcessManager::IsBlockingAllowed() const {

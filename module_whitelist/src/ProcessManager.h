@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -175,6 +176,10 @@ public:
     bool GetIncreaseProcess(std::string& out);
     // Every running process as a list document.
     bool GetAllProcess(std::string& out);
+
+    // Has the isolate task kill the process and make its image non-executable. Whether that succeeded;
+    // nothing, with an error logged, when there is no such task.
+    std::optional<bool> Isolate(const ProcessInfo& info) const;
 
     // Isolation without the isolate task: makes `path` (the process's image when it is empty) readable
     // by its owner only and kills the process; says in `kill` and `chmod` what succeeded. False when

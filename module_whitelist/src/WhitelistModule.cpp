@@ -10,6 +10,7 @@
 #include "LearnStatusCheckTask.h"
 #include "ProcessManager.h"
 #include "ProcessManagerTask.h"
+#include "SpecifiedFileAuditTask.h"
 #include "WhitelistInspector.h"
 #include "WhitelistPolicy.h"
 #include "sdk/JsonUtils.h"
@@ -88,10 +89,10 @@ Framework::Policy* WhitelistModule::RefreshFeaturePolicy(const std::string& /*ke
         return nullptr;
     }
     if (SDK::JsonUtils::GetBoolValue(content, "dir_mod", false)) {
-        moduleLog.Error("directory mode is not available in this version, a policy with dir_mod true is refused");
-        return nullptr;
+        RegisterTask(new SpecifiedFileAuditTask, false);
+    } else {
+        RegisterTask(new FullProcTask, false);
     }
-    RegisterTask(new FullProcTask, false);
     RegisterTask(new ProcessManagerTask, false);
     RegisterTask(new LearnStatusCheckTask, false);
 

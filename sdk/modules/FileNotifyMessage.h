@@ -8,6 +8,9 @@
 namespace Engine {
 
 // One access to one file by one process, from the file-notification module to the watching task.
+//
+// The path is the one by which the agent sees the file at the moment at which the event was read; a
+// file that has been removed since carries the kernel's " (deleted)" behind it.
 class FileNotifyMessage : public Framework::Message {
 public:
     FileNotifyMessage(int pid, const std::string& path) : mPid(pid), mPath(path) {}
@@ -15,7 +18,8 @@ public:
     int GetEventProcessId() const { return mPid; }
     const std::string& GetEventFilePath() const { return mPath; }
 
-    void DeliverTo(AbstractMessageReceiver& receiver) const override { receiver.FileNotifyMessageAction(this); }
+    // Hands the access to FileNotifyMessageAction; it counts as "files.judged" afterwards.
+    void DeliverTo(AbstractMessageReceiver& receiver) const override;
 
 private:
     const int mPid;

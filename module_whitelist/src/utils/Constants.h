@@ -30,6 +30,7 @@ inline constexpr const char* REPORT_TASK = "data_comm_report_task";
 inline constexpr const char* ISOLATE_TASK = "isolate_task";
 inline constexpr const char* PROCS_REAL_TASK = "procs_real_task";
 inline constexpr const char* PROCS_FULL_TASK = "procs_full_task";
+inline constexpr const char* FILE_NOTIFY_TASK = "filenotify_task";
 
 // The types of the reports to the server.
 inline constexpr const char* REPORT_FULL_LIST = "whitelist_2";
