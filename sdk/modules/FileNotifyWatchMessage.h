@@ -22,8 +22,10 @@ struct _FileNotifyOpt {
     std::uint8_t children = 0; // also events on the files in the directory; a mount's mark always has them
     std::uint8_t reserved7 = 0;
 
-    std::set<std::int32_t> ignoredPids; // processes whose accesses the watcher does not want to hear of
-    std::uint64_t maxMarks = 0;         // the most marks that the watcher wants to hold; 0: no limit of its own
+    // Processes whose accesses the watcher does not want to hear of; its first request says it for all.
+    std::set<std::int32_t> ignoredPids;
+    // The most marks that the watcher wants to hold; 0: no limit of its own.
+    std::uint64_t maxMarks = 0;
 };
 
 // Sent to the task "filenotify_task": place or take away the mark on one path for a watching task, which

@@ -1,0 +1,94 @@
+#include "agent/filenotify/FanotifyGroup.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/fanotify.h>
+
+namespace Engine {
+
+namespace {
+
+// include/uapi/linux/fanotify.h since Linux 6.13: an event whose file cannot be opened carries the
+// negative error in place of a descriptor. Without it such an event makes the whole read fail.
+constexpr unsigned int REPORT_FD_ERROR = 0x00002000;
+
+constexpr unsigned int GROUP_FLAGS = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK;
+constexpr unsigned int FILE_FLAGS = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
+
+// Errors of a read that speak of the first event's file, which is gone from the queue then, and not of
+// the group.
+bool IsAboutOneFile(int error) {
+    return error != EBADF && error != EFAULT && error != EINVAL && error != EINTR && error != EAGAIN;
+}
+
+// Makes the event's descriptor the batch's first thing.
+void TakeEvent(const fanotify_event_metadata& event, FanotifyGroup::Batch& batch) {
+    SDK::FileDescriptor file(event.fd);
+    if ((event.mask & FAN_Q_OVERFLOW) != 0) {
+        ++batch.overflows;
+    } else if (!file.IsOpen()) {
+        ++batch.unreadable;
+    } else {
+        batch.accesses.push_back({event.mask, event.pid, std::move(file)});
+    }
+}
+
+} // namespace
+
+void FanotifyGroup::Batch::Clear() {
+    accesses.clear();
+    overflows = 0;
+    unreadable = 0;
+}
+
+bool FanotifyGroup::Open(std::string& problem) {
+    mFd.Reset(fanotify_init(GROUP_FLAGS | REPORT_FD_ERROR, FILE_FLAGS));
+    if (!mFd.IsOpen() && errno == EINVAL) {
+        mFd.Reset(fanotify_init(GROUP_FLAGS, FILE_FLAGS));
+    }
+    if (!mFd.IsOpen()) {
+        problem = std::string("fanotify is not available (it needs CAP_SYS_ADMIN): ") + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+int FanotifyGroup::Mark(Object object, const std::string& path, std::uint64_t mask) const {
+    return ChangeMark(FAN_MARK_ADD, object, path, mask);
+}
+
+int FanotifyGroup::Unmark(Object object, const std::string& path, std::uint64_t mask) const {
+    return ChangeMark(FAN_MARK_REMOVE, object, path, mask);
+}
+
+int FanotifyGroup::ChangeMark(unsigned int action, Object object, const std::string& path, std::uint64_t mask) const {
+    const unsigned int kind = object == Object::Mount ? FAN_MARK_MOUNT : FAN_MARK_INODE;
+    return fanotify_mark(mFd.Get(), action | kind, mask, AT_FDCWD, path.c_str()) == 0 ? 0 : errno;
+}
+
+int FanotifyGroup::Read(Batch& batch) const {
+    batch.Clear();
+    // Nothing may be thrown between the read and the taking over of the last descriptor.
+    batch.accesses.reserve(MAX_BATCH);
+    alignas(fanotify_event_metadata) std::array<char, MAX_BATCH * sizeof(fanotify_event_metadata)> buffer;
+    const ssize_t length = read(mFd.Get(), buffer.data(), buffer.size());
+    if (length < 0) {
+        const int error = errno;
+        if (error == EAGAIN || error == EINTR) {
+            return 0;
+        }
+        batch.unreadable = IsAboutOneFile(error) ? 1 : 0;
+        return IsAboutOneFile(error) ? 0 : error;
+    }
+    const auto* event = reinterpret_cast<const fanotify_event_metadata*>(buffer.data());
+    for (ssize_t left = length; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
+        TakeEvent(*event, batch);
+    }
+    return 0;
+}
+
+} // namespace Engine

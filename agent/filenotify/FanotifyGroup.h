@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "agent/sdk/FileDescriptor.h"
+
+namespace Engine {
+
+// One access as the kernel reports it (struct fanotify_event_metadata of fanotify(7)).
+struct FileAccess {
+    std::uint64_t mask = 0;   // FAN_OPEN and its like
+    int pid = 0;              // the process; 0 when it lies in another pid namespace
+    SDK::FileDescriptor file; // the file that was accessed, opened by the kernel for the reader
+};
+
+// One fanotify group: marks on directories and mounts, and the queue of the accesses that they report.
+// The one place that talks to the kernel about it.
+//
+// Who owns which descriptor:
+//
+//     fanotify_init ──► mFd ─────────────────────────────────────────────► closed by ~FanotifyGroup;
+//                                                                          all marks go with it
+//     kernel's queue: events hold references to files, no descriptors of ours
+//         │ read(2): the kernel opens each file and installs the descriptor in this process, up to
+//         │ MAX_BATCH at a time
+//         ▼
+//     Read: before anything else happens to an event its descriptor becomes a FileAccess::file
+//         │   overflow event          has no descriptor
+//         │   file cannot be opened   has none; counted in Batch::unreadable
+//         ▼
+//     Batch::accesses ──► the caller; each is closed with its FileAccess, at the latest when the next
+//                         batch is read or the batch goes
+//
+// A descriptor is therefore never in a message or in a task's queue: whatever becomes of an event, full
+// queue, overflow, stop, exception, at most MAX_BATCH are open, and only between two reads.
+//
+// The group only notifies (FAN_CLASS_NOTIF): nobody's file operation ever waits for it. The kernel's
+// queue is bounded (fs.fanotify.max_queued_events), and so is the number of marks
+// (fs.fanotify.max_user_marks).
+//
+// Mark and Unmark may be called while another thread reads; otherwise one thread at a time.
+class FanotifyGroup {
+public:
+    static constexpr std::size_t MAX_BATCH = 128;
+
+    // What one mark is on.
+    enum class Object { Directory, Mount };
+
+    // What a read took from the queue.
+    struct Batch {
+        std::vector<FileAccess> accesses;
+        std::size_t overflows = 0;  // the queue ran over; how many events are gone is not known
+        std::size_t unreadable = 0; // events whose file could not be opened for us
+
+        void Clear();
+        std::size_t Size() const { return accesses.size() + overflows + unreadable; }
+    };
+
+    FanotifyGroup() = default;
+    FanotifyGroup(const FanotifyGroup&) = delete;
+    FanotifyGroup& operator=(const FanotifyGroup&) = delete;
+
+    // False, and `problem` says why in one line, when the agent may not. Called once.
+    bool Open(std::string& problem);
+
+    // For poll(2): readable when Read has something to say. -1 when not open.
+    int GetFd() const { return mFd.Get(); }
+
+    // Place and take away the mark on what lies at `path`. 0 or an errno value. Links are followed.
+    int Mark(Object object, const std::string& path, std::uint64_t mask) const;
+    int Unmark(Object object, const std::string& path, std::uint64_t mask) const;
+
+    // Replaces `batch` by what waits, up to MAX_BATCH events. Never blocks. 0, also when nothing waits,
+    // or an errno value.
+    int Read(Batch& batch) const;
+
+private:
+    int ChangeMark(unsigned int action, Object object, const std::string& path, std::uint64_t mask) const;
+
+    SDK::FileDescriptor mFd;
+};
+
+} // namespace Engine

@@ -1,0 +1,246 @@
+#include "agent/filenotify/Watcher.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <exception>
+#include <functional>
+#include <numeric>
+#include <utility>
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/fanotify.h>
+#include <unistd.h>
+
+#include "framework/Engine.h"
+#include "framework/Scope.h"
+#include "modules/FileNotifyMessage.h"
+#include "sdk/ModuleLog.h"
+
+namespace Engine {
+
+static SDK::ModuleLog moduleLog("filenotify");
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds LOSS_LOG_INTERVAL{1};
+
+// How long accesses wait in the kernel for room in the task's queue, and how often it is looked at.
+constexpr std::chrono::milliseconds ROOM_DEADLINE{200};
+constexpr int ROOM_INTERVAL_MS = 2;
+
+// How long the reader waits after an error that it cannot explain, so as not to spin on it.
+constexpr int ERROR_PAUSE_MS = 100;
+
+int OwnPid() {
+    static const int pid = getpid();
+    return pid;
+}
+
+FanotifyGroup::Object ObjectOf(const _FileNotifyOpt& options) {
+    return options.mount != 0 ? FanotifyGroup::Object::Mount : FanotifyGroup::Object::Directory;
+}
+
+// A mount's mark has the events of all files on it and takes no FAN_EVENT_ON_CHILD.
+std::uint64_t MaskOf(const FileNotifyWatchMessage& request) {
+    const auto& masks = request.GetEventMasks();
+    const std::uint64_t mask = std::accumulate(masks.begin(), masks.end(), std::uint64_t{0}, std::bit_or<>());
+    const bool onChildren = request.GetOptions().children != 0 && request.GetOptions().mount == 0;
+    return onChildren ? mask | FAN_EVENT_ON_CHILD : mask;
+}
+
+// What an error of fanotify_mark(2) means here.
+std::string Explain(int error) {
+    const std::string text = std::strerror(error);
+    switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+        return "it is gone (" + text + ")";
+    case ENOSPC:
+        return "the limit of marks, fs.fanotify.max_user_marks, is reached (" + text + ")";
+    case EINVAL:
+    case ENODEV:
+    case EOPNOTSUPP:
+    case EXDEV:
+        return "its file system does not support it (" + text + ")";
+    default:
+        return text;
+    }
+}
+
+// The path of an open file as this process sees it; empty when it has none that fits.
+std::string PathOf(const SDK::FileDescriptor& file) {
+    std::array<char, PATH_MAX + 1> target{};
+    const std::string link = "/proc/self/fd/" + std::to_string(file.Get());
+    const ssize_t length = readlink(link.c_str(), target.data(), target.size());
+    const bool fits = length > 0 && static_cast<std::size_t>(length) < target.size();
+    return fits ? std::string(target.data(), static_cast<std::size_t>(length)) : std::string();
+}
+
+} // namespace
+
+std::unique_ptr<Watcher> Watcher::Create(const FileNotifyWatchMessage& first, std::string& problem) {
+    std::unique_ptr<Watcher> watcher(new Watcher(first));
+    if (!watcher->mGroup.Open(problem)) {
+        return nullptr;
+    }
+    watcher->mReader = std::thread([raw = watcher.get()] { raw->ReadUntilStopped(); });
+    return watcher;
+}
+
+Watcher::Watcher(const FileNotifyWatchMessage& first)
+    : mTaskName(first.GetWatcherName()), mTaskInstance(first.GetWatcherInstance()),
+      mIgnoredPids(first.GetOptions().ignoredPids), mMarks(mGroup), mRead(Framework::Counters::Of("files.read")),
+      mOwn(Framework::Counters::Of("files.own")), mUnscoped(Framework::Counters::Of("files.unscoped")),
+      mPosted(Framework::Counters::Of("files.posted")), mDropped(Framework::Counters::Of("files.dropped")),
+      mOverflows(Framework::Counters::Of("files.overflow")), mLost(Framework::Counters::Of("files.lost")) {}
+
+Watcher::~Watcher() {
+    mStopping.store(true);
+    mStop.Signal();
+    if (mReader.joinable()) {
+        mReader.join();
+    }
+}
+
+void Watcher::Add(const FileNotifyWatchMessage& request) {
+    const std::uint64_t maxMarks = request.GetOptions().maxMarks;
+    const bool full = maxMarks != 0 && mMarks.Count() >= maxMarks;
+    const int error = full ? EDQUOT : mMarks.Add(ObjectOf(request.GetOptions()), request.GetPath(), MaskOf(request));
+    if (error != 0) {
+        ++mFailedMarks;
+        const std::string reason = full ? "the watcher's own limit of marks is reached" : Explain(error);
+        moduleLog.Error("file accesses in [%s] cannot be watched: %s", request.GetPath(), reason);
+    }
+}
+
+void Watcher::Remove(const FileNotifyWatchMessage& request) {
+    if (const int error = mMarks.Remove(request.GetPath()); error != 0) {
+        // Mostly ENOENT: the mark went with its directory.
+        moduleLog.Debug("the mark on [%s] is gone already: %s", request.GetPath(), std::strerror(error));
+    }
+}
+
+// ---- Reader thread ---------------------------------------------------------------------------------
+
+void Watcher::ReadUntilStopped() {
+    pthread_setname_np(pthread_self(), "filenotify_read");
+    while (WaitForAccesses()) {
+        Poco::AutoPtr<Framework::Task> task = FindTask();
+        if (task) {
+            AwaitRoom(*task);
+        }
+        ReadBatch(task.get());
+    }
+}
+
+// False when the reader is to stop.
+bool Watcher::WaitForAccesses() {
+    pollfd waited[] = {{mGroup.GetFd(), POLLIN, 0}, {mStop.GetFd(), POLLIN, 0}};
+    poll(waited, 2, -1);
+    return !mStopping.load();
+}
+
+void Watcher::AwaitRoom(const Framework::Task& task) {
+    const auto deadline = Clock::now() + ROOM_DEADLINE;
+    const auto hasRoom = [&task] { return task.GetQueueDepth() + FanotifyGroup::MAX_BATCH <= task.GetQueueCapacity(); };
+    pollfd stop{mStop.GetFd(), POLLIN, 0};
+    while (!hasRoom() && Clock::now() < deadline && poll(&stop, 1, ROOM_INTERVAL_MS) == 0) {
+    }
+}
+
+void Watcher::ReadBatch(Framework::Task* task) {
+    if (const int error = mGroup.Read(mBatch); error != 0) {
+        moduleLog.Error("file accesses cannot be read: %s", std::string(std::strerror(error)));
+        pollfd stop{mStop.GetFd(), POLLIN, 0};
+        poll(&stop, 1, ERROR_PAUSE_MS);
+        return;
+    }
+    mRead.Add(mBatch.accesses.size() + mBatch.unreadable);
+    CountOverflows(mBatch.overflows);
+    CountDropped(mBatch.unreadable);
+    mScopeOfBatch.clear();
+    for (const FileAccess& access : mBatch.accesses) {
+        HandleAccess(access, task);
+    }
+    mBatch.Clear();
+}
+
+void Watcher::HandleAccess(const FileAccess& access, Framework::Task* task) {
+    try {
+        if (IsIgnored(access.pid)) {
+            mOwn.Add();
+        } else if (!IsInScope(access.pid)) {
+            mUnscoped.Add();
+        } else if (Post(access, task)) {
+            mPosted.Add();
+        } else {
+            CountDropped(1);
+        }
+    } catch (const std::exception&) {
+        CountDropped(1);
+    }
+}
+
+bool Watcher::Post(const FileAccess& access, Framework::Task* task) const {
+    const std::string path = PathOf(access.file);
+    if (task == nullptr || path.empty()) {
+        return false;
+    }
+    std::shared_ptr<Framework::Message> message = std::make_shared<FileNotifyMessage>(access.pid, path);
+    return task->EnqueueMsg(message);
+}
+
+// A process of another pid namespace has no number here by which it could be judged.
+bool Watcher::IsInScope(int pid) {
+    if (pid <= 0) {
+        return false;
+    }
+    const auto [known, isNew] = mScopeOfBatch.try_emplace(pid, false);
+    if (isNew) {
+        known->second = Framework::Scope::Contains(pid);
+    }
+    return known->second;
+}
+
+bool Watcher::IsIgnored(int pid) const {
+    return pid == OwnPid() || mIgnoredPids.count(pid) != 0;
+}
+
+Poco::AutoPtr<Framework::Task> Watcher::FindTask() const {
+    Poco::AutoPtr<Framework::Task> task = Framework::Engine::FindTask(mTaskName);
+    return task && task->GetInstanceId() == mTaskInstance ? task : nullptr;
+}
+
+void Watcher::CountDropped(std::size_t count) {
+    if (count > 0) {
+        mDropped.Add(count);
+        mLost.Add(count);
+        LogLosses();
+    }
+}
+
+void Watcher::CountOverflows(std::size_t count) {
+    if (count > 0) {
+        mOverflows.Add(count);
+        mLost.Add(count);
+        LogLosses();
+    }
+}
+
+void Watcher::LogLosses() {
+    const auto now = Clock::now();
+    if (now - mLossLogged >= LOSS_LOG_INTERVAL) {
+        mLossLogged = now;
+        moduleLog.Warning("file accesses were lost: so far %?d could not be handed on to [%s], and the kernel's queue "
+                          "ran over %?d times",
+                          mDropped.Get(), mTaskName, mOverflows.Get());
+    }
+}
+
+} // namespace Engine
