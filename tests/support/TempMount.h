@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include "support/TempRoot.h"
+
+namespace TestSupport {
+
+// Why no TempMount can be made here; empty when one can.
+inline std::string WhyNoMount() {
+    return geteuid() == 0 ? "" : "file systems cannot be mounted here (needs root)";
+}
+
+// A file system in memory (tmpfs) of the test's own, mounted on a TempDir, and the only mount that a
+// test may have watched as a whole. At the end it is unmounted with all it holds; a file on it that is
+// still open keeps it alive for that long, invisibly.
+class TempMount {
+public:
+    TempMount() {
+        if (mount("corvalent-test", Path().c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "nr_inodes=0,mode=0755") != 0) {
+            throw std::runtime_error("no file system can be mounted on " + Path() + ": " + std::strerror(errno));
+        }
+    }
+    ~TempMount() { umount2(Path().c_str(), MNT_DETACH); }
+    TempMount(const TempMount&) = delete;
+    TempMount& operator=(const TempMount&) = delete;
+
+    // As those of the TempDir.
+    const std::string& Path() const { return mDir.Path(); }
+    std::string operator/(const std::string& name) const { return mDir / name; }
+    std::string Write(const std::string& name, const std::string& content) const { return mDir.Write(name, content); }
+    std::string Read(const std::string& name) const { return mDir.Read(name); }
+
+private:
+    TempDir mDir;
+};
+
+} // namespace TestSupport
