@@ -40,11 +40,21 @@ std::string DescribePolicy(const Json::Value& policy) {
            FormatTime(JsonUtils::GetInt64Value(policy, "accepted_time", 0)) + ", " + enabled;
 }
 
+// "3 lost", in red unless it is none.
+std::string DescribeFailures(const Json::Value& object, const char* key, const std::string& what) {
+    const std::string text = Field(object, key) + " " + what;
+    return JsonUtils::GetInt64Value(object, key, 0) > 0 ? Paint(text, Colour::RED) : text;
+}
+
 std::string DescribeEvents(const Json::Value& events) {
-    const std::string lost = Field(events, "lost") + " lost";
     return Field(events, "exec") + " exec, " + Field(events, "fork") + " fork, " + Field(events, "exit") + " exit, " +
-           Field(events, "judged") + " judged, " +
-           (JsonUtils::GetInt64Value(events, "lost", 0) > 0 ? Paint(lost, Colour::RED) : lost);
+           Field(events, "judged") + " judged, " + DescribeFailures(events, "lost", "lost");
+}
+
+std::string DescribeFiles(const Json::Value& files) {
+    return Field(files, "marks") + " marks, " + DescribeFailures(files, "failed_marks", "failed") + "; " +
+           Field(files, "read") + " accesses, " + Field(files, "judged") + " judged, " +
+           DescribeFailures(files, "overflow", "overflows") + ", " + DescribeFailures(files, "lost", "lost");
 }
 
 std::string DescribeScope(const Json::Value& status) {
@@ -62,6 +72,7 @@ Rows DescribeAgent(const Json::Value& status) {
         {"lists", Field(lists, "local") + " local, " + Field(lists, "server") + " server, " +
                       Field(lists, "os_preset") + " OS preset, " + Field(lists, "service_preset") + " service preset"},
         {"events", DescribeEvents(Member(status, "events"))},
+        {"files", DescribeFiles(Member(status, "files"))},
         {"alerts", Field(status, "alerts")},
         {"scope", DescribeScope(status)},
         {"agent", "version " + Field(status, "version") + ", pid " + Field(status, "pid") + ", up " +

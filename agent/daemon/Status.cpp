@@ -1,5 +1,8 @@
 #include "agent/daemon/Status.h"
 
+#include <initializer_list>
+#include <string>
+
 #include <unistd.h>
 
 #include "agent/daemon/Detection.h"
@@ -11,6 +14,7 @@ namespace Daemon {
 namespace {
 
 constexpr const char* REPORTS_MODULE = "data_comm_module";
+constexpr const char* FILES_MODULE = "filenotify";
 
 Json::Value Question(const char* query) {
     Json::Value request(Json::objectValue);
@@ -18,13 +22,14 @@ Json::Value Question(const char* query) {
     return request;
 }
 
-Json::Value PickEvents(const Json::Value& counters) {
-    Json::Value events(Json::objectValue);
-    for (const char* kind : {"exec", "fork", "exit", "judged", "lost"}) {
-        const std::string name = std::string("events.") + kind;
-        events[kind] = Json::Int64{SDK::JsonUtils::GetInt64Value(counters, name.c_str(), 0)};
+// {KIND: value of the counter "GROUP.KIND"}.
+Json::Value Pick(const Json::Value& counters, const std::string& group, std::initializer_list<const char*> kinds) {
+    Json::Value picked(Json::objectValue);
+    for (const char* kind : kinds) {
+        const std::string name = group + "." + kind;
+        picked[kind] = Json::Int64{SDK::JsonUtils::GetInt64Value(counters, name.c_str(), 0)};
     }
-    return events;
+    return picked;
 }
 
 } // namespace
@@ -34,7 +39,8 @@ Status::Status(const Framework::Engine& engine, const Deliveries& deliveries)
 
 Json::Value Status::Collect() const {
     Json::Value status = mEngine.CollectStatus();
-    status["events"] = PickEvents(status["counters"]);
+    status["events"] = Pick(status["counters"], "events", {"exec", "fork", "exit", "judged", "lost"});
+    AddFiles(status);
     AddMode(status);
     AddPolicy(status);
     AddAlerts(status);
@@ -55,6 +61,21 @@ void Status::AddMode(Json::Value& status) const {
     if (answer.isMember("error")) {
         status["mode_error"] = answer["error"];
     }
+}
+
+// What the watches on files amount to, of all watching tasks together.
+void Status::AddFiles(Json::Value& status) const {
+    Json::Value files = Pick(status["counters"], "files", {"read", "posted", "judged", "overflow", "lost"});
+    Json::Value watchers;
+    SDK::JsonUtils::GetSubobjectValue(mEngine.Ask(FILES_MODULE, Question("status")), "watchers", watchers);
+    for (const char* kind : {"marks", "failed_marks"}) {
+        std::int64_t sum = 0;
+        for (const Json::Value& watcher : watchers) {
+            sum += SDK::JsonUtils::GetInt64Value(watcher, kind, 0);
+        }
+        files[kind] = Json::Int64{sum};
+    }
+    status["files"] = files;
 }
 
 void Status::AddPolicy(Json::Value& status) const {

@@ -28,6 +28,7 @@ public:
     Json::Value Collect() const;
 
 private:
+    void AddFiles(Json::Value& status) const;
     void AddMode(Json::Value& status) const;
     void AddPolicy(Json::Value& status) const;
     void AddAlerts(Json::Value& status) const;

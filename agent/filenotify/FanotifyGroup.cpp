@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/fanotify.h>
+#include <sys/ioctl.h>
 
 namespace Engine {
 
@@ -55,6 +56,15 @@ bool FanotifyGroup::Open(std::string& problem) {
         return false;
     }
     return true;
+}
+
+std::size_t FanotifyGroup::CountWaiting() const {
+    int bytes = 0;
+    // FIONREAD counts what read(2) would give, and all events have the same size.
+    if (ioctl(mFd.Get(), FIONREAD, &bytes) != 0 || bytes < 0) {
+        return 0;
+    }
+    return static_cast<std::size_t>(bytes) / sizeof(fanotify_event_metadata);
 }
 
 int FanotifyGroup::Mark(Object object, const std::string& path, std::uint64_t mask) const {

@@ -69,6 +69,9 @@ public:
     // For poll(2): readable when Read has something to say. -1 when not open.
     int GetFd() const { return mFd.Get(); }
 
+    // How many events wait in the kernel's queue now.
+    std::size_t CountWaiting() const;
+
     // Place and take away the mark on what lies at `path`. 0 or an errno value. Links are followed.
     int Mark(Object object, const std::string& path, std::uint64_t mask) const;
     int Unmark(Object object, const std::string& path, std::uint64_t mask) const;

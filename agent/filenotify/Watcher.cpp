@@ -30,6 +30,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds LOSS_LOG_INTERVAL{1};
 
+// How long a process is given to become the program that it is about to execute.
+constexpr int SETTLE_MS = 5;
+
 // How long accesses wait in the kernel for room in the task's queue, and how often it is looked at.
 constexpr std::chrono::milliseconds ROOM_DEADLINE{200};
 constexpr int ROOM_INTERVAL_MS = 2;
@@ -131,11 +134,7 @@ void Watcher::Remove(const FileNotifyWatchMessage& request) {
 void Watcher::ReadUntilStopped() {
     pthread_setname_np(pthread_self(), "filenotify_read");
     while (WaitForAccesses()) {
-        Poco::AutoPtr<Framework::Task> task = FindTask();
-        if (task) {
-            AwaitRoom(*task);
-        }
-        ReadBatch(task.get());
+        ReadWaiting();
     }
 }
 
@@ -143,24 +142,45 @@ void Watcher::ReadUntilStopped() {
 bool Watcher::WaitForAccesses() {
     pollfd waited[] = {{mGroup.GetFd(), POLLIN, 0}, {mStop.GetFd(), POLLIN, 0}};
     poll(waited, 2, -1);
-    return !mStopping.load();
+    return Pause(SETTLE_MS);
+}
+
+// Reads what waits now. What comes in meanwhile is too young: it is the next turn's.
+void Watcher::ReadWaiting() {
+    for (std::size_t left = mGroup.CountWaiting(); left > 0 && !mStopping.load();) {
+        Poco::AutoPtr<Framework::Task> task = FindTask();
+        if (task) {
+            AwaitRoom(*task);
+        }
+        const std::size_t taken = ReadBatch(task.get());
+        if (taken == 0) {
+            return;
+        }
+        left -= std::min(left, taken);
+    }
 }
 
 void Watcher::AwaitRoom(const Framework::Task& task) {
     const auto deadline = Clock::now() + ROOM_DEADLINE;
     const auto hasRoom = [&task] { return task.GetQueueDepth() + FanotifyGroup::MAX_BATCH <= task.GetQueueCapacity(); };
-    pollfd stop{mStop.GetFd(), POLLIN, 0};
-    while (!hasRoom() && Clock::now() < deadline && poll(&stop, 1, ROOM_INTERVAL_MS) == 0) {
+    while (!hasRoom() && Clock::now() < deadline && Pause(ROOM_INTERVAL_MS)) {
     }
 }
 
-void Watcher::ReadBatch(Framework::Task* task) {
+// False, at once, when the reader is to stop.
+bool Watcher::Pause(int milliseconds) const {
+    pollfd stop{mStop.GetFd(), POLLIN, 0};
+    return poll(&stop, 1, milliseconds) <= 0 && !mStopping.load();
+}
+
+// Returns how many events it took from the kernel's queue.
+std::size_t Watcher::ReadBatch(Framework::Task* task) {
     if (const int error = mGroup.Read(mBatch); error != 0) {
         moduleLog.Error("file accesses cannot be read: %s", std::string(std::strerror(error)));
-        pollfd stop{mStop.GetFd(), POLLIN, 0};
-        poll(&stop, 1, ERROR_PAUSE_MS);
-        return;
+        Pause(ERROR_PAUSE_MS);
+        return 0;
     }
+    const std::size_t taken = mBatch.Size();
     mRead.Add(mBatch.accesses.size() + mBatch.unreadable);
     CountOverflows(mBatch.overflows);
     CountDropped(mBatch.unreadable);
@@ -169,6 +189,7 @@ void Watcher::ReadBatch(Framework::Task* task) {
         HandleAccess(access, task);
     }
     mBatch.Clear();
+    return taken;
 }
 
 void Watcher::HandleAccess(const FileAccess& access, Framework::Task* task) {

@@ -24,6 +24,10 @@ namespace Engine {
 //
 //     kernel's queue ─► batch ─► not our own, in scope ─► path of the descriptor ─► the task's queue
 //
+// Accesses are read a few milliseconds after they happened. A program that is just being started opens
+// its files, its own image first, before or shortly after the process becomes that program: read at
+// once, such an access would be put down to the program that the process was before.
+//
 // The thread reads on only while the task's queue has room, for a moment at least: what waits in the
 // kernel's queue is not lost yet, and repeated accesses are merged there. A task that takes nothing for
 // longer loses what does not fit.
@@ -68,8 +72,10 @@ private:
     // Reader thread.
     void ReadUntilStopped();
     bool WaitForAccesses();
+    void ReadWaiting();
     void AwaitRoom(const Framework::Task& task);
-    void ReadBatch(Framework::Task* task);
+    bool Pause(int milliseconds) const;
+    std::size_t ReadBatch(Framework::Task* task);
     void HandleAccess(const FileAccess& access, Framework::Task* task);
     bool Post(const FileAccess& access, Framework::Task* task) const;
     bool IsInScope(int pid);

@@ -25,6 +25,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* SLEEP = "/usr/bin/sleep";
+constexpr const char* TAIL = "/usr/bin/tail";
 constexpr int TO_EXEC_FORK_AND_EXIT = 3; // subscriptions of the module's event task
 
 std::string OwnImage() {
@@ -40,6 +41,29 @@ Json::Value MakeTask(const Json::Value& period) {
     return task;
 }
 
+Json::Value MakeArray(const std::vector<std::string>& texts) {
+    Json::Value array(Json::arrayValue);
+    for (const std::string& text : texts) {
+        array.append(text);
+    }
+    return array;
+}
+
+void AddGlobalMode(Json::Value& content, const PolicyOptions& options) {
+    content["dir_mod"] = false;
+    content["auto_detect"] = options.autoDetect;
+    content["scan_period_seconds"] = options.scanPeriodSeconds;
+    content["full_proc_task"] = MakeTask(1);
+}
+
+void AddDirectoryMode(Json::Value& content, const PolicyOptions& options) {
+    content["dir_mod"] = true;
+    content["mount_mod"] = options.mountMod;
+    content["dirs"] = MakeArray(options.dirs);
+    content["exts"] = MakeArray(options.exts);
+    content["specified_file_audit_task"] = MakeTask(Json::nullValue);
+}
+
 } // namespace
 
 Json::Value MakePolicy(const PolicyOptions& options) {
@@ -49,12 +73,13 @@ Json::Value MakePolicy(const PolicyOptions& options) {
     policy["feature_hash"] = options.hash;
     policy["enabled"] = options.enabled;
     Json::Value& content = policy["content"];
-    content["dir_mod"] = false;
     content["learning_days"] = options.learningDays;
     content["action_block"] = options.block;
-    content["auto_detect"] = options.autoDetect;
-    content["scan_period_seconds"] = options.scanPeriodSeconds;
-    content["full_proc_task"] = MakeTask(1);
+    if (options.dirs.empty()) {
+        AddGlobalMode(content, options);
+    } else {
+        AddDirectoryMode(content, options);
+    }
     content["process_manager_task"] = MakeTask(Json::nullValue);
     content["learn_status_check_task"] = MakeTask(Json::nullValue);
     return policy;
@@ -237,6 +262,26 @@ Json::Value Agent::WaitForAlert(int pid) const {
     return alerts.front();
 }
 
+void Agent::WaitForMarks(int marks, int failed) const {
+    Json::Value files;
+    if (!WaitFor([&] { return (files = Status()["files"])["marks"] == marks && files["failed_marks"] == failed; })) {
+        GiveUp("marks are not as expected: " + files.toStyledString());
+    }
+}
+
+// proc(5): the fdinfo of a fanotify descriptor has a line for each mark, with "ino:" for a directory and
+// "mnt_id:" for a mount.
+int Agent::CountKernelMarks() const {
+    int marks = 0;
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(GetPid()) + "/fdinfo")) {
+        std::istringstream lines(TestSupport::TempDir::ReadText(fd.path()));
+        for (std::string line; std::getline(lines, line);) {
+            marks += line.starts_with("fanotify ino:") || line.starts_with("fanotify mnt_id:") ? 1 : 0;
+        }
+    }
+    return marks;
+}
+
 int Agent::CountInLog(const std::string& text) const {
     const std::string log = mRoot.Read("log/corvalent.log");
     int count = 0;
@@ -257,11 +302,22 @@ void Agent::MakeDetecting(const Learned& learned, const PolicyOptions& options) 
     if (started.status != 0) {
         GiveUp("detection does not start: " + started.err);
     }
-    DrainEvents();
+    if (options.dirs.empty()) {
+        // In directory mode no program is judged that does not touch a file.
+        DrainEvents();
+    }
 }
 
 std::string Agent::MakeProgram(const std::string& name) const {
-    std::string path = mWork.Write("programs/" + name, TestSupport::TempDir::ReadText(SLEEP) + name);
+    return CopyProgram(SLEEP, name);
+}
+
+std::string Agent::MakeReader(const std::string& name) const {
+    return CopyProgram(TAIL, name);
+}
+
+std::string Agent::CopyProgram(const char* original, const std::string& name) const {
+    std::string path = mWork.Write("programs/" + name, TestSupport::TempDir::ReadText(original) + name);
     fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                               fs::perms::others_read | fs::perms::others_exec);
     return path;

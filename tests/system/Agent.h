@@ -43,6 +43,10 @@ struct PolicyOptions {
     bool block = false;
     bool autoDetect = false;
     int scanPeriodSeconds = 3600;
+    // Directory mode, when there are any directories; the three settings above are global mode's then.
+    std::vector<std::string> dirs{};
+    std::vector<std::string> exts{};
+    bool mountMod = false;
 };
 
 // The feature policy as the server would send it; learned programs are reported every second.
@@ -136,6 +140,13 @@ public:
     // The alert about the process, once there is one.
     Json::Value WaitForAlert(int pid) const;
 
+    // Returns when that many marks stand on directories or mounts; of those that failed there are as many
+    // as `failed` says.
+    void WaitForMarks(int marks, int failed = 0) const;
+
+    // How many objects the kernel has marked for the daemon.
+    int CountKernelMarks() const;
+
     // How often this text stands in the log.
     int CountInLog(const std::string& text) const;
 
@@ -149,11 +160,15 @@ public:
     // A program of its own: does what sleep does, with another content. The path.
     std::string MakeProgram(const std::string& name) const;
 
+    // A program of its own: does what tail does. Given "-f" and a file it opens that and stays.
+    std::string MakeReader(const std::string& name) const;
+
     // Returns when every process event before this call has been judged and every alert about one is
     // in the history; needs an agent that detects.
     void DrainEvents();
 
 private:
+    std::string CopyProgram(const char* original, const std::string& name) const;
     Json::Value Get(const std::string& path) const;
     void WaitUntilReady();
     void WaitUntilSubscribed(std::int64_t atLeast) const;

@@ -4,10 +4,10 @@ target_include_directories(system_harness PUBLIC ${CMAKE_SOURCE_DIR}/tests)
 target_compile_definitions(system_harness PRIVATE BUILT_ROOT="${CMAKE_BINARY_DIR}/root")
 target_compile_definitions(system_harness PUBLIC FORK_SLEEPERS="${CMAKE_BINARY_DIR}/tests/fork_sleepers")
 target_link_libraries(system_harness PUBLIC sdk PkgConfig::HTTPLIB GTest::gtest)
-add_dependencies(system_harness corvalentd corvalentctl whitelist_module process_collect_module isolate_module
-  data_comm_module fork_sleepers)
+add_dependencies(system_harness corvalentd corvalentctl whitelist_module process_collect_module filenotify_module
+  isolate_module data_comm_module fork_sleepers)
 
-foreach(concern Learning Mode Policy Detection Blocking Command Lifecycle Operator)
+foreach(concern Learning Mode Policy Detection Blocking Command Lifecycle Operator Directory)
   string(TOLOWER system_${concern}_test name)
   corvalent_add_test(${name} ${TEST_DIR}/${concern}Test.cpp LIBS system_harness LABELS system)
 endforeach()
