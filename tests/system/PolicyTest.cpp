@@ -116,8 +116,6 @@ std::vector<Refusal> Refusals() {
     noContent.removeMember("content");
     Json::Value otherFeature = MakePolicy({.hash = "other feature"});
     otherFeature["feature_name"] = "antivirus_feature";
-    Json::Value directoryMode = MakePolicy({.hash = "directory mode"});
-    directoryMode["content"]["dir_mod"] = true;
     const auto text = [](const Json::Value& document) { return SDK::JsonUtils::JsonToString(document); };
     return {
         {"not JSON", "{\"module_name\": ", "Parse Policy Failed"},
@@ -125,7 +123,6 @@ std::vector<Refusal> Refusals() {
         {"another module's", text(otherModule), "does not belong to module_whitelist"},
         {"without content", text(noContent), "no \"content\" object"},
         {"another feature's", text(otherFeature), "unknown feature name"},
-        {"directory mode", text(directoryMode), "directory mode is not available"},
     };
 }
 

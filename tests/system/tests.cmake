@@ -14,3 +14,8 @@ endforeach()
 # Alone, so that it measures the agent and not its neighbours.
 corvalent_add_test(system_idle_test ${TEST_DIR}/IdleTest.cpp LIBS system_harness LABELS system-slow
   PROPERTIES RUN_SERIAL ON)
+# Alone, because it takes both cores for a while.
+corvalent_add_test(system_storm_test ${TEST_DIR}/StormTest.cpp LIBS system_harness LABELS system-slow
+  PROPERTIES RUN_SERIAL ON)
+target_compile_definitions(system_storm_test PRIVATE OPEN_FILES="${CMAKE_BINARY_DIR}/tests/open_files")
+add_dependencies(system_storm_test open_files)
