@@ -1,6 +1,7 @@
 #include "agent/filenotify/FileNotifyTask.h"
 
 #include <exception>
+#include <utility>
 
 #include "sdk/ModuleLog.h"
 
@@ -64,21 +65,22 @@ void FileNotifyTask::Add(const FileNotifyWatchMessage& request) {
     if (mEnded) {
         return;
     }
-    std::unique_ptr<Watcher>& watcher = mWatchers[request.GetWatcherName()];
-    if (watcher && watcher->GetTaskInstance() != request.GetWatcherInstance()) {
+    auto found = mWatchers.find(request.GetWatcherName());
+    if (found != mWatchers.end() && found->second->GetTaskInstance() != request.GetWatcherInstance()) {
         // The task that it was for has been replaced without taking its marks away.
-        watcher.reset();
+        mWatchers.erase(found);
+        found = mWatchers.end();
     }
-    if (!watcher) {
+    if (found == mWatchers.end()) {
         std::string problem;
-        watcher = Watcher::Create(request, problem);
+        std::unique_ptr<Watcher> watcher = Watcher::Create(request, problem);
         if (!watcher) {
-            mWatchers.erase(request.GetWatcherName());
             moduleLog.Error("file accesses in [%s] cannot be watched: %s", request.GetPath(), problem);
             return;
         }
+        found = mWatchers.emplace(request.GetWatcherName(), std::move(watcher)).first;
     }
-    watcher->Add(request);
+    found->second->Add(request);
 }
 
 void FileNotifyTask::Remove(const FileNotifyWatchMessage& request) {

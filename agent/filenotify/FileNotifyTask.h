@@ -41,7 +41,7 @@ private:
     void Remove(const FileNotifyWatchMessage& request) REQUIRES(mLock);
 
     mutable SDK::RwLock mLock;
-    std::map<std::string, std::unique_ptr<Watcher>> mWatchers GUARDED_BY(mLock); // by task name
+    std::map<std::string, std::unique_ptr<Watcher>> mWatchers GUARDED_BY(mLock); // by task name; none null
     bool mEnded GUARDED_BY(mLock) = false;                                       // no watch begins any more
 };
 

@@ -1,6 +1,7 @@
 #include "agent/filenotify/Marks.h"
 
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,18 +10,20 @@
 namespace Engine {
 
 int Marks::Add(FanotifyGroup::Object object, const std::string& path, std::uint64_t mask) {
-    if (mPaths.count(path) != 0) {
-        return 0;
-    }
-    Marked marked{{}, mask};
-    if (const int error = Identify(object, path, marked.target); error != 0) {
+    Target target;
+    if (const int error = Identify(object, path, target); error != 0) {
         return error;
     }
     if (const int error = mGroup.Mark(object, path, mask); error != 0) {
         return error;
     }
-    mPaths.emplace(path, marked);
-    ++mUses[marked.target];
+    Uses& uses = mUses[target];
+    ++uses.paths;
+    uses.mask |= mask;
+    if (const auto [known, isNew] = mPaths.try_emplace(path, target); !isNew) {
+        // A mark on something else that lay there before has gone with it, or is out of this path's reach.
+        CountDown(std::exchange(known->second, target));
+    }
     return 0;
 }
 
@@ -29,14 +32,27 @@ int Marks::Remove(const std::string& path) {
     if (found == mPaths.end()) {
         return 0;
     }
-    const Marked marked = found->second;
+    const Target target = found->second;
     mPaths.erase(found);
-    const auto uses = mUses.find(marked.target);
-    if (--uses->second > 0) {
+    const std::uint64_t mask = CountDown(target);
+    if (mask == 0) {
         return 0;
     }
+    Target now;
+    if (const int error = Identify(target.object, path, now); error != 0) {
+        return error;
+    }
+    return now == target ? mGroup.Unmark(target.object, path, mask) : ENOENT;
+}
+
+std::uint64_t Marks::CountDown(const Target& target) {
+    const auto uses = mUses.find(target);
+    if (--uses->second.paths > 0) {
+        return 0;
+    }
+    const std::uint64_t mask = uses->second.mask;
     mUses.erase(uses);
-    return mGroup.Unmark(marked.target.object, path, marked.mask);
+    return mask;
 }
 
 int Marks::Identify(FanotifyGroup::Object object, const std::string& path, Target& target) {

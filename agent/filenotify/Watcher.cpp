@@ -162,7 +162,9 @@ void Watcher::ReadWaiting() {
 
 void Watcher::AwaitRoom(const Framework::Task& task) {
     const auto deadline = Clock::now() + ROOM_DEADLINE;
-    const auto hasRoom = [&task] { return task.GetQueueDepth() + FanotifyGroup::MAX_BATCH <= task.GetQueueCapacity(); };
+    // A queue that is smaller than a batch has all the room that it can have when it is empty.
+    const std::size_t batch = std::min<std::size_t>(FanotifyGroup::MAX_BATCH, task.GetQueueCapacity());
+    const auto hasRoom = [&task, batch] { return task.GetQueueDepth() + batch <= task.GetQueueCapacity(); };
     while (!hasRoom() && Clock::now() < deadline && Pause(ROOM_INTERVAL_MS)) {
     }
 }
