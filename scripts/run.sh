@@ -2,8 +2,9 @@
 # The agent's main job, seen on this machine:
 #
 #   scripts/run.sh          learns this machine's programs, starts detection, and runs programs that
-#                           should and should not pass, inside a root directory and a control group of
-#                           its own; prints a table and exits 0 only if every row came out right.
+#                           should and should not pass, first wherever they run, then where they read a
+#                           watched folder, inside a root directory and a control group of its own;
+#                           prints a table and exits 0 only if every row came out right.
 #   scripts/run.sh --host   runs the agent on the whole host in learning mode, never blocking, with a
 #                           live status line, until Ctrl-C. It keeps nothing.
 . "$(dirname "$0")/lib/common.sh"
@@ -71,11 +72,11 @@ status_is() { [[ $(status "$1") == "$2" ]]; }
 subscriptions() { status '.counters["events.subscribed"] // 0'; }
 watches_since() { (($(subscriptions) >= $1 + 3)); }
 
-# apply_policy BLOCK: delivers the policy and waits until its tasks watch.
+# apply_policy BLOCK [FOLDER]: delivers the policy and waits until its tasks watch.
 apply_policy() {
     local before
     before=$(subscriptions)
-    policy "$1" >"$WORK/policy.json"
+    policy "$@" >"$WORK/policy.json"
     ctl policy apply "$WORK/policy.json" >/dev/null
     until_true watches_since "$before" || fail "the agent does not watch after a policy"
 }
@@ -98,16 +99,21 @@ stop_agent() {
     AGENT_PID=
 }
 
-# policy BLOCK: the feature policy as the server would send it.
+# policy BLOCK [FOLDER]: the feature policy as the server would send it; with a folder, that for
+# directory mode.
 policy() {
+    local mode
+    if (($# > 1)); then
+        mode='"dir_mod": true, "dirs": ["'$2'"], "exts": [], "specified_file_audit_task": {"task_condition": {}}'
+    else
+        mode='"dir_mod": false, "auto_detect": false, "scan_period_seconds": 3600,
+    "full_proc_task": {"task_condition": {"period": 1}}'
+    fi
     cat <<JSON
 {"module_name": "whitelist_module", "feature_name": "whitelist_feature", "enabled": "enabled",
-  "feature_hash": "run-block-$1",
-  "content": {"learning_days": 7, "action_block": $1, "dir_mod": false, "auto_detect": false,
-                          "scan_period_seconds": 3600,
-                          "full_proc_task": {"task_condition": {"period": 1}},
-                          "process_manager_task": {"task_condition": {}},
-                          "learn_status_check_task": {"task_condition": {}}}}
+  "feature_hash": "run-block-$*",
+  "content": {"learning_days": 7, "action_block": $1, $mode,
+    "process_manager_task": {"task_condition": {}}, "learn_status_check_task": {"task_condition": {}}}}
 JSON
 }
 
@@ -190,9 +196,9 @@ end_readers() {
 
 # ---- the programs of the table ----------------------------------------------------------------------
 
-# variant NAME: a program of its own, like sleep but of another content.
+# variant NAME [ORIGINAL]: a program of its own, like sleep or the original but of another content.
 variant() {
-    cp /bin/sleep "$PROGRAMS/$1"
+    cp "${2:-/bin/sleep}" "$PROGRAMS/$1"
     printf '%s' "$1" >>"$PROGRAMS/$1"
 }
 
@@ -201,6 +207,8 @@ digest() { sha256sum "$1" | cut -d' ' -f1; }
 make_programs() {
     variant unknown
     variant unknown-too
+    variant unknown-elsewhere
+    variant unknown-reader /usr/bin/tail
     variant by-server
     variant by-preset
     variant tool
@@ -244,25 +252,24 @@ verdict_of() { curl -sS --unix-socket "$ROOT/run/agent.sock" -G --data-urlencode
 
 row() { printf '%-2s %-34s %-10s %-8s %-7s %9s  %s\n' "$@"; }
 
-# check NUMBER WHAT IMAGE TRUST LIST FATE COMMAND…: runs the command in the scope, prints the row, and
-# remembers whether it came out as TRUST (yes, no), LIST and FATE (killed, alive) say.
+# check NUMBER WHAT IMAGE TRUST LIST FATE ALERTS COMMAND…: runs the command in the scope, prints the row,
+# and remembers whether it came out as TRUST (yes, no), LIST, FATE (killed, alive) and the number of
+# ALERTS say.
 check() {
-    local number=$1 what=$2 image=$3 trust=$4 list=$5 fate=$6
-    shift 6
+    local number=$1 what=$2 image=$3 trust=$4 list=$5 fate=$6 alerts_wanted=$7
+    shift 7
     local verdict pid outcome micros trusted found alert=-
     verdict=$(verdict_of "$image")
     trusted=$(jq -r 'if .trusted then "yes" else "no" end' <<<"$verdict")
     found=$(jq -r .list <<<"$verdict")
     read -r pid outcome micros < <("$START" "$GROUP" "$PATIENCE_MS" "$@" </dev/null)
-    if [[ $trust == no ]]; then
+    if ((alerts_wanted)); then
         until_true has_alert "$pid" || true
     fi
     alert=$(alert_of "$pid")
     [[ $outcome == killed ]] || micros=-
     row "$number" "$what" "$([[ $trusted == yes ]] && echo trusted || echo UNTRUSTED)" "$found" \
         "$([[ $outcome == killed ]] && echo yes || echo no)" "$micros" "${alert:--}"
-    local alerts_wanted=0
-    [[ $trust == yes ]] || alerts_wanted=1
     if [[ $trusted != "$trust" || $found != "$list" || $outcome != "$fate" ]] ||
         (($(wc -w <<<"$alert") != alerts_wanted)); then
         WRONG+=("row $number: wanted trusted=$trust list=$list $fate alerts=$alerts_wanted, got trusted=$trusted list=$found $outcome alerts=$(wc -w <<<"$alert")")
@@ -276,16 +283,31 @@ run_rows() {
     bash=$(realpath "$(type -P bash)")
     echo
     row "#" "what ran" "verdict" "list" "killed" "µs to kill" "alert"
-    check 1 "a learned program" "$sleep" yes local alive "$sleep" 30
-    check 2 "an unknown binary" "$p/unknown" no none killed "$p/unknown" 30
-    check 3 "a learned path, other content" "$p/tool" no none killed "$p/tool" 30
-    check 4 "vouched for by the server only" "$p/by-server" yes server alive "$p/by-server" 30
-    check 5 "vouched for by a preset only" "$p/by-preset" yes os alive "$p/by-preset" 30
-    check 6 "a script, trusted interpreter" "$bash" yes local alive "$bash" "$p/script.sh" "$WORK/stdin"
+    check 1 "a learned program" "$sleep" yes local alive 0 "$sleep" 30
+    check 2 "an unknown binary" "$p/unknown" no none killed 1 "$p/unknown" 30
+    check 3 "a learned path, other content" "$p/tool" no none killed 1 "$p/tool" 30
+    check 4 "vouched for by the server only" "$p/by-server" yes server alive 0 "$p/by-server" 30
+    check 5 "vouched for by a preset only" "$p/by-preset" yes os alive 0 "$p/by-preset" 30
+    check 6 "a script, trusted interpreter" "$bash" yes local alive 0 "$bash" "$p/script.sh" "$WORK/stdin"
     apply_policy false
     until_true status_is .mode 3 || fail "detection did not come back after the second policy"
-    check 7 "an unknown binary, blocking off" "$p/unknown-too" no none alive "$p/unknown-too" 30
+    check 7 "an unknown binary, blocking off" "$p/unknown-too" no none alive 1 "$p/unknown-too" 30
+    run_directory_rows
     echo
+}
+
+# Directory mode: what counts is who touches the files of a folder.
+run_directory_rows() {
+    local p=$PROGRAMS watched=$WORK/watched tail
+    tail=$(realpath "$(type -P tail)")
+    mkdir "$watched"
+    echo "content" >"$watched/file"
+    apply_policy true "$watched"
+    until_true status_is .files.marks 1 || fail "the folder is not watched"
+    until_true status_is .mode 3 || fail "detection did not come back in directory mode"
+    check 8 "watched folder: a learned reader" "$tail" yes local alive 0 "$tail" -f "$watched/file"
+    check 9 "watched folder: an unknown reader" "$p/unknown-reader" no none killed 1 "$p/unknown-reader" -f "$watched/file"
+    check 10 "an unknown binary elsewhere" "$p/unknown-elsewhere" no none alive 0 "$p/unknown-elsewhere" 30
 }
 
 main_job() {
@@ -324,9 +346,9 @@ main_job() {
     stop_agent
     if ((${#WRONG[@]})); then
         printf '%s\n' "${WRONG[@]}" >&2
-        fail "${#WRONG[@]} of 7 rows are not as they should be"
+        fail "${#WRONG[@]} of 10 rows are not as they should be"
     fi
-    say "all 7 rows as they should be, in $((SECONDS - started)) s"
+    say "all 10 rows as they should be, in $((SECONDS - started)) s"
 }
 
 # ---- the whole host ---------------------------------------------------------------------------------
