@@ -40,6 +40,7 @@ private:
         std::uint64_t device = 0;
         std::uint64_t number = 0;
 
+        // NOLINTNEXTLINE(modernize-use-nullptr): the tool takes the generated comparison with 0 for a pointer
         auto operator<=>(const Target&) const = default;
     };
 

@@ -59,7 +59,7 @@ std::uint64_t MaskOf(const FileNotifyWatchMessage& request) {
 
 // What an error of fanotify_mark(2) means here.
 std::string Explain(int error) {
-    const std::string text = std::strerror(error);
+    std::string text = std::strerror(error);
     switch (error) {
     case ENOENT:
     case ENOTDIR:
