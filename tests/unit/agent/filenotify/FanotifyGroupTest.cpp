@@ -163,6 +163,19 @@ TEST_F(FanotifyGroupTest, OneReadTakesAtMostABatchAndTheNextTheRest) {
     EXPECT_EQ(mBatch.accesses.size(), REST);
 }
 
+TEST_F(FanotifyGroupTest, WhatWaitsIsCountedWithoutBeingTaken) {
+    constexpr std::size_t COUNT = FanotifyGroup::MAX_BATCH + 5;
+    const std::vector<std::string> files = WriteFiles(mMount, "watched", COUNT);
+    Mark("watched");
+    EXPECT_EQ(mGroup.CountWaiting(), 0U);
+    OpenAll(files);
+    EXPECT_EQ(mGroup.CountWaiting(), COUNT);
+    ASSERT_EQ(mGroup.Read(mBatch), 0);
+    EXPECT_EQ(mGroup.CountWaiting(), COUNT - FanotifyGroup::MAX_BATCH);
+    EXPECT_EQ(ReadAll(mGroup).accesses, COUNT - FanotifyGroup::MAX_BATCH);
+    EXPECT_EQ(mGroup.CountWaiting(), 0U);
+}
+
 TEST_F(FanotifyGroupTest, ABatchHoldsItsDescriptorsUntilItIsCleared) {
     constexpr std::size_t COUNT = 20;
     const std::vector<std::string> files = WriteFiles(mMount, "watched", COUNT);

@@ -7,16 +7,14 @@
 #include <utility>
 #include <vector>
 
-#include <Poco/AutoPtr.h>
-
 #include "agent/process_collect/ProcConnector.h"
 #include "agent/process_collect/ProcsRealTask.h"
 #include "framework/Engine.h"
-#include "framework/Module.h"
 #include "framework/Task.h"
 #include "modules/AbstractMessageReceiver.h"
 #include "modules/ProcsRegistMessage.h"
 #include "support/ChildProcess.h"
+#include "support/TaskHolder.h"
 #include "support/WaitFor.h"
 
 namespace TestSupport {
@@ -117,30 +115,6 @@ public:
 private:
     mutable std::mutex mMutex;
     std::vector<Event> mEvents;
-};
-
-// A module that only holds the tasks that a test gives it.
-class TaskHolder {
-public:
-    explicit TaskHolder(const std::string& name) : mModule(new Framework::Module(name)) {}
-    ~TaskHolder() { End(); }
-    TaskHolder(const TaskHolder&) = delete;
-    TaskHolder& operator=(const TaskHolder&) = delete;
-
-    // Starts the task; the result keeps the object alive beyond its end.
-    template <typename TaskType> Poco::AutoPtr<TaskType> Start(TaskType* task) {
-        Poco::AutoPtr<TaskType> kept(task, true);
-        if (!mModule->RegisterTask(task, true)) {
-            throw std::runtime_error("the task was not started");
-        }
-        return kept;
-    }
-
-    // Ends all tasks. False when one did not end in time.
-    bool End() { return mModule->UnInit() == 0; }
-
-private:
-    Poco::AutoPtr<Framework::Module> mModule;
 };
 
 // A program start and its end that are told to the receiver prove that its subscriptions are in force
