@@ -25,9 +25,6 @@ using TestSupport::ForeignProcess;
 constexpr unsigned int EXEC = 1;
 constexpr unsigned int FORK = 2;
 
-// Never the pid of a process: beyond the kernel's PID_MAX_LIMIT.
-constexpr int NOBODY = 5000000;
-
 std::set<std::string> Keys(const Json::Value& object) {
     const std::vector<std::string> names = object.getMemberNames();
     return {names.begin(), names.end()};

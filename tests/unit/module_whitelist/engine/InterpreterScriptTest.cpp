@@ -14,9 +14,6 @@ namespace {
 using namespace AntiransonwareProcessUtils;
 using TestSupport::ForeignProcess;
 
-// Never the pid of a process: beyond the kernel's PID_MAX_LIMIT.
-constexpr int NOBODY = 5000000;
-
 constexpr const char* WAIT_FOR_INPUT = "echo ready; read -r line\n";
 
 const std::vector<std::string> NAMES = {"bash", "python"};

@@ -14,9 +14,6 @@ namespace {
 using namespace AntiransonwareProcessUtils;
 using TestSupport::ForeignProcess;
 
-// Never the pid of a process: beyond the kernel's PID_MAX_LIMIT.
-constexpr int NOBODY = 5000000;
-
 class ProcessInspectionTest : public TrustEngineTest {
 protected:
     std::string CopySleep(const std::string& name) const { return CopyProgram("/bin/sleep", name); }

@@ -17,9 +17,6 @@ constexpr unsigned int EXEC = 1;
 constexpr unsigned int FORK = 2;
 constexpr unsigned int EXIT = 3;
 
-// Never the pid of a process: beyond the kernel's PID_MAX_LIMIT.
-constexpr int NOBODY = 5000000;
-
 class ProcessTrackingTest : public TrustEngineTest {
 protected:
     ProcessTrackingTest() { engine.GetInterpreterName(); }

@@ -27,6 +27,9 @@ using Poco::Message;
 
 constexpr std::int64_t LIMIT_BYTES = 10485760;
 
+// Never the pid of a process: beyond the kernel's PID_MAX_LIMIT.
+constexpr int NOBODY = 5000000;
+
 // The SHA-256 of a text, in the form in which digests are stored.
 inline std::string Digest(const std::string& text) {
     unsigned char bytes[SHA256_DIGEST_LENGTH];
@@ -106,14 +109,27 @@ protected:
 
     // Puts the agent in this mode.
     void Configure(int mode, bool dirMod = false, bool block = false) const {
+        Json::Value settings(Json::objectValue);
+        settings["dir_mod"] = dirMod;
+        settings["action_block"] = block;
+        ConfigureWith(mode, settings);
+    }
+
+    // The same with a policy that has these members as its content.
+    void ConfigureWith(int mode, Json::Value settings) const {
         const int learnedMinutes = mode == Engine::MOD_LEARN ? 0 : 1440;
         root.Write("conf/modwhitelist.ini", "[Driver]\nLearnTime=" + std::to_string(learnedMinutes) +
                                                 "\nLearnMod=" + std::to_string(mode) + "\n");
-        const std::string policy = std::string(R"({"content": {"learning_days": 1, "dirs": [], "exts": [], )") +
-                                   R"("dir_mod": )" + (dirMod ? "true" : "false") + R"(, "action_block": )" +
-                                   (block ? "true" : "false") + "}}";
+        settings["learning_days"] = 1;
+        for (const char* rules : {"dirs", "exts"}) {
+            if (!settings.isMember(rules)) {
+                settings[rules] = Json::Value(Json::arrayValue);
+            }
+        }
+        Json::Value policy(Json::objectValue);
+        policy["content"] = settings;
         ASSERT_TRUE(ConfigManager::Instance()->Init());
-        ASSERT_TRUE(ConfigManager::Instance()->ParsePolicy(policy.c_str()));
+        ASSERT_TRUE(ConfigManager::Instance()->ParsePolicy(SDK::JsonUtils::JsonToString(policy).c_str()));
         ASSERT_EQ(ConfigManager::Instance()->GetMod(), mode);
     }
 
