@@ -1,68 +1,17 @@
 // The module where what it needs is not to be had: no logger, no memory for a callback.
 
-#include <cstdlib>
 #include <new>
 #include <string>
 
 #include <Poco/AutoPtr.h>
 #include <gtest/gtest.h>
 
+#include "RefusingAllocator.h"
 #include "WhitelistModule.h"
 #include "framework/Callback.h"
 #include "framework/Engine.h"
 #include "sdk/LoggerUtils.h"
 #include "support/TempRoot.h"
-
-namespace {
-
-// What this program's allocator refuses to this thread while one lives.
-class Refusing {
-public:
-    enum class Form { Throwing, NonThrowing };
-
-    Refusing(Form form, std::size_t size) {
-        refusedForm = form;
-        refusedSize = size;
-    }
-    ~Refusing() { refusedSize = 0; }
-    Refusing(const Refusing&) = delete;
-    Refusing& operator=(const Refusing&) = delete;
-
-    static bool Applies(Form form, std::size_t size) { return size != 0 && size == refusedSize && form == refusedForm; }
-
-private:
-    static thread_local Form refusedForm;
-    static thread_local std::size_t refusedSize;
-};
-
-thread_local Refusing::Form Refusing::refusedForm = Refusing::Form::Throwing;
-thread_local std::size_t Refusing::refusedSize = 0;
-
-} // namespace
-
-void* operator new(std::size_t size) {
-    void* memory = Refusing::Applies(Refusing::Form::Throwing, size) ? nullptr : std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return Refusing::Applies(Refusing::Form::NonThrowing, size) ? nullptr : std::malloc(size == 0 ? 1 : size);
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept {
-    std::free(memory);
-}
 
 // The registry of this program hands out no logger.
 Poco::Logger* SDK::LoggerUtils::GetModuleLogger(const std::string& /*name*/, bool /*console*/) {
@@ -72,6 +21,7 @@ Poco::Logger* SDK::LoggerUtils::GetModuleLogger(const std::string& /*name*/, boo
 namespace {
 
 using Engine::WhitelistModule;
+using ShellTest::Refusing;
 
 class StarvedModule : public ::testing::Test {
 protected:

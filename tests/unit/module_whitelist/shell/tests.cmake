@@ -10,7 +10,8 @@ corvalent_add_test(whitelist_policy_content_test ${TEST_DIR}/PolicyContentTest.c
   ${TEST_DIR}/WhitelistPolicyTest.cpp LIBS ${SHELL_LIBS})
 corvalent_add_test(whitelist_module_test ${TEST_DIR}/ModuleLifeTest.cpp ${TEST_DIR}/RegistrationJournal.cpp
   ${TEST_DIR}/PolicyRefreshTest.cpp ${TEST_DIR}/CommandsTest.cpp LIBS ${SHELL_LIBS})
-corvalent_add_test(whitelist_module_starved_test ${TEST_DIR}/ModuleStarvedTest.cpp LIBS ${SHELL_LIBS})
+corvalent_add_test(whitelist_module_starved_test ${TEST_DIR}/ModuleStarvedTest.cpp ${TEST_DIR}/RefusingAllocator.cpp
+  LIBS ${SHELL_LIBS})
 corvalent_add_test(whitelist_event_task_test ${TEST_DIR}/ProcessManagerTaskTest.cpp
   ${TEST_DIR}/FakeGovernor.cpp LIBS ${SHELL_LIBS})
 corvalent_add_test(whitelist_report_task_test ${TEST_DIR}/FullProcTaskTest.cpp LIBS ${SHELL_LIBS})
