@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "framework/Message.h"
+#include "modules/FileNotifyWatchMessage.h"
 #include "modules/IsolateTask.h"
 #include "modules/ProcsFullTask.h"
 
@@ -73,6 +74,30 @@ public:
 private:
     mutable std::mutex mMutex;
     std::vector<Report> mReports;
+};
+
+// The task "filenotify_task": keeps every watch request, as soon as it is sent, and marks nothing.
+class WatchRecorder : public Idle<Framework::Task> {
+public:
+    using Request = std::shared_ptr<const Engine::FileNotifyWatchMessage>;
+
+    WatchRecorder() : Idle("filenotify_task") {}
+
+    bool InterceptMsg(std::shared_ptr<Framework::Message>& message) override {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mRequests.push_back(std::dynamic_pointer_cast<const Engine::FileNotifyWatchMessage>(message));
+        return true;
+    }
+
+    // In the order of sending; null for what was no watch request.
+    std::vector<Request> Requests() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mRequests;
+    }
+
+private:
+    mutable std::mutex mMutex;
+    std::vector<Request> mRequests;
 };
 
 // The task "procs_full_task" with a table of the test's making.
