@@ -1,4 +1,4 @@
-foreach(test TaskCondition EventWaiter Task Policy Module Counters Scope ProcsMessage EngineStress)
+foreach(test TaskCondition EventWaiter Task Policy Module Counters Scope ProcsMessage FileNotifyMessage EngineStress)
   string(TOLOWER ${test} test_name)
   corvalent_add_test(framework_${test_name}_test ${TEST_DIR}/${test}Test.cpp LIBS framework)
 endforeach()
