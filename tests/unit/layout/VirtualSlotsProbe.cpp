@@ -11,6 +11,8 @@
 #include "FullProcTask.h"
 #include "LearnStatusCheckTask.h"
 #include "ProcessManagerTask.h"
+#include "SpecifiedFileAudit.h"
+#include "SpecifiedFileAuditTask.h"
 #include "WhitelistModule.h"
 #include "WhitelistPolicy.h"
 

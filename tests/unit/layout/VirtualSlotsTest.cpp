@@ -130,9 +130,10 @@ protected:
                 "Framework::Task::HandleMsg"};
     }
 
-    // The table of a base of which nothing but the destructor is virtual, as Poco's count of references.
-    static Slots DestructorOnly(const std::string& task) {
-        const std::string destructor = "Engine::" + task + "::~" + task;
+    // The table of a class, or of a base of it such as Poco's count of references, of which nothing but
+    // the destructor is virtual.
+    static Slots DestructorOnly(const std::string& name) {
+        const std::string destructor = "Engine::" + name + "::~" + name;
         return {destructor, destructor};
     }
 
@@ -229,6 +230,21 @@ TEST_F(VirtualSlots, OfTheProcessManagerTask) {
 
     EXPECT_THAT(TablesOf("Engine::ProcessManagerTask"),
                 ElementsAre(own, DestructorOnly("ProcessManagerTask"), receiver, query));
+}
+
+TEST_F(VirtualSlots, OfTheSpecifiedFileAuditTask) {
+    Slots own = TaskSlots("SpecifiedFileAuditTask");
+    own.emplace_back("Engine::SpecifiedFileAuditTask::FileNotifyMessageAction");
+
+    Slots receiver = IgnoringReceiver("SpecifiedFileAuditTask");
+    receiver[0] = "Engine::SpecifiedFileAuditTask::FileNotifyMessageAction";
+
+    EXPECT_THAT(TablesOf("Engine::SpecifiedFileAuditTask"),
+                ElementsAre(own, DestructorOnly("SpecifiedFileAuditTask"), receiver));
+}
+
+TEST_F(VirtualSlots, OfTheFileAudit) {
+    EXPECT_THAT(TablesOf("Engine::SpecifiedFileAudit"), ElementsAre(DestructorOnly("SpecifiedFileAudit")));
 }
 
 TEST_F(VirtualSlots, OfTheFullProcTask) {

@@ -33,6 +33,13 @@ std::string Document(const std::string& hash = "h1", const std::string& enabled 
            TASK_CONDITIONS + "}}";
 }
 
+std::string DirectoryModeDocument(const std::string& featureName = "whitelist_feature") {
+    return R"({"module_name": "whitelist_module", "feature_name": ")" + featureName +
+           R"(", "enabled": "enabled", "feature_hash": "h1", "content": {"learning_days": 7, "dir_mod": true,
+        "dirs": [], "exts": [], "specified_file_audit_task": {"task_condition": {}}, )" +
+           TASK_CONDITIONS + "}}";
+}
+
 template <typename TaskList> std::vector<std::string> NamesOf(const TaskList& tasks) {
     std::vector<std::string> names;
     for (const auto& task : tasks) {
@@ -193,12 +200,38 @@ TEST_F(PolicyRefresh, TwoPoliciesRegisterTwoSetsOfTasks) {
     EXPECT_NE(both[3].get(), first[0].get());
 }
 
-TEST_F(PolicyRefresh, RefusesDirectoryModeBeforeAnyTask) {
-    ExpectRefusedBeforeAnyTask(R"({"module_name": "whitelist_module", "feature_name": "whitelist_feature",
-        "content": {"dir_mod": true, "dirs": [], "exts": []}})");
-    EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR,
-                        "directory mode is not available in this version, a policy with dir_mod true is refused"),
-              1);
+TEST_F(PolicyRefresh, InDirectoryModeTheFileAuditTakesThePlaceOfTheFullScan) {
+    const auto policy = Refresh(DirectoryModeDocument());
+    ASSERT_NE(policy, nullptr);
+    EXPECT_TRUE(Made(policy).GetDirMod());
+    EXPECT_EQ(Made(policy).GetChildren().size(), 3U);
+    EXPECT_THAT(RegistrationJournal(),
+                ElementsAre("RegisterTask specified_file_audit_task later", "RegisterTask process_manager_task later",
+                            "RegisterTask learn_status_check_task later"));
+    EXPECT_THAT(NamesOf(module->GetRegisteredTasks()),
+                ElementsAre("specified_file_audit_task", "process_manager_task", "learn_status_check_task"));
+    EXPECT_THAT(module->GetRunningTasks(), IsEmpty());
+    EXPECT_EQ(log.CountAt(Poco::Message::PRIO_ERROR), 0);
+}
+
+TEST_F(PolicyRefresh, OnlyTheBooleanTrueIsDirectoryMode) {
+    for (const std::string value : {"false", "\"true\"", "1", "null"}) {
+        RegistrationJournal().clear();
+        const auto policy = Refresh(R"({"module_name": "whitelist_module", "feature_name": "whitelist_feature",
+            "content": {"learning_days": 7, "dir_mod": )" +
+                                    value + "}}");
+        EXPECT_NE(policy, nullptr);
+        ASSERT_EQ(RegistrationJournal().size(), 3U);
+        EXPECT_EQ(RegistrationJournal()[0], "RegisterTask full_proc_task later") << value;
+    }
+}
+
+TEST_F(PolicyRefresh, InDirectoryModeTooRefusesAnotherFeatureAfterItsTasksWereRegistered) {
+    EXPECT_EQ(Refresh(DirectoryModeDocument("other_feature")), nullptr);
+    EXPECT_THAT(NamesOf(module->GetRegisteredTasks()),
+                ElementsAre("specified_file_audit_task", "process_manager_task", "learn_status_check_task"));
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR, "unknown feature name"), 1);
+    EXPECT_EQ(ConfigManager::Instance()->GetLearnPeriod(), 0);
 }
 
 // ---- Delivered by the framework --------------------------------------------------------------------
@@ -230,6 +263,18 @@ TEST_F(PolicyDelivery, StartsTheTasksWithTheirConditions) {
     EXPECT_EQ(tasks[0]->GetQueueCapacity(), 1024U);
     EXPECT_EQ(tasks[1]->GetQueueCapacity(), 10240U);
     EXPECT_EQ(tasks[2]->GetQueueCapacity(), 1024U);
+}
+
+TEST_F(PolicyDelivery, InDirectoryModeStartsTheFileAudit) {
+    EXPECT_TRUE(agent.engine.DeliverPolicy("10001", DirectoryModeDocument()).accepted);
+    EXPECT_THAT(NamesOf(module->GetRunningTasks()),
+                ElementsAre("specified_file_audit_task", "process_manager_task", "learn_status_check_task"));
+    EXPECT_TRUE(TestSupport::WaitFor(
+        [&] { return log.Has(Poco::Message::PRIO_INFORMATION, "specified file audit task START"); }));
+    EXPECT_TRUE(agent.engine.DeliverPolicy("10001", Document("h2")).accepted);
+    EXPECT_THAT(NamesOf(module->GetRunningTasks()),
+                ElementsAre("full_proc_task", "process_manager_task", "learn_status_check_task"));
+    EXPECT_TRUE(log.Has(Poco::Message::PRIO_DEBUG, "UnInit specified file audit task"));
 }
 
 TEST_F(PolicyDelivery, RunsTheTasks) {
