@@ -183,6 +183,18 @@ TEST_F(ProcessTrackingTest, InDirectoryModeEveryEventIsHandled) {
     EXPECT_FALSE(HasRow(NOBODY));
 }
 
+TEST_F(ProcessTrackingTest, InDirectoryModeTheTableIsKeptWhateverTheModeOfWork) {
+    for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
+        Configure(mode, true);
+        AddRow(getpid(), "/earlier");
+        EXPECT_TRUE(engine.OnProcessNotify(EXEC, getpid(), getppid()));
+        EXPECT_NE(PathOfRow(getpid()), "/earlier") << mode;
+        EXPECT_TRUE(engine.OnProcessNotify(EXIT, getpid(), 0));
+        EXPECT_TRUE(engine.GetProcessInfoFromID(getpid())->exited) << mode;
+    }
+    EXPECT_TRUE(agent.Reports().Of("whitelist_4").empty());
+}
+
 TEST_F(ProcessTrackingTest, AnExecutedProgramIsPutInTheTable) {
     Configure(Engine::MOD_LEARN, true);
     const std::string program = CopySleep("tool");

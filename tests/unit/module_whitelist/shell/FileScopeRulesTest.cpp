@@ -287,6 +287,26 @@ TEST_F(Expansion, VisitsALinkToAParentOnce) {
     EXPECT_THAT(Expanded(), ElementsAre(top, top + "/a"));
 }
 
+TEST_F(Expansion, ALinkToAParentAtTheLastLevelIsTooDeepToBeRecognised) {
+    const std::string top = MakeChain("top", DEPTH - 1);
+    const std::string lowest = top + "/1/2/3/4/5/6/7/8/9";
+    std::filesystem::create_symlink(top, lowest + "/up");
+    EXPECT_FALSE(Expand(top));
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR, TOO_DEEP), 1);
+    EXPECT_EQ(expanded.size(), static_cast<std::size_t>(DEPTH));
+    EXPECT_TRUE(expanded.contains(lowest));
+}
+
+TEST_F(Expansion, TwoDirectoriesThatLinkToEachOtherAreVisitedOnceEach) {
+    const std::string a = MakeDir("a");
+    const std::string b = MakeDir("b");
+    std::filesystem::create_symlink(b, a + "/to-b");
+    std::filesystem::create_symlink(a, b + "/to-a");
+    EXPECT_TRUE(config.ExpendSubPath({a, b}, expanded, DEPTH, MAXIMUM));
+    EXPECT_THAT(Expanded(), ElementsAre(a, b));
+    EXPECT_THAT(log.Records(), IsEmpty());
+}
+
 TEST_F(Expansion, ReachesADirectoryInsideAnotherOnce) {
     const std::string top = MakeDir("top");
     const std::string inner = MakeDir("top/inner");
@@ -416,6 +436,25 @@ TEST_F(Expansion, OfThePolicyIsUsableWithADirectoryThatVanished) {
     EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR, EXPANSION_FAILED), 1);
 }
 
+TEST_F(Expansion, OfThePolicyUsesWhatWasGatheredBeforeADirectoryThatMayNotBeListed) {
+    const std::string first = MakeDir("first");
+    const std::string locked = MakeDir("locked");
+    std::filesystem::create_symlink(locked, first + "/link");
+    EXPECT_TRUE(ParseDirs({first, MakeDir("last")}));
+    ASSERT_EQ(chmod(root.Path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(locked.c_str(), 0), 0);
+    {
+        const Unprivileged someone;
+        if (!someone.Is()) {
+            GTEST_SKIP() << "needs root, to be able to give its rights away";
+        }
+        EXPECT_TRUE(config.OptimizeFilePolicy());
+    }
+    EXPECT_THAT(config.GetExpandedDirs(), ElementsAre(first, locked));
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_TRACE, "Can not open dir " + locked + "\r\n"), 1);
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR, EXPANSION_FAILED), 1);
+}
+
 TEST_F(Expansion, OfThePolicyHoldsItsMostDirectories) {
     const int most = static_cast<int>(MAXIMUM);
     EXPECT_TRUE(ParseDirs({MakeWide("wide", most)}));
@@ -428,6 +467,14 @@ TEST_F(Expansion, OfThePolicyHoldsItsMostDirectories) {
     EXPECT_EQ(config.GetExpandedDirs().size(), MAXIMUM + 1);
     EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR, TOO_DEEP), 1);
     EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR, EXPANSION_FAILED), 1);
+}
+
+TEST_F(Expansion, OfThePolicyStopsWhenItIsFullAlsoAtADirectoryThatItHolds) {
+    const std::string wide = MakeWide("wide", static_cast<int>(MAXIMUM));
+    EXPECT_TRUE(ParseDirs({wide, wide}));
+    EXPECT_TRUE(config.OptimizeFilePolicy());
+    EXPECT_EQ(config.GetExpandedDirs().size(), MAXIMUM + 1);
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR, TOO_DEEP), 1);
 }
 
 } // namespace

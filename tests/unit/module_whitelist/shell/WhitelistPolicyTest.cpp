@@ -216,6 +216,13 @@ TEST_F(FeaturePolicyModel, ASubPolicyThatIsNoDocumentIsAddedWithoutACondition) {
     EXPECT_EQ(PeriodOf(0), 0);
 }
 
+TEST_F(FeaturePolicyModel, AnAuditSubPolicyThatIsNoDocumentIsAddedWithoutACondition) {
+    EXPECT_TRUE(Parse(R"("learning_days": 1, "dir_mod": true, "dirs": [], "exts": [],
+        "specified_file_audit_task": "{", "process_manager_task": {"task_condition": {}})"));
+    EXPECT_THAT(Children(), ElementsAre("specified_file_audit_task", "process_manager_task"));
+    EXPECT_EQ(PeriodOf(0), 0);
+}
+
 // ---- The task policies by themselves ---------------------------------------------------------------
 
 struct TaskPolicyCase {
