@@ -5,16 +5,23 @@
 #include <stdexcept>
 #include <string>
 
+#include <linux/capability.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include "support/TempRoot.h"
 
 namespace TestSupport {
 
+// True for root, unless a container has taken from it what watching and mounting need.
+inline bool IsAdministrator() {
+    return geteuid() == 0 && prctl(PR_CAPBSET_READ, CAP_SYS_ADMIN) == 1;
+}
+
 // Why no TempMount can be made here; empty when one can.
 inline std::string WhyNoMount() {
-    return geteuid() == 0 ? "" : "file systems cannot be mounted here (needs root)";
+    return IsAdministrator() ? "" : "file systems cannot be mounted here (needs root with CAP_SYS_ADMIN)";
 }
 
 // A file system in memory (tmpfs) of the test's own, mounted on a TempDir, and the only mount that a

@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -114,13 +115,14 @@ protected:
         if (const std::string reason = WhyNoFanotify() + WhyNoMount(); !reason.empty()) {
             GTEST_SKIP() << reason;
         }
+        mMount.emplace();
         std::string problem;
         ASSERT_TRUE(mGroup.Open(problem)) << problem;
     }
 
-    void Mark(const std::string& folder) { ASSERT_EQ(mGroup.Mark(DIRECTORY, mMount / folder, OPENS_IN), 0); }
+    void Mark(const std::string& folder) { ASSERT_EQ(mGroup.Mark(DIRECTORY, *mMount / folder, OPENS_IN), 0); }
 
-    TempMount mMount;
+    std::optional<TempMount> mMount;
     FanotifyGroup mGroup;
     FanotifyGroup::Batch mBatch;
 };
@@ -128,7 +130,7 @@ protected:
 } // namespace
 
 TEST_F(FanotifyGroupTest, AnOpenIsReportedWithProcessMaskAndTheFileItself) {
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", 1);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 1);
     Mark("watched");
     const int pid = OpenAllInAChild(files);
     ASSERT_EQ(mGroup.Read(mBatch), 0);
@@ -143,7 +145,7 @@ TEST_F(FanotifyGroupTest, AnOpenIsReportedWithProcessMaskAndTheFileItself) {
 }
 
 TEST_F(FanotifyGroupTest, NothingWaitsAndTheBatchIsEmpty) {
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", 1);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 1);
     Mark("watched");
     OpenAll(files);
     ASSERT_EQ(mGroup.Read(mBatch), 0);
@@ -154,7 +156,7 @@ TEST_F(FanotifyGroupTest, NothingWaitsAndTheBatchIsEmpty) {
 
 TEST_F(FanotifyGroupTest, OneReadTakesAtMostABatchAndTheNextTheRest) {
     constexpr std::size_t REST = 5;
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", FanotifyGroup::MAX_BATCH + REST);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", FanotifyGroup::MAX_BATCH + REST);
     Mark("watched");
     OpenAll(files);
     ASSERT_EQ(mGroup.Read(mBatch), 0);
@@ -165,7 +167,7 @@ TEST_F(FanotifyGroupTest, OneReadTakesAtMostABatchAndTheNextTheRest) {
 
 TEST_F(FanotifyGroupTest, WhatWaitsIsCountedWithoutBeingTaken) {
     constexpr std::size_t COUNT = FanotifyGroup::MAX_BATCH + 5;
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", COUNT);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", COUNT);
     Mark("watched");
     EXPECT_EQ(mGroup.CountWaiting(), 0U);
     OpenAll(files);
@@ -178,7 +180,7 @@ TEST_F(FanotifyGroupTest, WhatWaitsIsCountedWithoutBeingTaken) {
 
 TEST_F(FanotifyGroupTest, ABatchHoldsItsDescriptorsUntilItIsCleared) {
     constexpr std::size_t COUNT = 20;
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", COUNT);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", COUNT);
     Mark("watched");
     const std::size_t before = CountDescriptors();
     OpenAll(files);
@@ -193,13 +195,13 @@ TEST_F(FanotifyGroupTest, ABatchHoldsItsDescriptorsUntilItIsCleared) {
 }
 
 TEST_F(FanotifyGroupTest, AGroupThatGoesWithUnreadEventsLeavesNoDescriptor) {
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", 50);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 50);
     const std::size_t before = CountDescriptors();
     {
         FanotifyGroup group;
         std::string problem;
         ASSERT_TRUE(group.Open(problem)) << problem;
-        ASSERT_EQ(group.Mark(DIRECTORY, mMount / "watched", OPENS_IN), 0);
+        ASSERT_EQ(group.Mark(DIRECTORY, *mMount / "watched", OPENS_IN), 0);
         OpenAll(files);
         EXPECT_EQ(CountDescriptors(), before + 1);
     }
@@ -212,7 +214,7 @@ TEST_F(FanotifyGroupTest, AnOverflowIsCountedAndCostsNoDescriptor) {
         GTEST_SKIP() << "fs.fanotify.max_queued_events is " << limit << ", too many to run over";
     }
     constexpr std::size_t SURPLUS = 500;
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", limit + SURPLUS);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", limit + SURPLUS);
     Mark("watched");
     const std::size_t before = CountDescriptors();
     OpenAllInAChild(files);
@@ -226,7 +228,7 @@ TEST_F(FanotifyGroupTest, AnOverflowIsCountedAndCostsNoDescriptor) {
 }
 
 TEST_F(FanotifyGroupTest, AFileThatCannotBeOpenedCountsAsUnreadableAndLaterOnesCome) {
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", 3);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 3);
     Mark("watched");
     OpenAll(files);
     {
@@ -242,8 +244,8 @@ TEST_F(FanotifyGroupTest, AFileThatCannotBeOpenedCountsAsUnreadableAndLaterOnesC
 }
 
 TEST_F(FanotifyGroupTest, AMarkOnAMissingDirectoryIsRefused) {
-    EXPECT_EQ(mGroup.Mark(DIRECTORY, mMount / "missing", OPENS_IN), ENOENT);
-    EXPECT_EQ(mGroup.Mark(MOUNT, mMount / "missing", FAN_OPEN), ENOENT);
+    EXPECT_EQ(mGroup.Mark(DIRECTORY, *mMount / "missing", OPENS_IN), ENOENT);
+    EXPECT_EQ(mGroup.Mark(MOUNT, *mMount / "missing", FAN_OPEN), ENOENT);
     EXPECT_TRUE(ListMarks(mGroup.GetFd()).empty());
 }
 
@@ -257,14 +259,14 @@ TEST_F(FanotifyGroupTest, AFileSystemWithoutSupportIsRefused) {
 }
 
 TEST_F(FanotifyGroupTest, AnUnmarkedDirectoryIsSilent) {
-    const std::vector<std::string> files = WriteFiles(mMount, "watched", 1);
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 1);
     Mark("watched");
     ASSERT_EQ(ListMarks(mGroup.GetFd()).size(), 1U);
-    ASSERT_EQ(mGroup.Unmark(DIRECTORY, mMount / "watched", OPENS_IN), 0);
+    ASSERT_EQ(mGroup.Unmark(DIRECTORY, *mMount / "watched", OPENS_IN), 0);
     EXPECT_TRUE(ListMarks(mGroup.GetFd()).empty());
     OpenAll(files);
     EXPECT_EQ(ReadAll(mGroup).accesses, 0U);
-    EXPECT_EQ(mGroup.Unmark(DIRECTORY, mMount / "watched", OPENS_IN), ENOENT);
+    EXPECT_EQ(mGroup.Unmark(DIRECTORY, *mMount / "watched", OPENS_IN), ENOENT);
 }
 
 // A child under another user id, because the superuser's marks are one account for the whole machine.
@@ -273,7 +275,7 @@ TEST_F(FanotifyGroupTest, TheLimitOfMarksIsRefusedAndTheMarksBeforeItStand) {
     if (limit > 300000) {
         GTEST_SKIP() << "fs.fanotify.max_user_marks is " << limit << ", too many to reach";
     }
-    const std::vector<std::string> files = WriteFiles(mMount, "d0", 1);
+    const std::vector<std::string> files = WriteFiles(*mMount, "d0", 1);
     enum Outcome { AS_EXPECTED, NOT_PREPARED, NO_DIRECTORY, TOO_EARLY, NOT_REFUSED, OTHER_ERROR, LOST_MARK };
     ChildProcess child = ChildProcess::Fork([&] {
         FanotifyGroup group;
@@ -284,7 +286,7 @@ TEST_F(FanotifyGroupTest, TheLimitOfMarksIsRefusedAndTheMarksBeforeItStand) {
         int error = 0;
         std::size_t marked = 0;
         for (; marked <= limit && error == 0; marked += error == 0 ? 1 : 0) {
-            const std::string path = mMount / ("d" + std::to_string(marked));
+            const std::string path = *mMount / ("d" + std::to_string(marked));
             if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
                 _exit(NO_DIRECTORY);
             }

@@ -14,7 +14,7 @@ namespace TestSupport {
 
 // Why no fanotify group that names processes can be had here; empty when one can.
 inline std::string WhyNoFanotify() {
-    return geteuid() == 0 ? "" : "file accesses cannot be watched here (needs root)";
+    return IsAdministrator() ? "" : "file accesses cannot be watched here (needs root with CAP_SYS_ADMIN)";
 }
 
 // What each of this process's descriptors leads to, by its number.

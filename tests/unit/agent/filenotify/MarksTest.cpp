@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,13 +29,14 @@ protected:
         if (const std::string reason = WhyNoFanotify() + WhyNoMount(); !reason.empty()) {
             GTEST_SKIP() << reason;
         }
+        mMount.emplace();
         std::string problem;
         ASSERT_TRUE(mGroup.Open(problem)) << problem;
     }
 
     std::string MakeFolder(const std::string& name) const {
-        std::filesystem::create_directories(mMount / name);
-        return mMount / name;
+        std::filesystem::create_directories(*mMount / name);
+        return *mMount / name;
     }
 
     // The marks that the kernel has.
@@ -42,7 +44,7 @@ protected:
 
     // True when the opening of a new file in the folder is reported.
     bool IsWatched(const std::string& folder) {
-        const std::string path = mMount.Write(folder + "/probe" + std::to_string(++mProbes), "");
+        const std::string path = mMount->Write(folder + "/probe" + std::to_string(++mProbes), "");
         FanotifyGroup::Batch batch;
         EXPECT_EQ(mGroup.Read(batch), 0);
         batch.Clear();
@@ -51,7 +53,7 @@ protected:
         return batch.accesses.size() == 1;
     }
 
-    TempMount mMount;
+    std::optional<TempMount> mMount;
     FanotifyGroup mGroup;
     Marks mMarks{mGroup};
     int mProbes = 0;
@@ -73,7 +75,7 @@ TEST_F(MarksTest, ADirectoryIsMarkedAndUnmarked) {
 
 TEST_F(MarksTest, PathsToOneDirectoryShareAMarkThatGoesWithTheLast) {
     const std::string folder = MakeFolder("a");
-    const std::string link = mMount / "link";
+    const std::string link = *mMount / "link";
     std::filesystem::create_directory_symlink(folder, link);
     const std::vector<std::string> paths = {folder, folder + "/", link};
     for (const std::string& path : paths) {
@@ -90,12 +92,12 @@ TEST_F(MarksTest, PathsToOneDirectoryShareAMarkThatGoesWithTheLast) {
 
 TEST_F(MarksTest, PathsOnOneMountShareAMarkThatGoesWithTheLast) {
     const std::string folder = MakeFolder("a/b");
-    ASSERT_EQ(mMarks.Add(MOUNT, mMount.Path(), FAN_OPEN), 0);
+    ASSERT_EQ(mMarks.Add(MOUNT, mMount->Path(), FAN_OPEN), 0);
     ASSERT_EQ(mMarks.Add(MOUNT, folder, FAN_OPEN), 0);
     EXPECT_EQ(mMarks.Count(), 2U);
     ASSERT_EQ(CountKernelMarks(), 1U);
     EXPECT_TRUE(ListMarks(mGroup.GetFd()).front().starts_with("fanotify mnt_id:"));
-    EXPECT_EQ(mMarks.Remove(mMount.Path()), 0);
+    EXPECT_EQ(mMarks.Remove(mMount->Path()), 0);
     EXPECT_TRUE(IsWatched("a"));
     EXPECT_EQ(mMarks.Remove(folder), 0);
     EXPECT_EQ(CountKernelMarks(), 0U);
@@ -104,7 +106,7 @@ TEST_F(MarksTest, PathsOnOneMountShareAMarkThatGoesWithTheLast) {
 TEST_F(MarksTest, ADirectoryAndTheMountItLiesOnAreTwoMarks) {
     const std::string folder = MakeFolder("a");
     ASSERT_EQ(mMarks.Add(DIRECTORY, folder, OPENS_IN), 0);
-    ASSERT_EQ(mMarks.Add(MOUNT, mMount.Path(), FAN_OPEN), 0);
+    ASSERT_EQ(mMarks.Add(MOUNT, mMount->Path(), FAN_OPEN), 0);
     EXPECT_EQ(CountKernelMarks(), 2U);
     EXPECT_EQ(mMarks.Remove(folder), 0);
     ASSERT_EQ(CountKernelMarks(), 1U);
@@ -135,14 +137,14 @@ TEST_F(MarksTest, AnUnknownPathIsLeftAlone) {
     const std::string folder = MakeFolder("a");
     ASSERT_EQ(mMarks.Add(DIRECTORY, folder, OPENS_IN), 0);
     EXPECT_EQ(mMarks.Remove(folder + "/"), 0);
-    EXPECT_EQ(mMarks.Remove(mMount / "never"), 0);
+    EXPECT_EQ(mMarks.Remove(*mMount / "never"), 0);
     EXPECT_EQ(mMarks.Count(), 1U);
     EXPECT_TRUE(IsWatched("a"));
 }
 
 TEST_F(MarksTest, AMissingDirectoryIsRefusedAndNotRemembered) {
-    EXPECT_EQ(mMarks.Add(DIRECTORY, mMount / "missing", OPENS_IN), ENOENT);
-    EXPECT_EQ(mMarks.Add(MOUNT, mMount / "missing", FAN_OPEN), ENOENT);
+    EXPECT_EQ(mMarks.Add(DIRECTORY, *mMount / "missing", OPENS_IN), ENOENT);
+    EXPECT_EQ(mMarks.Add(MOUNT, *mMount / "missing", FAN_OPEN), ENOENT);
     EXPECT_EQ(mMarks.Count(), 0U);
     EXPECT_EQ(CountKernelMarks(), 0U);
 }
@@ -171,7 +173,7 @@ TEST_F(MarksTest, ADirectoryThatWasMadeAnewIsMarkedWhenItIsAskedForAgain) {
 TEST_F(MarksTest, ALinkThatLeadsElsewhereNowDoesNotTakeAwayAnothersMark) {
     const std::string before = MakeFolder("before");
     const std::string now = MakeFolder("now");
-    const std::string link = mMount / "link";
+    const std::string link = *mMount / "link";
     std::filesystem::create_directory_symlink(before, link);
     ASSERT_EQ(mMarks.Add(DIRECTORY, link, OPENS_IN), 0);
     ASSERT_EQ(mMarks.Add(DIRECTORY, now, OPENS_IN), 0);
