@@ -14,16 +14,18 @@ namespace Engine {
 namespace {
 
 // include/uapi/linux/fanotify.h since Linux 6.13: an event whose file cannot be opened carries the
-// negative error in place of a descriptor. Without it such an event makes the whole read fail.
+// negative error in place of a descriptor. Without it such an event ends the read, and is seen only when
+// it is the first.
 constexpr unsigned int REPORT_FD_ERROR = 0x00002000;
 
 constexpr unsigned int GROUP_FLAGS = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK;
-constexpr unsigned int FILE_FLAGS = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
+// Non-blocking, so that no read waits for somebody to give up a lease on a file (fcntl(2), F_SETLEASE).
+constexpr unsigned int FILE_FLAGS = O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NONBLOCK;
 
-// Errors of a read that speak of the first event's file, which is gone from the queue then, and not of
-// the group.
+// Errors of a read of one event that waits, which speak of that event's file and not of the group. The
+// event is gone from the queue.
 bool IsAboutOneFile(int error) {
-    return error != EBADF && error != EFAULT && error != EINVAL && error != EINTR && error != EAGAIN;
+    return error != EBADF && error != EFAULT && error != EINVAL;
 }
 
 // Makes the event's descriptor the batch's first thing.
@@ -47,9 +49,13 @@ void FanotifyGroup::Batch::Clear() {
 }
 
 bool FanotifyGroup::Open(std::string& problem) {
-    mFd.Reset(fanotify_init(GROUP_FLAGS | REPORT_FD_ERROR, FILE_FLAGS));
-    if (!mFd.IsOpen() && errno == EINVAL) {
+    if (mFileErrors == FileErrors::IfPossible) {
+        mFd.Reset(fanotify_init(GROUP_FLAGS | REPORT_FD_ERROR, FILE_FLAGS));
+        mEventsPerRead = MAX_BATCH;
+    }
+    if (mFileErrors == FileErrors::No || (!mFd.IsOpen() && errno == EINVAL)) {
         mFd.Reset(fanotify_init(GROUP_FLAGS, FILE_FLAGS));
+        mEventsPerRead = 1;
     }
     if (!mFd.IsOpen()) {
         problem = std::string("fanotify is not available (it needs CAP_SYS_ADMIN): ") + std::strerror(errno);
@@ -82,20 +88,33 @@ int FanotifyGroup::ChangeMark(unsigned int action, Object object, const std::str
 
 int FanotifyGroup::Read(Batch& batch) const {
     batch.Clear();
-    // Nothing may be thrown between the read and the taking over of the last descriptor.
+    // Nothing may be thrown between a read and the taking over of its last descriptor.
     batch.accesses.reserve(MAX_BATCH);
-    alignas(fanotify_event_metadata) std::array<char, MAX_BATCH * sizeof(fanotify_event_metadata)> buffer;
-    const ssize_t length = read(mFd.Get(), buffer.data(), buffer.size());
-    if (length < 0) {
-        const int error = errno;
-        if (error == EAGAIN || error == EINTR) {
-            return 0;
+    while (batch.Size() + mEventsPerRead <= MAX_BATCH && CountWaiting() > 0) {
+        if (const int error = ReadOnce(batch); error != 0) {
+            return error;
         }
-        batch.unreadable = IsAboutOneFile(error) ? 1 : 0;
-        return IsAboutOneFile(error) ? 0 : error;
+    }
+    return 0;
+}
+
+// Adds what one read gives, while something waits.
+int FanotifyGroup::ReadOnce(Batch& batch) const {
+    alignas(fanotify_event_metadata) std::array<char, MAX_BATCH * sizeof(fanotify_event_metadata)> buffer;
+    const ssize_t length =
+        SDK::ReadRetrying(mFd.Get(), buffer.data(), mEventsPerRead * sizeof(fanotify_event_metadata));
+    if (length < 0) {
+        if (!IsAboutOneFile(errno)) {
+            return errno;
+        }
+        ++batch.unreadable;
+        return 0;
     }
     const auto* event = reinterpret_cast<const fanotify_event_metadata*>(buffer.data());
     for (ssize_t left = length; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
+        if (event->vers != FANOTIFY_METADATA_VERSION) {
+            return EPROTO;
+        }
         TakeEvent(*event, batch);
     }
     return 0;

@@ -59,7 +59,11 @@ public:
         std::size_t Size() const { return accesses.size() + overflows + unreadable; }
     };
 
-    FanotifyGroup() = default;
+    // Whether the kernel says for each event why its file could not be opened, which it can since Linux
+    // 6.13; events are read one by one where it cannot. `No` does without on any kernel.
+    enum class FileErrors { IfPossible, No };
+
+    explicit FanotifyGroup(FileErrors fileErrors = FileErrors::IfPossible) : mFileErrors(fileErrors) {}
     FanotifyGroup(const FanotifyGroup&) = delete;
     FanotifyGroup& operator=(const FanotifyGroup&) = delete;
 
@@ -76,14 +80,19 @@ public:
     int Mark(Object object, const std::string& path, std::uint64_t mask) const;
     int Unmark(Object object, const std::string& path, std::uint64_t mask) const;
 
-    // Replaces `batch` by what waits, up to MAX_BATCH events. Never blocks. 0, also when nothing waits,
-    // or an errno value.
+    // Replaces `batch` by what waits, up to MAX_BATCH events. Never blocks: a file that cannot be opened at
+    // once, because somebody holds a lease on it, counts as unreadable. 0, also when nothing waits, or an
+    // errno value: EPROTO when the kernel's events have another form than this program knows.
     int Read(Batch& batch) const;
 
 private:
     int ChangeMark(unsigned int action, Object object, const std::string& path, std::uint64_t mask) const;
 
+    int ReadOnce(Batch& batch) const;
+
+    const FileErrors mFileErrors;
     SDK::FileDescriptor mFd;
+    std::size_t mEventsPerRead = 1; // 1 where an event that cannot be opened would hide among others
 };
 
 } // namespace Engine

@@ -1,7 +1,6 @@
 #include "agent/filenotify/FileNotifyTask.h"
 
 #include <exception>
-#include <utility>
 
 #include "sdk/ModuleLog.h"
 
@@ -34,7 +33,7 @@ bool FileNotifyTask::UnInit() {
     {
         const SDK::WriteGuard guard(mLock);
         mEnded = true;
-        mWatchers.clear();
+        mWatches.clear();
     }
     return Framework::Task::UnInit();
 }
@@ -65,43 +64,47 @@ void FileNotifyTask::Add(const FileNotifyWatchMessage& request) {
     if (mEnded) {
         return;
     }
-    auto found = mWatchers.find(request.GetWatcherName());
-    if (found != mWatchers.end() && found->second->GetTaskInstance() != request.GetWatcherInstance()) {
-        // The task that it was for has been replaced without taking its marks away.
-        mWatchers.erase(found);
-        found = mWatchers.end();
+    Watch& watch = mWatches[request.GetWatcherName()];
+    if (watch.instance != request.GetWatcherInstance()) {
+        // Another task of that name may have gone without taking its marks away.
+        watch = {request.GetWatcherInstance(), nullptr, 0};
     }
-    if (found == mWatchers.end()) {
+    if (!watch.watcher) {
         std::string problem;
-        std::unique_ptr<Watcher> watcher = Watcher::Create(request, problem);
-        if (!watcher) {
+        watch.watcher = Watcher::Create(request, problem);
+        if (!watch.watcher) {
+            ++watch.refused;
             moduleLog.Error("file accesses in [%s] cannot be watched: %s", request.GetPath(), problem);
             return;
         }
-        found = mWatchers.emplace(request.GetWatcherName(), std::move(watcher)).first;
     }
-    found->second->Add(request);
+    watch.watcher->Add(request);
 }
 
 void FileNotifyTask::Remove(const FileNotifyWatchMessage& request) {
-    const auto found = mWatchers.find(request.GetWatcherName());
-    if (found == mWatchers.end() || found->second->GetTaskInstance() != request.GetWatcherInstance()) {
+    const auto found = mWatches.find(request.GetWatcherName());
+    if (found == mWatches.end() || found->second.instance != request.GetWatcherInstance()) {
         return;
     }
-    found->second->Remove(request);
-    if (found->second->CountMarks() == 0) {
-        mWatchers.erase(found);
+    const std::unique_ptr<Watcher>& watcher = found->second.watcher;
+    if (watcher) {
+        watcher->Remove(request);
+    }
+    if (!watcher || watcher->CountMarks() == 0) {
+        mWatches.erase(found);
     }
 }
 
 Json::Value FileNotifyTask::DescribeWatchers() const {
     Json::Value watchers(Json::arrayValue);
     const SDK::ReadGuard guard(mLock);
-    for (const auto& [name, watcher] : mWatchers) {
+    for (const auto& [name, watch] : mWatches) {
+        const Watcher* watcher = watch.watcher.get();
+        const std::size_t failed = watch.refused + (watcher == nullptr ? 0 : watcher->CountFailedMarks());
         Json::Value& described = watchers.append(Json::Value(Json::objectValue));
         described["task"] = name;
-        described["marks"] = Json::UInt64{watcher->CountMarks()};
-        described["failed_marks"] = Json::UInt64{watcher->CountFailedMarks()};
+        described["marks"] = Json::UInt64{watcher == nullptr ? 0 : watcher->CountMarks()};
+        described["failed_marks"] = Json::UInt64{failed};
     }
     return watchers;
 }

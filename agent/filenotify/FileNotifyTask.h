@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -40,9 +42,16 @@ private:
     void Add(const FileNotifyWatchMessage& request) REQUIRES(mLock);
     void Remove(const FileNotifyWatchMessage& request) REQUIRES(mLock);
 
+    // What one watching task has asked for.
+    struct Watch {
+        std::uint64_t instance = 0;       // of the watching task
+        std::unique_ptr<Watcher> watcher; // null while the kernel allows none
+        std::size_t refused = 0;          // marks that failed for want of a watcher
+    };
+
     mutable SDK::RwLock mLock;
-    std::map<std::string, std::unique_ptr<Watcher>> mWatchers GUARDED_BY(mLock); // by task name; none null
-    bool mEnded GUARDED_BY(mLock) = false;                                       // no watch begins any more
+    std::map<std::string, Watch> mWatches GUARDED_BY(mLock); // by task name
+    bool mEnded GUARDED_BY(mLock) = false;                   // no watch begins any more
 };
 
 } // namespace Engine

@@ -8,6 +8,7 @@
 #include <exception>
 #include <functional>
 #include <numeric>
+#include <system_error>
 #include <utility>
 
 #include <poll.h>
@@ -92,7 +93,12 @@ std::unique_ptr<Watcher> Watcher::Create(const FileNotifyWatchMessage& first, st
     if (!watcher->mGroup.Open(problem)) {
         return nullptr;
     }
-    watcher->mReader = std::thread([raw = watcher.get()] { raw->ReadUntilStopped(); });
+    try {
+        watcher->mReader = std::thread([raw = watcher.get()] { raw->ReadUntilStopped(); });
+    } catch (const std::system_error& error) {
+        problem = std::string("no thread can be started: ") + error.what();
+        return nullptr;
+    }
     return watcher;
 }
 
@@ -134,7 +140,12 @@ void Watcher::Remove(const FileNotifyWatchMessage& request) {
 void Watcher::ReadUntilStopped() {
     pthread_setname_np(pthread_self(), "filenotify_read");
     while (WaitForAccesses()) {
-        ReadWaiting();
+        try {
+            ReadWaiting();
+        } catch (const std::exception& error) {
+            moduleLog.Error("file accesses are read later: %s", error.what());
+            Pause(ERROR_PAUSE_MS);
+        }
     }
 }
 
@@ -260,9 +271,9 @@ void Watcher::LogLosses() {
     const auto now = Clock::now();
     if (now - mLossLogged >= LOSS_LOG_INTERVAL) {
         mLossLogged = now;
-        moduleLog.Warning("file accesses were lost: so far %?d could not be handed on to [%s], and the kernel's queue "
-                          "ran over %?d times",
-                          mDropped.Get(), mTaskName, mOverflows.Get());
+        moduleLog.Warning("file accesses were lost: so far %?d could not be handed on, and the kernel's queue ran over "
+                          "%?d times",
+                          mDropped.Get(), mOverflows.Get());
     }
 }
 

@@ -1,4 +1,6 @@
 #include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -79,19 +81,25 @@ Total ReadAll(const FanotifyGroup& group) {
     return total;
 }
 
-// No further descriptor can be opened while it lives.
-class NoMoreDescriptors {
+// No more than so many further descriptors can be opened while it lives.
+class RoomForDescriptors {
 public:
-    NoMoreDescriptors() {
+    explicit RoomForDescriptors(rlim_t count) {
         getrlimit(RLIMIT_NOFILE, &mBefore);
-        const rlimit none{0, mBefore.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &none);
+        const rlimit room{LowestFree() + count, mBefore.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &room);
     }
-    ~NoMoreDescriptors() { setrlimit(RLIMIT_NOFILE, &mBefore); }
-    NoMoreDescriptors(const NoMoreDescriptors&) = delete;
-    NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
+    ~RoomForDescriptors() { setrlimit(RLIMIT_NOFILE, &mBefore); }
+    RoomForDescriptors(const RoomForDescriptors&) = delete;
+    RoomForDescriptors& operator=(const RoomForDescriptors&) = delete;
 
 private:
+    // The number that the next descriptor gets; the test keeps no gaps above it.
+    static rlim_t LowestFree() {
+        const SDK::FileDescriptor next(dup(STDERR_FILENO));
+        return static_cast<rlim_t>(next.Get());
+    }
+
     rlimit mBefore{};
 };
 
@@ -227,12 +235,55 @@ TEST_F(FanotifyGroupTest, AnOverflowIsCountedAndCostsNoDescriptor) {
     EXPECT_EQ(ReadAll(mGroup).accesses, 1U) << "the queue goes on";
 }
 
+// A kernel that cannot say which file it could not open ends the read there.
+TEST_F(FanotifyGroupTest, OnAnOlderKernelAnUnreadableFileAmongOthersIsCountedToo) {
+    FanotifyGroup group(FanotifyGroup::FileErrors::No);
+    std::string problem;
+    ASSERT_TRUE(group.Open(problem)) << problem;
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 6);
+    ASSERT_EQ(group.Mark(DIRECTORY, *mMount / "watched", OPENS_IN), 0);
+    const std::size_t before = CountDescriptors();
+    OpenAll(files);
+    {
+        const RoomForDescriptors two(2);
+        ASSERT_EQ(group.Read(mBatch), 0);
+    }
+    EXPECT_EQ(mBatch.accesses.size(), 2U);
+    EXPECT_EQ(mBatch.unreadable, 4U);
+    mBatch.Clear();
+    EXPECT_EQ(CountDescriptors(), before);
+    OpenAll(files);
+    EXPECT_EQ(ReadAll(group).accesses, files.size());
+}
+
+// Opening a file that somebody holds a lease on waits, up to fs.lease-break-time seconds, until it is
+// given up. The holder is the one whose access is reported.
+TEST_F(FanotifyGroupTest, NoReadWaitsForALease) {
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 1);
+    for (const auto fileErrors : {FanotifyGroup::FileErrors::IfPossible, FanotifyGroup::FileErrors::No}) {
+        FanotifyGroup group(fileErrors);
+        std::string problem;
+        ASSERT_TRUE(group.Open(problem)) << problem;
+        ASSERT_EQ(group.Mark(DIRECTORY, *mMount / "watched", OPENS_IN), 0);
+        const SDK::FileDescriptor leased(open(files.front().c_str(), O_RDWR | O_CLOEXEC));
+        ASSERT_EQ(signal(SIGIO, SIG_IGN), SIG_DFL);
+        ASSERT_EQ(fcntl(leased.Get(), F_SETLEASE, F_WRLCK), 0) << std::strerror(errno);
+        ASSERT_EQ(group.Read(mBatch), 0);
+        // Still held: the read did not outlast it.
+        EXPECT_NE(fcntl(leased.Get(), F_GETLEASE), F_UNLCK);
+        EXPECT_EQ(mBatch.unreadable, 1U);
+        EXPECT_EQ(mBatch.Size(), 1U);
+        fcntl(leased.Get(), F_SETLEASE, F_UNLCK);
+        signal(SIGIO, SIG_DFL);
+    }
+}
+
 TEST_F(FanotifyGroupTest, AFileThatCannotBeOpenedCountsAsUnreadableAndLaterOnesCome) {
     const std::vector<std::string> files = WriteFiles(*mMount, "watched", 3);
     Mark("watched");
     OpenAll(files);
     {
-        const NoMoreDescriptors starved;
+        const RoomForDescriptors starved(0);
         const Total total = ReadAll(mGroup);
         EXPECT_EQ(total.unreadable, files.size());
         EXPECT_EQ(total.accesses, 0U);

@@ -165,7 +165,7 @@ TEST_F(WatchRequestTest, WithoutTheCapabilityTheReasonIsLogged) {
     }
     EXPECT_TRUE(mLog.Has(Message::PRIO_ERROR, CannotWatch(folder, "fanotify is not available (it needs "
                                                                   "CAP_SYS_ADMIN): Operation not permitted")));
-    EXPECT_EQ(mNotify->DescribeWatchers(), ListOf({}));
+    EXPECT_EQ(mNotify->DescribeWatchers(), ListOf({Described(WATCHER, 0, 1)}));
     Watch(folder);
     EXPECT_EQ(CountKernelMarks(), 1U);
 }
@@ -179,8 +179,9 @@ TEST_F(WatchRequestTest, WithoutAThreadNothingIsLeftBehind) {
     }
     EXPECT_EQ(mLog.CountAt(Message::PRIO_ERROR), 1);
     EXPECT_TRUE(ListGroups().empty());
-    EXPECT_EQ(mNotify->DescribeWatchers(), ListOf({}));
+    EXPECT_EQ(mNotify->DescribeWatchers(), ListOf({Described(WATCHER, 0, 1)}));
     Unwatch(folder);
+    EXPECT_EQ(mNotify->DescribeWatchers(), ListOf({}));
     Watch(folder);
     EXPECT_EQ(CountKernelMarks(), 1U);
 }
