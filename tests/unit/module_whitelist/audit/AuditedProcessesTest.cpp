@@ -103,6 +103,15 @@ TEST_F(AuditedProcesses, TheAuditsCopyDoesNotFollowTheTrustEnginesRow) {
     EXPECT_EQ(engine.GetProcessInfoFromID(NOBODY)->fileEventCount, 0U);
 }
 
+TEST_F(AuditedProcesses, AHeldRecordIsNotLookedUpAgain) {
+    Meet(1);
+    End(0);
+    engine.DelExitedAllProcess();
+    log.Clear();
+    EXPECT_TRUE(IsHeld(0));
+    EXPECT_TRUE(log.Records().empty());
+}
+
 // ---- The size of the table -------------------------------------------------------------------------
 
 TEST_F(AuditedProcesses, BelowTheLimitEndedProcessesStay) {
