@@ -78,7 +78,7 @@ protected:
     }
 
     // Three directories to watch; the set's order is not the policy's.
-    void GivenWatched(int mode, bool mountMod = false) {
+    void GivenWatched(std::int64_t mode, bool mountMod = false) {
         const std::string inner = MakeDir("b/inner");
         const std::string a = MakeDir("a");
         GivenScope(mode, {.dirs = {files / "b", a}, .mountMod = mountMod});

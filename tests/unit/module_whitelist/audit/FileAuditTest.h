@@ -43,7 +43,7 @@ inline std::uint64_t InodeOf(const std::string& path) {
 // The file audit of a fresh agent, with files of the test's own to be accessed.
 class FileAuditTest : public EngineTest::TrustEngineTest {
 protected:
-    void GivenScope(int mode, const Scope& scope = {}) {
+    void GivenScope(std::int64_t mode, const Scope& scope = {}) {
         Json::Value settings(Json::objectValue);
         settings["dir_mod"] = true;
         settings["mount_mod"] = scope.mountMod;

@@ -84,7 +84,7 @@ TEST_F(FileVerdicts, LearningKeepsWhatTheLocalListHolds) {
 
 TEST_F(FileVerdicts, ATrustedProcessIsLetGoInEveryModeButLearning) {
     GivenTrusted();
-    for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
+    for (const std::int64_t mode : {Engine::MOD_NONE, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
         GivenScope(mode, {.block = true});
         Judge();
         EXPECT_EQ(log.Count(Message::PRIO_DEBUG, LET_GO), 1) << mode;
@@ -95,7 +95,7 @@ TEST_F(FileVerdicts, ATrustedProcessIsLetGoInEveryModeButLearning) {
 
 TEST_F(FileVerdicts, OutsideDetectionAStrangerIsLetGoUnderTheSameText) {
     const auto isolate = StartIsolateTask(true, true);
-    for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARNED}) {
+    for (const std::int64_t mode : {Engine::MOD_NONE, Engine::MOD_LEARNED}) {
         GivenScope(mode, {.block = true});
         Judge();
         EXPECT_EQ(log.Count(Message::PRIO_DEBUG, LET_GO), 1) << mode;

@@ -104,7 +104,7 @@ TEST_F(ProcessTrackingTest, EventsThatAreNeitherExecNorForkAreNobodys) {
 }
 
 TEST_F(ProcessTrackingTest, AProcessThatIsGoneIsIgnored) {
-    for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_DETECT}) {
+    for (const std::int64_t mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_DETECT}) {
         Configure(mode);
         log.Clear();
         EXPECT_FALSE(engine.OnProcessNotify(EXEC, NOBODY, 1));
@@ -174,7 +174,7 @@ TEST_F(ProcessTrackingTest, TheIncreaseRecordChangesNothing) {
 // ---- Directory mode --------------------------------------------------------------------------------
 
 TEST_F(ProcessTrackingTest, InDirectoryModeEveryEventIsHandled) {
-    for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
+    for (const std::int64_t mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
         Configure(mode, true);
         for (const unsigned int kind : {0U, EXEC, FORK, EXIT, 4U}) {
             EXPECT_TRUE(engine.OnProcessNotify(kind, NOBODY, NOBODY)) << kind;
@@ -184,7 +184,7 @@ TEST_F(ProcessTrackingTest, InDirectoryModeEveryEventIsHandled) {
 }
 
 TEST_F(ProcessTrackingTest, InDirectoryModeTheTableIsKeptWhateverTheModeOfWork) {
-    for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
+    for (const std::int64_t mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
         Configure(mode, true);
         AddRow(getpid(), "/earlier");
         EXPECT_TRUE(engine.OnProcessNotify(EXEC, getpid(), getppid()));

@@ -87,7 +87,7 @@ TEST_F(RunningProcessesTest, InLearningModeAreLearnedByTheirScript) {
 
 TEST_F(RunningProcessesTest, InOtherModesAreLeftAlone) {
     TellOf({Process(100001, tool)});
-    for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
+    for (const std::int64_t mode : {Engine::MOD_NONE, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
         Configure(mode);
         EXPECT_TRUE(engine.InitTrustProcess());
         EXPECT_EQ(engine.CountLocalTrust(), 0U) << mode;

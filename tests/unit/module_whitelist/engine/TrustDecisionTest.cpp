@@ -164,7 +164,7 @@ TEST_F(TrustDecisionTest, WhatTheServerVouchesForIsAdoptedReportedAndPersistedOn
 
 TEST_F(TrustDecisionTest, WhatAPresetListVouchesForIsAdoptedInEveryMode) {
     for (const char* preset : {OS_PRESET, SERVICE_PRESET}) {
-        for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
+        for (const std::int64_t mode : {Engine::MOD_NONE, Engine::MOD_LEARN, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
             Configure(mode);
             root.Write("conf/whitelist.data", "");
             engine.Onstart();

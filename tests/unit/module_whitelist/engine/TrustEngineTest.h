@@ -108,7 +108,7 @@ protected:
     ~TrustEngineTest() override { engine.ForgetTask(reporter.get()); }
 
     // Puts the agent in this mode.
-    void Configure(int mode, bool dirMod = false, bool block = false) const {
+    void Configure(std::int64_t mode, bool dirMod = false, bool block = false) const {
         Json::Value settings(Json::objectValue);
         settings["dir_mod"] = dirMod;
         settings["action_block"] = block;
@@ -116,7 +116,7 @@ protected:
     }
 
     // The same with a policy that has these members as its content.
-    void ConfigureWith(int mode, Json::Value settings) const {
+    void ConfigureWith(std::int64_t mode, Json::Value settings) const {
         const int learnedMinutes = mode == Engine::MOD_LEARN ? 0 : 1440;
         root.Write("conf/modwhitelist.ini", "[Driver]\nLearnTime=" + std::to_string(learnedMinutes) +
                                                 "\nLearnMod=" + std::to_string(mode) + "\n");

@@ -199,7 +199,7 @@ TEST_F(TrustStoresTest, AStopInLearningModePersistsWhatWasLearned) {
 TEST_F(TrustStoresTest, AStopInAnyOtherModePersistsNothing) {
     const std::string path = Tool("learned");
     engine.UpdateLocalProcessInfo(Record(path, DigestOfFile(path)));
-    for (const int mode : {Engine::MOD_NONE, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
+    for (const std::int64_t mode : {Engine::MOD_NONE, Engine::MOD_LEARNED, Engine::MOD_DETECT}) {
         Configure(mode);
         engine.Onstop();
         EXPECT_EQ(root.Read(LOCAL), "") << mode;
