@@ -1,10 +1,15 @@
 #include "ctl/Document.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <string_view>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "ctl/Failure.h"
 
@@ -32,6 +37,18 @@ std::string ReadAll(std::istream& input, const std::string& name) {
     return text;
 }
 
+// False, with errno set, when it cannot.
+bool WriteAll(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(fd, text.data(), text.size());
+        if (count < 0 && errno != EINTR) {
+            return false;
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    return true;
+}
+
 } // namespace
 
 std::string ReadDocument(const std::string& file) {
@@ -43,6 +60,21 @@ std::string ReadDocument(const std::string& file) {
         throw Failure("cannot open [" + file + "]: " + std::strerror(errno));
     }
     return ReadAll(input, file);
+}
+
+void WriteNewDocument(const std::string& file, const std::string& text) {
+    constexpr mode_t READABLE = 0644;
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, READABLE);
+    if (fd < 0) {
+        throw Failure("cannot make [" + file + "]: " + std::strerror(errno));
+    }
+    const bool written = WriteAll(fd, text);
+    const int writeError = errno;
+    if (close(fd) != 0 || !written) {
+        const int error = written ? errno : writeError;
+        unlink(file.c_str());
+        throw Failure("cannot write [" + file + "]: " + std::strerror(error));
+    }
 }
 
 } // namespace Ctl

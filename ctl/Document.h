@@ -8,4 +8,8 @@ namespace Ctl {
 // larger than the daemon takes (64 MiB).
 std::string ReadDocument(const std::string& file);
 
+// Makes the file, which must not be there yet, with the text. Throws Failure, leaving no file behind,
+// when it cannot.
+void WriteNewDocument(const std::string& file, const std::string& text);
+
 } // namespace Ctl

@@ -177,6 +177,10 @@ void PrintLine(const std::string& line) {
     std::cout << line << '\n';
 }
 
+void PrintText(const std::string& text) {
+    std::cout << text;
+}
+
 void FlushOutput() {
     if (!std::cout.flush()) {
         throw Failure("standard output cannot be written");
@@ -189,6 +193,20 @@ std::string FieldText(const Json::Value& object, const char* key) {
         return "-";
     }
     return value.isString() ? value.asString() : SDK::JsonUtils::JsonToString(value);
+}
+
+std::string Field(const Json::Value& object, const char* key) {
+    return Escape(FieldText(object, key));
+}
+
+Json::Value Member(const Json::Value& object, const char* key) {
+    Json::Value member;
+    SDK::JsonUtils::GetSubobjectValue(object, key, member);
+    return member;
+}
+
+std::string Count(std::size_t number, const std::string& noun) {
+    return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }
 
 } // namespace Ctl

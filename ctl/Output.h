@@ -38,10 +38,22 @@ void PrintJson(const Json::Value& value);
 
 void PrintLine(const std::string& line);
 
+// The text as it is, lines and all.
+void PrintText(const std::string& text);
+
 // Makes sure that what was printed has left the program. Throws Failure when it cannot be written.
 void FlushOutput();
 
 // A member as text: a string as it is, a number or flag as JSON writes it, "-" for null or none.
 std::string FieldText(const Json::Value& object, const char* key);
+
+// The same, escaped.
+std::string Field(const Json::Value& object, const char* key);
+
+// A copy of the member; null when there is none.
+Json::Value Member(const Json::Value& object, const char* key);
+
+// "1 alert", "2 alerts", for nouns that form their plural so.
+std::string Count(std::size_t number, const std::string& noun);
 
 } // namespace Ctl

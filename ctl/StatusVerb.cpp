@@ -12,16 +12,6 @@ namespace {
 using SDK::JsonUtils;
 using Rows = std::vector<std::vector<std::string>>;
 
-std::string Field(const Json::Value& object, const char* key) {
-    return Escape(FieldText(object, key));
-}
-
-Json::Value Member(const Json::Value& object, const char* key) {
-    Json::Value member;
-    JsonUtils::GetSubobjectValue(object, key, member);
-    return member;
-}
-
 std::string DescribeMode(const Json::Value& status) {
     constexpr int DETECTING = 3;
     if (Member(status, "mode").isNull()) {

@@ -23,6 +23,7 @@ public:
     Scanner(const char* text, std::size_t length) : mNext(text), mEnd(text + length) {}
 
     bool AtEnd() const { return mNext == mEnd; }
+    const char* Position() const { return mNext; }
     char Peek() const { return AtEnd() ? '\0' : *mNext; }
     void Skip() {
         if (!AtEnd()) {
@@ -33,12 +34,13 @@ public:
     // The rest of a string whose opening quote has been taken.
     bool TakeString() {
         while (!AtEnd()) {
-            const char c = *mNext++;
-            if (c == '"') {
-                return true;
-            }
+            const char c = *mNext;
             if (static_cast<unsigned char>(c) < 0x20) {
                 return false;
+            }
+            ++mNext;
+            if (c == '"') {
+                return true;
             }
             if (c == '\\') {
                 Skip();
@@ -90,25 +92,28 @@ private:
 
 } // namespace
 
-bool HasStrictJsonTokens(const char* text, std::size_t length) {
+std::optional<BadJsonToken> FindBadJsonToken(const char* text, std::size_t length) {
     Scanner scanner(text, length);
+    const auto bad = [&](const char* reason) {
+        return BadJsonToken{static_cast<std::size_t>(scanner.Position() - text), reason};
+    };
     while (!scanner.AtEnd()) {
         const char c = scanner.Peek();
         if (c == '\0') {
-            return false;
+            return bad("a NUL byte");
         }
         if (BeginsNumber(c)) {
             if (!scanner.TakeNumber()) {
-                return false;
+                return bad("a number that is not written as JSON has it");
             }
             continue;
         }
         scanner.Skip();
         if (c == '"' && !scanner.TakeString()) {
-            return false;
+            return bad(scanner.AtEnd() ? "a string without its closing quote" : "a control character in a string");
         }
     }
-    return true;
+    return std::nullopt;
 }
 
 } // namespace SDK

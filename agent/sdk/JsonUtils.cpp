@@ -1,8 +1,10 @@
 #include "sdk/JsonUtils.h"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <sstream>
 #include <utility>
 
 #include <json/reader.h>
@@ -38,20 +40,44 @@ const Json::Value* FindMember(const Json::Value& object, const char* key) {
     return object.isObject() ? object.find(key, key + std::strlen(key)) : nullptr;
 }
 
+JsonUtils::Fault FaultAt(const std::string& text, std::size_t offset, const std::string& reason) {
+    const auto end = text.begin() + static_cast<std::ptrdiff_t>(offset);
+    const std::size_t lineStart = offset == 0 ? std::string::npos : text.rfind('\n', offset - 1);
+    return {static_cast<std::size_t>(std::count(text.begin(), end, '\n')) + 1,
+            offset - (lineStart == std::string::npos ? 0 : lineStart + 1) + 1, reason};
+}
+
+// The first of jsoncpp's errors, each of which is written as "* Line 2, Column 5\n  REASON\n".
+JsonUtils::Fault ReadFault(const std::string& errors) {
+    JsonUtils::Fault fault;
+    std::istringstream input(errors);
+    std::string word;
+    char comma = '\0';
+    input >> word >> word >> fault.line >> comma >> word >> fault.column >> std::ws;
+    std::getline(input, fault.reason);
+    return fault;
+}
+
+// False, with jsoncpp's errors as it writes them, when it refuses the text.
+bool ReadStrictly(const char* text, std::size_t length, Json::Value& value, std::string& errors) {
+    const std::unique_ptr<Json::CharReader> reader(StrictReader().newCharReader());
+    Json::Value parsed;
+    if (!reader->parse(text, text + length, &parsed, &errors)) {
+        return false;
+    }
+    value = std::move(parsed);
+    return true;
+}
+
 } // namespace
 
 int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& value) {
-    if (text == nullptr || !HasStrictJsonTokens(text, length)) {
+    if (text == nullptr || FindBadJsonToken(text, length)) {
         return -1;
     }
     try {
-        const std::unique_ptr<Json::CharReader> reader(StrictReader().newCharReader());
-        Json::Value parsed;
-        if (!reader->parse(text, text + length, &parsed, nullptr)) {
-            return -1;
-        }
-        value = std::move(parsed);
-        return 0;
+        std::string ignored;
+        return ReadStrictly(text, length, value, ignored) ? 0 : -1;
     } catch (const std::exception&) {
         // jsoncpp throws when a document is nested too deeply for its stack limit.
         return -1;
@@ -60,6 +86,23 @@ int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& v
 
 int JsonUtils::ParseJsonStr(const std::string& text, Json::Value& value) {
     return ParseJsonStr(text.data(), text.size(), value);
+}
+
+int JsonUtils::ParseJsonStr(const std::string& text, Json::Value& value, Fault& fault) {
+    if (const auto bad = FindBadJsonToken(text.data(), text.size())) {
+        fault = FaultAt(text, bad->offset, bad->reason);
+        return -1;
+    }
+    try {
+        std::string errors;
+        if (ReadStrictly(text.data(), text.size(), value, errors)) {
+            return 0;
+        }
+        fault = ReadFault(errors);
+    } catch (const std::exception&) {
+        fault = {0, 0, "it is nested too deeply"};
+    }
+    return -1;
 }
 
 bool JsonUtils::GetSubobjectValue(const Json::Value& object, const char* key, Json::Value& out) {

@@ -20,6 +20,16 @@ public:
     static int ParseJsonStr(const char* text, std::size_t length, Json::Value& value);
     static int ParseJsonStr(const std::string& text, Json::Value& value);
 
+    // Where a text stops being a JSON document: line and column, in bytes, count from 1; 0 when that
+    // cannot be told.
+    struct Fault {
+        std::size_t line = 0;
+        std::size_t column = 0;
+        std::string reason;
+    };
+    // The same, setting `fault` when it returns -1.
+    static int ParseJsonStr(const std::string& text, Json::Value& value, Fault& fault);
+
     // Copies the member `key`, of whatever type, into `out`. False, `out` untouched, when `object`
     // is not an object or has no such member.
     static bool GetSubobjectValue(const Json::Value& object, const char* key, Json::Value& out);

@@ -7,7 +7,7 @@
 #include "agent/sdk/JsonTokens.h"
 #include "sdk/JsonUtils.h"
 
-using SDK::HasStrictJsonTokens;
+using SDK::FindBadJsonToken;
 using SDK::JsonUtils;
 using namespace std::string_literals;
 
@@ -143,10 +143,10 @@ TEST(ParseJson, ANumberBeyondADoubleDoesNotThrow) {
 
 TEST(JsonTokens, SeeNothingPastTheEnd) {
     const std::string text = "[12345]";
-    EXPECT_TRUE(HasStrictJsonTokens(text.data(), 3));
-    EXPECT_FALSE(HasStrictJsonTokens("[1.5]", 3));
-    EXPECT_FALSE(HasStrictJsonTokens("[\"ab\"]", 4));
-    EXPECT_TRUE(HasStrictJsonTokens("", 0));
+    EXPECT_FALSE(FindBadJsonToken(text.data(), 3));
+    EXPECT_TRUE(FindBadJsonToken("[1.5]", 3));
+    EXPECT_TRUE(FindBadJsonToken("[\"ab\"]", 4));
+    EXPECT_FALSE(FindBadJsonToken("", 0));
 }
 
 TEST(JsonMembers, AMissingMemberGivesTheFallback) {
