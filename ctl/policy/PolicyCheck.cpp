@@ -223,7 +223,7 @@ private:
         if (!JsonUtils::GetBoolValue(mContent, "action_block", false)) {
             return;
         }
-        std::string reason = "untrusted processes are killed and their files made unexecutable";
+        std::string reason = "untrusted processes are killed and their images made unexecutable";
         if (mMode == PolicyMode::DIRECTORY) {
             reason += ", whoever touches a file that counts, however few programs are trusted";
         } else if (JsonUtils::GetBoolValue(mContent, "auto_detect", true)) {

@@ -49,7 +49,7 @@ void AddSettings(std::vector<PolicyKey>& keys) {
                     "becomes trusted.",
                     1, 30});
     keys.push_back({"/content/action_block", ValueType::BOOLEAN, ANY, "false", "false", "",
-                    "Whether untrusted processes are killed, and the permissions of their files taken away, as well "
+                    "Whether untrusted processes are killed, and their images made unexecutable (mode 0400), as well "
                     "as reported. In global mode nothing is killed unless the four lists together hold more than 50 "
                     "entries; directory mode has no such floor."});
     keys.push_back({"/content/dir_mod", ValueType::BOOLEAN, ANY, "false", "false", "",

@@ -7,7 +7,7 @@ namespace Ctl {
 
 namespace {
 
-constexpr std::size_t MAN_SOURCE_BYTES = 100;
+constexpr std::size_t MAN_SOURCE_BYTES = 66;
 
 const char* DescribeMode(PolicyMode mode) {
     switch (mode) {

@@ -67,8 +67,9 @@ inline Json::Value Repeat(const std::string& text, int count) {
 }
 
 // Policies of every kind: those that are accepted with all they say, those that are accepted although
-// a part is unusable, those that are refused. `directory` is one that is there. None blocks.
-inline std::vector<PolicyCase> MakePolicyCases(const std::string& directory) {
+// a part is unusable, those that are refused. `directory` is one that is there. None blocks; whether
+// they switch the feature on is the caller's to say.
+inline std::vector<PolicyCase> MakePolicyCases(const std::string& directory, const std::string& enabled) {
     using Change = std::function<void(Json::Value & policy, Json::Value & content)>;
     std::vector<PolicyCase> cases = {
         {"empty", " "},
@@ -84,6 +85,9 @@ inline std::vector<PolicyCase> MakePolicyCases(const std::string& directory) {
         {"an empty object", "{}"},
     };
     const auto add = [&](const std::string& what, Json::Value policy, const Change& change) {
+        // One with the tag of its predecessor would not be looked at.
+        policy["feature_hash"] = what;
+        policy["enabled"] = enabled;
         change(policy, policy["content"]);
         cases.push_back({what, SDK::JsonUtils::JsonToString(policy)});
     };

@@ -51,7 +51,7 @@ protected:
 };
 
 TEST_F(PolicyAgreement, ThereIsAnErrorExactlyWhenTheModuleRefusesThePolicyOrAPartOfIt) {
-    for (const TestSupport::PolicyCase& policy : TestSupport::MakePolicyCases(watched.Path())) {
+    for (const TestSupport::PolicyCase& policy : TestSupport::MakePolicyCases(watched.Path(), "enabled")) {
         SCOPED_TRACE(policy.what);
         const std::vector<PolicyProblem> problems = Ctl::CheckPolicy(policy.text);
         const bool refused = ModuleRefuses(policy.text);

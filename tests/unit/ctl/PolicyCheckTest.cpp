@@ -84,7 +84,7 @@ TEST(PolicyCheck, AGoodPolicyHasNoProblem) {
 
 TEST(PolicyCheck, WhatIsNoJsonIsRefusedWithItsPlace) {
     EXPECT_THAT(CheckPolicy("{\"a\": 1,\n \"b\" 2}"), IsAt(2, 6, "Missing ':'"));
-    EXPECT_THAT(CheckPolicy("{\n  \"a\": 1,\n  \"a\": 2\n}"), IsAt(3, 6, "Duplicate key: 'a'"));
+    EXPECT_THAT(CheckPolicy("{\n  \"a\": 1,\n  \"a\": 2\n}"), IsAt(3, 3, "Duplicate key: 'a'"));
     EXPECT_THAT(CheckPolicy("{\"a\": \"x\ty\"}"), IsAt(1, 9, "control character"));
     EXPECT_THAT(CheckPolicy("{\"a\":\n\n 07}"), IsAt(3, 3, "number"));
     EXPECT_THAT(CheckPolicy("{\n\"a"), IsAt(2, 3, "closing quote"));

@@ -141,6 +141,29 @@ TEST(ParseJson, ANumberBeyondADoubleDoesNotThrow) {
     }
 }
 
+TEST(ParseJson, AFailureSaysWhereAndWhy) {
+    const auto faultOf = [](const std::string& text) {
+        Json::Value value;
+        JsonUtils::Fault fault;
+        EXPECT_EQ(JsonUtils::ParseJsonStr(text, value, fault), -1) << text;
+        return std::to_string(fault.line) + ":" + std::to_string(fault.column) + " " + fault.reason;
+    };
+    EXPECT_EQ(faultOf("{\"a\" 1}"), "1:6 Missing ':' after object member name");
+    EXPECT_EQ(faultOf("[1,\n\n  2 3]"), "3:5 Missing ',' or ']' in array declaration");
+    EXPECT_EQ(faultOf("[\n\"\ty\"]"), "2:2 a control character in a string");
+    EXPECT_EQ(faultOf("\n01"), "2:2 a number that is not written as JSON has it");
+    EXPECT_EQ(faultOf(std::string("\0", 1)), "1:1 a NUL byte");
+    EXPECT_EQ(faultOf(Nested(100000)), "0:0 it is nested too deeply");
+}
+
+TEST(ParseJson, WhatIsAcceptedHasNoFault) {
+    Json::Value value;
+    JsonUtils::Fault fault;
+    EXPECT_EQ(JsonUtils::ParseJsonStr("[1]", value, fault), 0);
+    EXPECT_EQ(value[0], 1);
+    EXPECT_EQ(fault.reason, "");
+}
+
 TEST(JsonTokens, SeeNothingPastTheEnd) {
     const std::string text = "[12345]";
     EXPECT_FALSE(FindBadJsonToken(text.data(), 3));
