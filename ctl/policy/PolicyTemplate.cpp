@@ -22,7 +22,7 @@ std::string DescribeLimits(const PolicyKey& key) {
 std::string MakeComment(const std::string& text, const std::string& indent) {
     std::string comment;
     for (const std::string& line : WrapText(text, LINE_BYTES - indent.size())) {
-        comment += indent + "// " + line + "\n";
+        comment.append(indent).append("// ").append(line).append("\n");
     }
     return comment;
 }

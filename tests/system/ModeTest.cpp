@@ -1,3 +1,5 @@
+#include <regex>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -128,6 +130,23 @@ TEST(ModeTest, LearningGoesOnAfterARestart) {
     EXPECT_EQ(status["mode"].asInt(), LEARNING);
     EXPECT_EQ(status["learned_minutes"].asInt(), 100);
     EXPECT_FALSE(status["desired_detect"].asBool());
+}
+
+TEST(ModeTest, LearningBeginsAnewWhenTheTimeLearnedIsSetBackWhileTheAgentIsStopped) {
+    Agent agent;
+    agent.MakeDetecting();
+    EXPECT_EQ(agent.Ctl({"learn", "reset"}).status, 0);
+    agent.Stop();
+    const std::string kept = agent.Root().Read("conf/modwhitelist.ini");
+    EXPECT_THAT(kept, HasSubstr("\nLearnTime="));
+    agent.Root().Write("conf/modwhitelist.ini",
+                       std::regex_replace(kept, std::regex("LearnTime=[0-9]+"), "LearnTime=0"));
+    agent.StartWatching();
+    const Json::Value status = agent.Status();
+    EXPECT_EQ(status["mode"].asInt(), LEARNING);
+    EXPECT_EQ(status["learned_minutes"].asInt(), 0);
+    EXPECT_FALSE(status["desired_detect"].asBool());
+    EXPECT_GE(status["lists"]["local"].asInt(), 60);
 }
 
 // Detection was on; then a policy came with a longer learning period than has been learned.
