@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ctl/policy/PolicyCheck.h"
 #include "ctl/policy/PolicyKeys.h"
 #include "support/TempRoot.h"
 
@@ -55,6 +56,22 @@ TEST(PolicyReference, TheManPageIsFormattedWithoutAWarningAndNamesEveryKey) {
     for (const Ctl::PolicyKey& key : Ctl::GetPolicyKeys()) {
         EXPECT_NE(page.find(key.pointer), std::string::npos) << key.pointer;
     }
+}
+
+TEST(PolicyReference, TheExamplesOfTheMarkdownPageAreUsable) {
+    const std::string begin = "```json\n{\"module_name\"";
+    const std::string page = TempDir::ReadText(MARKDOWN_FILE);
+    int examples = 0;
+    for (std::size_t at = page.find(begin); at != std::string::npos; at = page.find(begin, at + 1)) {
+        const std::size_t start = page.find('{', at);
+        for (const Ctl::PolicyProblem& problem :
+             Ctl::CheckPolicy(page.substr(start, page.find("```", start) - start))) {
+            // A host may have no such directory.
+            EXPECT_TRUE(problem.pointer.starts_with("/content/dirs")) << problem.pointer << ": " << problem.reason;
+        }
+        ++examples;
+    }
+    EXPECT_EQ(examples, 2);
 }
 
 TEST(PolicyReference, TextIsEscapedForEitherForm) {
