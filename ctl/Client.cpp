@@ -59,6 +59,21 @@ Json::Value ReadAnswer(const httplib::Response& response) {
     return answer;
 }
 
+// All but letters, digits and these marks.
+std::string PercentEncode(const std::string& text, std::string_view unencodedMarks) {
+    static constexpr std::array<char, 17> DIGITS = {"0123456789ABCDEF"};
+    std::string encoded;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (std::isalnum(byte) != 0 || unencodedMarks.find(c) != std::string_view::npos) {
+            encoded += c;
+        } else {
+            encoded += {'%', DIGITS[byte >> 4U], DIGITS[byte & 0xFU]};
+        }
+    }
+    return encoded;
+}
+
 } // namespace
 
 Client::Client(const std::string& root) : mSocketPath(root + (root.ends_with("/") ? "" : "/") + "run/agent.sock") {}
@@ -108,18 +123,11 @@ void Client::CheckDaemon() const {
 }
 
 std::string EncodeQuery(const std::string& text) {
-    static constexpr std::array<char, 17> DIGITS = {"0123456789ABCDEF"};
-    static constexpr std::string_view UNRESERVED_MARKS = "-._~";
-    std::string encoded;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (std::isalnum(byte) != 0 || UNRESERVED_MARKS.find(c) != std::string_view::npos) {
-            encoded += c;
-        } else {
-            encoded += {'%', DIGITS[byte >> 4U], DIGITS[byte & 0xFU]};
-        }
-    }
-    return encoded;
+    return PercentEncode(text, "-._~");
+}
+
+std::string EncodePath(const std::string& path) {
+    return PercentEncode(path, "-._~/");
 }
 
 } // namespace Ctl

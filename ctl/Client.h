@@ -35,4 +35,7 @@ private:
 // The text as it may stand in a query (RFC 3986): all but letters, digits and "-._~" percent-encoded.
 std::string EncodeQuery(const std::string& text);
 
+// The same for a path in a URL, whose "/" stay.
+std::string EncodePath(const std::string& path);
+
 } // namespace Ctl

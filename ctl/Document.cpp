@@ -9,9 +9,12 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "ctl/Failure.h"
+#include "ctl/Output.h"
+#include "sdk/FileUtils.h"
 
 namespace Ctl {
 
@@ -74,6 +77,25 @@ void WriteNewDocument(const std::string& file, const std::string& text) {
         const int error = written ? errno : writeError;
         unlink(file.c_str());
         throw Failure("cannot write [" + file + "]: " + std::strerror(error));
+    }
+}
+
+void WriteDocument(const std::string& file, const std::string& text) {
+    if (file == "-") {
+        std::cout << text;
+        FlushOutput();
+        return;
+    }
+    CheckDestination(file);
+    if (const int error = SDK::FileUtils::WriteFile(file, text, false); error != 0) {
+        throw Failure("cannot write [" + file + "]: " + std::strerror(error));
+    }
+}
+
+void CheckDestination(const std::string& file) {
+    struct stat info {};
+    if (file != "-" && stat(file.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        throw Failure("cannot write [" + file + "]: it is no regular file");
     }
 }
 

@@ -1,5 +1,4 @@
 #include <chrono>
-#include <csignal>
 #include <ctime>
 #include <functional>
 #include <memory>
@@ -8,6 +7,7 @@
 
 #include "ctl/Client.h"
 #include "ctl/Failure.h"
+#include "ctl/Interrupt.h"
 #include "ctl/Output.h"
 #include "ctl/SinceTime.h"
 #include "ctl/Verbs.h"
@@ -30,20 +30,10 @@ struct HistoryOptions {
     bool json = false;
 };
 
-volatile std::sig_atomic_t interrupted = 0;
-
-// Without SA_RESTART, so that a sleep ends at once.
-void WatchForInterrupt() {
-    struct sigaction action {};
-    action.sa_handler = [](int) { interrupted = 1; };
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-}
-
 // Another round is wanted, after a pause.
 bool PauseUntilNextRound() {
     usleep(static_cast<useconds_t>(std::chrono::microseconds(FOLLOW_INTERVAL).count()));
-    return interrupted == 0;
+    return !IsInterrupted();
 }
 
 std::int64_t Now() {

@@ -17,6 +17,7 @@ void AddStatusVerb(CLI::App& app, const Context& context);
 void AddPolicyVerbs(CLI::App& app, const Context& context);
 void AddCommandVerbs(CLI::App& app, const Context& context);
 void AddTrustVerbs(CLI::App& app, const Context& context);
+void AddPresetVerbs(CLI::App& app, const Context& context);
 void AddReportVerbs(CLI::App& app, const Context& context);
 
 } // namespace Ctl

@@ -28,6 +28,7 @@ void AddVerbs(CLI::App& app, Ctl::Context& context) {
     Ctl::AddPolicyVerbs(app, context);
     Ctl::AddCommandVerbs(app, context);
     Ctl::AddTrustVerbs(app, context);
+    Ctl::AddPresetVerbs(app, context);
     Ctl::AddReportVerbs(app, context);
 }
 

@@ -6,6 +6,7 @@
 #include <sys/random.h>
 
 #include "agent/sdk/Hex.h"
+#include "agent/sdk/MessageDigest.h"
 
 namespace SDK {
 
@@ -40,6 +41,11 @@ std::string CryptoCodeUtils::GenerateUUID() {
         text.insert(position, 1, '-');
     }
     return text;
+}
+
+std::string CryptoCodeUtils::GetSha256(const std::string& text) {
+    MessageDigest digest;
+    return digest.Start("SHA256") && digest.Update(text.data(), text.size()) ? digest.Finish() : "";
 }
 
 } // namespace SDK

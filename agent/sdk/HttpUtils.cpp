@@ -161,15 +161,31 @@ int FetchFromServer(const std::string& url, const std::string& proxy, const std:
     return transfer.stopped != 0 ? transfer.stopped : ToResult(curl.get(), code);
 }
 
+// The file that a file URL names. Decoded here, because the URL interface decodes no control characters,
+// which file names may hold. False when it cannot be one's name.
+bool DecodePath(CURLU* url, std::string& path) {
+    char* text = nullptr;
+    if (curl_url_get(url, CURLUPART_PATH, &text, 0) != CURLUE_OK) {
+        return false;
+    }
+    const CurlText encoded(text, &curl_free);
+    int length = 0;
+    const CurlText decoded(curl_easy_unescape(nullptr, encoded.get(), 0, &length), &curl_free);
+    if (!decoded) {
+        return false;
+    }
+    path.assign(decoded.get(), static_cast<std::size_t>(length));
+    return path.find('\0') == std::string::npos;
+}
+
 // Read here and not through curl, which would wait without end for a FIFO's writer.
 int FetchFromFile(CURLU* url, Body& body) {
-    char* text = nullptr;
-    if (curl_url_get(url, CURLUPART_PATH, &text, CURLU_URLDECODE) != CURLUE_OK) {
+    std::string path;
+    if (!DecodePath(url, path)) {
         return HttpUtils::DOWNLOAD_BAD_URL;
     }
-    const CurlText path(text, &curl_free);
     std::string content;
-    const int result = FileUtils::ReadFile(path.get(), content, HttpUtils::DOWNLOAD_MAX_BYTES);
+    const int result = FileUtils::ReadFile(path, content, HttpUtils::DOWNLOAD_MAX_BYTES);
     if (result == EFBIG) {
         return HttpUtils::DOWNLOAD_TOO_LARGE;
     }

@@ -4,6 +4,8 @@
 #include <set>
 #include <string>
 
+#include "modules/TrustLists.h"
+
 namespace Engine {
 
 // The file-notification module and its watch task, for whoever addresses them by name.
@@ -40,6 +42,6 @@ inline constexpr const char* REPORT_RUN_ERROR = "whitelist_5";
 inline constexpr const char* REPORT_LEARN_STATUS = "whitelist_6";
 
 // No file is read, and no digest covers, more than this.
-inline constexpr std::uint64_t MAX_FILE_BYTES = 10485760;
+inline constexpr std::uint64_t MAX_FILE_BYTES = TRUST_MAX_FILE_BYTES;
 
 } // namespace Engine
