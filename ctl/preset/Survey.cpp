@@ -75,14 +75,17 @@ std::vector<Subject> LookAtAll(const HostRoot& host, std::vector<Candidate> cand
     return subjects;
 }
 
+// A conffile that was changed into a huge one is not read whole to find that out.
+bool HasChanged(const std::string& file, const Subject& subject) {
+    std::string md5;
+    return SDK::FileUtils::GetFileHash(file, "MD5", md5, Engine::TRUST_MAX_FILE_BYTES) == 0 &&
+           md5 != subject.candidate.md5;
+}
+
 void Digest(const HostRoot& host, Subject& subject) {
     const std::string file = host.Locate(subject.candidate.path);
     subject.error = DigestProgram(file, subject.sha256);
-    if (!subject.candidate.md5.empty() && subject.error == 0) {
-        std::string md5;
-        SDK::FileUtils::GetFileHash(file, "MD5", md5, UINT64_MAX);
-        subject.changed = md5 != subject.candidate.md5;
-    }
+    subject.changed = subject.error == 0 && !subject.candidate.md5.empty() && HasChanged(file, subject);
 }
 
 void DigestAll(const HostRoot& host, std::vector<Subject>& subjects, unsigned threads) {

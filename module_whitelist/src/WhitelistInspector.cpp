@@ -48,8 +48,14 @@ Json::Value DescribeStatus() {
     return answer;
 }
 
+// A list that is exported may speak of files that are on other hosts only: an entry of size 0 would not be
+// taken back.
 void AppendProcess(const ProcessInfo& info, Json::Value& list) {
-    ProcessManager::Instance()->ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
+    Json::Value& entry = list.append(Json::Value(Json::objectValue));
+    ProcessManager::Instance()->ProcessInfo2Json(info, entry);
+    if (entry["size"] == 0) {
+        entry["size"] = static_cast<Json::Int64>(info.size);
+    }
 }
 
 Json::Value ListPreset(const ProcessManager::PresetMap& preset) {
