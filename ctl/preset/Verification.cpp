@@ -61,13 +61,15 @@ std::vector<Finding> CompareWithDisk(const HostRoot& host, const std::vector<Ent
 }
 
 std::vector<Finding> FindNew(const Survey& survey, const std::vector<Entry>& entries) {
-    std::unordered_set<std::string> known;
+    std::unordered_set<std::string> digests;
+    std::unordered_set<std::string> paths;
     for (const Entry& entry : entries) {
-        known.insert(entry.sha256);
+        digests.insert(entry.sha256);
+        paths.insert(entry.filename);
     }
     std::vector<Finding> findings;
     for (const Survey::Executable& executable : survey.executables) {
-        if (!known.contains(executable.sha256)) {
+        if (!digests.contains(executable.sha256) && !paths.contains(executable.path)) {
             findings.push_back({Finding::NEW, executable.path, "", executable.sha256, ""});
         }
     }

@@ -16,7 +16,7 @@ struct Finding {
         CHANGED,    // it has another one
         MISSING,    // there is none at the entry's path
         UNREADABLE, // `reason` says why
-        NEW,        // an executable whose digest no entry has
+        NEW,        // an executable whose digest no entry has, at a path that none has
     };
     State state = OK;
     std::string path;
@@ -32,7 +32,7 @@ const char* NameOf(Finding::State state);
 // Failure when interrupted.
 std::vector<Finding> CompareWithDisk(const HostRoot& host, const std::vector<Entry>& entries, unsigned threads);
 
-// The executables that no entry vouches for.
+// The executables that no entry vouches for, without those that changed.
 std::vector<Finding> FindNew(const Survey& survey, const std::vector<Entry>& entries);
 
 } // namespace Ctl::Preset

@@ -7,7 +7,7 @@ target_link_libraries(system_harness PUBLIC sdk PkgConfig::HTTPLIB GTest::gtest)
 add_dependencies(system_harness corvalentd corvalentctl whitelist_module process_collect_module filenotify_module
   isolate_module data_comm_module fork_sleepers)
 
-foreach(concern Learning Mode Policy PolicyCheck Detection Blocking Command Lifecycle Operator Directory)
+foreach(concern Learning Mode Policy PolicyCheck Detection Blocking Command Lifecycle Operator Directory Preset Trust)
   string(TOLOWER system_${concern}_test name)
   corvalent_add_test(${name} ${TEST_DIR}/${concern}Test.cpp LIBS system_harness LABELS system)
 endforeach()

@@ -24,3 +24,10 @@ TEST(Uuid, IsFreshEveryTime) {
     }
     EXPECT_EQ(seen.size(), COUNT);
 }
+
+// FIPS 180-4, the examples of its algorithm.
+TEST(TextDigest, IsTheSha256OfAllItsBytes) {
+    EXPECT_EQ(CryptoCodeUtils::GetSha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(CryptoCodeUtils::GetSha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_NE(CryptoCodeUtils::GetSha256(std::string("a\0b", 3)), CryptoCodeUtils::GetSha256("a"));
+}

@@ -413,6 +413,15 @@ TEST(Download, TakesFileUrls) {
     EXPECT_EQ(TempDir::ReadText(path), CONTENT);
 }
 
+TEST(Download, AFileUrlMayNameAnyFile) {
+    const TempDir local;
+    local.Write("a\n\xff%?#", CONTENT);
+    const Destination destination;
+    EXPECT_EQ(destination.Download("file://" + local.Path() + "/a%0A%FF%25%3F%23", Sha256Of(CONTENT)), 200);
+    EXPECT_EQ(destination.Download("file://" + local.Path() + "/a%00b", Sha256Of(CONTENT)),
+              HttpUtils::DOWNLOAD_BAD_URL);
+}
+
 TEST(Download, FileUrlsHaveTheSameLimits) {
     const TempDir local;
     const Destination destination;

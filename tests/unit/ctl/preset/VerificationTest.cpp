@@ -51,9 +51,10 @@ TEST_F(VerificationTest, EveryEntryIsTold) {
     EXPECT_EQ(findings[3].reason, "no absolute path");
 }
 
-TEST_F(VerificationTest, AnExecutableIsNewWhenNoEntryHasItsDigest) {
+TEST_F(VerificationTest, AnExecutableIsNewWhenNoEntryHasItsDigestOrItsPath) {
     host.Add("/opt/copy-of-a", host.Read("opt/a"));
     host.AddProgram("/opt/new");
+    host.Add("/opt/b", "#!/bin/changed");
     const std::vector<Finding> added = FindNew(ConductSurvey(root, {"/opt"}, 2), entries);
     ASSERT_EQ(added.size(), 1U);
     EXPECT_EQ(added[0].path, "/opt/new");
