@@ -91,16 +91,17 @@ void AddBuild(CLI::App& preset) {
     CLI::Option* output =
         task->add_option("-o,--output", options->output, "Where the list goes, - for standard output");
     output->type_name("FILE");
-    task->add_option("--verify", options->document,
-                     "Compare this list with the disk instead; with --from, also look for executables that it "
-                     "does not have")
-        ->type_name("FILE");
+    CLI::Option* verify =
+        task->add_option("--verify", options->document,
+                         "Compare this list with the disk instead; with --from, also look for executables that it "
+                         "does not have")
+            ->type_name("FILE");
     task->require_option(1);
     build->add_option("--jobs", options->jobs, "Threads; as many as there are cores by default")
         ->check(CLI::Range(1U, MAX_JOBS));
     build->add_option("--host-root", options->hostRoot, "The root directory of the host that is meant, / by default")
         ->type_name("DIR");
-    build->add_flag("--all", options->all, "With --verify, print the entries that are ok, too");
+    build->add_flag("--all", options->all, "With --verify, print the entries that are ok, too")->needs(verify);
     build->add_flag("--json", options->json, "One JSON value a line");
     build->callback([options, output] {
         if (output->count() > 0) {

@@ -145,6 +145,7 @@ TEST_F(PresetTest, BadUsageIsStatusTwo) {
     ExpectFailure(Build({"-o", ListFile(), "--from"}), 2, "--from");
     ExpectFailure(Build({"-o", ListFile(), "--from", ToolFolder(), "--jobs", "0"}), 2, "--jobs");
     ExpectFailure(Build({"-o", ListFile(), "--from", ToolFolder(), "--jobs", "many"}), 2, "--jobs");
+    ExpectFailure(Build({"-o", ListFile(), "--from", ToolFolder(), "--all"}), 2, "--verify");
     ExpectFailure(agent.Ctl({"preset", "apply"}), 2, "FILE");
     ExpectFailure(agent.Ctl({"preset", "apply", ListFile(), "--list", "local"}), 2, "local");
     EXPECT_FALSE(fs::exists(ListFile()));
@@ -307,6 +308,13 @@ TEST_F(PresetTest, AListThatIsNoneIsNotDelivered) {
         ExpectFailure(agent.Ctl({"preset", "apply", agent.Work().Write("bad", text)}), 1, "/bad]");
     }
     EXPECT_EQ(agent.CountInLog("command [whitelist_10002]"), 0);
+}
+
+TEST_F(PresetTest, AnAgentThatHasNoPolicyYetTakesNoList) {
+    MakeTool("tool");
+    BuildOfTools();
+    agent.Start();
+    ExpectFailure(agent.Ctl({"preset", "apply", ListFile()}), 1, "the agent did not take the preset list: ");
 }
 
 TEST_F(PresetTest, WithoutADaemonAGoodListIsStatus69) {
