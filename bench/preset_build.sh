@@ -3,15 +3,18 @@
 # this machine's package database lists, beside what it cannot be faster than, measured in the same rounds:
 #
 #     cat          the same files read, nothing else
-#     sha256sum    the same files read and digested by coreutils, one process a core, 32 files a process
+#     openssl      the same files read and digested by the library that the agent uses, too
+#     sha256sum    the same by coreutils, which may lack the processor's own instructions for it
 #
-# Both take as much of a file as the agent does (10 MiB at most). Rounds alternate; all files are in the
-# page cache after the first look. Prints least, median and greatest time of each, and the ratios.
+# These run one process a core, 32 files a process, and take as much of a file as the agent does (10 MiB at
+# most). Rounds alternate; all files are in the page cache after the first look. Prints least, median and
+# greatest time of each, and the ratios of the medians.
 . "$(dirname "$0")/../scripts/lib/common.sh"
 
 build_dir=${1:-build}
 rounds=${2:-5}
 ctl=$PWD/$build_dir/root/bin/corvalentctl
+command -v openssl >/dev/null || fail "openssl, the program, is missing: apt-get install openssl"
 [[ -x $ctl ]] || fail "$ctl is missing: run scripts/build.sh first"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -32,23 +35,25 @@ read_all() {
     ((${#large[@]} == 0)) || head -q -c "$limit" "${large[@]}" >/dev/null
 }
 
+# digest_all COMMAND…: of each file.
 digest_all() {
-    xargs -0 -a "$work/small" -P "$(nproc)" -n 32 sha256sum >/dev/null
+    xargs -0 -a "$work/small" -P "$(nproc)" -n 32 "$@" >/dev/null
     local file
-    for file in "${large[@]}"; do head -c "$limit" "$file" | sha256sum; done >/dev/null
+    for file in "${large[@]}"; do head -c "$limit" "$file" | "$@"; done >/dev/null
 }
 
 build_all() {
     "$ctl" preset build -o "$work/preset.json" >/dev/null
 }
 
-# measure NAME COMMAND: one run in milliseconds, added to the times of that name.
+# measure NAME COMMAND…: one run in milliseconds, added to the times of that name.
 measure() {
-    local begin end
+    local name=$1 begin end
+    shift
     begin=$(date +%s%N)
-    "$2"
+    "$@"
     end=$(date +%s%N)
-    echo "$(((end - begin) / 1000000))" >>"$work/$1.times"
+    echo "$(((end - begin) / 1000000))" >>"$work/$name.times"
 }
 
 # show NAME: "least median greatest" of its times.
@@ -67,13 +72,16 @@ jq -r '"== \(.looked) files looked at, \(.executables) executables, \(.digested_
 say "$(nproc) cores, $(uname -sr), ${#large[@]} files larger than the limit, $rounds rounds"
 for ((round = 0; round < rounds; ++round)); do
     measure cat read_all
-    measure sha256sum digest_all
+    measure openssl digest_all openssl dgst -sha256
+    measure sha256sum digest_all sha256sum
     measure preset_build build_all
 done
 
 printf '%-14s %8s %8s %8s\n' "ms" least median greatest
-for name in cat sha256sum preset_build; do
+for name in cat openssl sha256sum preset_build; do
     show "$name"
 done
-awk -v build="$(median preset_build)" -v digest="$(median sha256sum)" -v read="$(median cat)" \
-    'BEGIN { printf "medians: preset build / sha256sum %.2f, preset build / cat %.2f\n", build / digest, build / read }'
+for name in cat openssl sha256sum; do
+    awk -v build="$(median preset_build)" -v floor="$(median "$name")" -v name="$name" \
+        'BEGIN { printf "medians: preset build / %s = %.2f\n", name, build / floor }'
+done

@@ -133,12 +133,12 @@ void ImportTrust(const Context& context, const std::string& file) {
 // What an import would leave out is left out here, and named.
 Json::Value KeepComplete(const Json::Value& entries) {
     Json::Value kept(Json::arrayValue);
-    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
-        const std::string fault = WhyIncomplete(entries[i]);
+    for (const Json::Value& entry : entries) {
+        const std::string fault = WhyIncomplete(entry);
         if (fault.empty()) {
-            kept.append(entries[i]);
+            kept.append(entry);
         } else {
-            PrintNote(FieldText(entries[i], "path") + " is left out: " + fault);
+            PrintNote(FieldText(entry, "path") + " is left out: " + fault);
         }
     }
     return kept;

@@ -11,7 +11,7 @@ PACKAGES=(
     # Checking
     clang clang-format clang-tidy git
     # Testing
-    libgtest-dev libgmock-dev groff-base curl jq sqlite3 procps python3
+    libgtest-dev libgmock-dev groff-base curl jq openssl sqlite3 procps python3
 )
 
 is_installed() {
