@@ -20,7 +20,6 @@ namespace Ctl {
 namespace {
 
 constexpr time_t CONNECT_SECONDS = 5;
-constexpr time_t ANSWER_SECONDS = 600;
 
 // While it lives, a daemon that goes away in the middle of a request is an error of the write and not
 // the end of the program, as a closed pipe behind standard output is meant to be.
@@ -35,14 +34,14 @@ private:
     void (*mOld)(int);
 };
 
-httplib::Client Connect(const std::string& socketPath) {
+httplib::Client Connect(const std::string& socketPath, std::chrono::seconds answerWithin) {
     // The library wants a port even where there are none.
     constexpr int ANY_PORT = 80;
     httplib::Client client(socketPath, ANY_PORT);
     client.set_address_family(AF_UNIX);
     client.set_default_headers({{"Host", "localhost"}});
     client.set_connection_timeout(CONNECT_SECONDS);
-    client.set_read_timeout(ANSWER_SECONDS);
+    client.set_read_timeout(answerWithin);
     client.set_write_timeout(CONNECT_SECONDS);
     return client;
 }
@@ -76,7 +75,8 @@ std::string PercentEncode(const std::string& text, std::string_view unencodedMar
 
 } // namespace
 
-Client::Client(const std::string& root) : mSocketPath(root + (root.ends_with("/") ? "" : "/") + "run/agent.sock") {}
+Client::Client(const std::string& root, std::chrono::seconds answerWithin)
+    : mSocketPath(root + (root.ends_with("/") ? "" : "/") + "run/agent.sock"), mAnswerWithin(answerWithin) {}
 
 Json::Value Client::Get(const std::string& path) const {
     return Ask([&](httplib::Client& client) { return client.Get(path); });
@@ -89,7 +89,7 @@ Json::Value Client::Post(const std::string& path, const std::string& body) const
 Json::Value Client::Ask(const std::function<httplib::Result(httplib::Client&)>& request) const {
     CheckDaemon();
     const BrokenPipeIgnored guard;
-    httplib::Client client = Connect(mSocketPath);
+    httplib::Client client = Connect(mSocketPath, mAnswerWithin);
     const httplib::Result result = request(client);
     if (!result) {
         // A daemon that has gone away since is no daemon.

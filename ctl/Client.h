@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -17,12 +18,15 @@ namespace Ctl {
 // reason when it refuses.
 class Client {
 public:
-    explicit Client(const std::string& root);
+    // How long an answer may take at most.
+    static constexpr std::chrono::seconds ANSWER_WITHIN{600};
+
+    explicit Client(const std::string& root, std::chrono::seconds answerWithin = ANSWER_WITHIN);
 
     // `path` with its query, percent-encoded where needed (EncodeQuery).
     Json::Value Get(const std::string& path) const;
 
-    // Waits as long as the delivery takes, at most ten minutes.
+    // Waits as long as the delivery takes.
     Json::Value Post(const std::string& path, const std::string& body) const;
 
 private:
@@ -30,6 +34,7 @@ private:
     void CheckDaemon() const;
 
     const std::string mSocketPath;
+    const std::chrono::seconds mAnswerWithin;
 };
 
 // The text as it may stand in a query (RFC 3986): all but letters, digits and "-._~" percent-encoded.

@@ -30,6 +30,8 @@ void AddVerbs(CLI::App& app, Ctl::Context& context) {
     Ctl::AddTrustVerbs(app, context);
     Ctl::AddPresetVerbs(app, context);
     Ctl::AddReportVerbs(app, context);
+    Ctl::AddTopVerb(app, context);
+    Ctl::AddDoctorVerb(app, context);
 }
 
 } // namespace

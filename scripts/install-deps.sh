@@ -6,12 +6,12 @@
 PACKAGES=(
     # Building
     g++ cmake ninja-build pkg-config
-    libpoco-dev libjsoncpp-dev libboost-dev libssl-dev libcurl4-openssl-dev libsqlite3-dev
+    libpoco-dev libjsoncpp-dev libboost-dev libssl-dev libcurl4-openssl-dev libsqlite3-dev libncurses-dev
     libcli11-dev libcpp-httplib-dev
     # Checking
     clang clang-format clang-tidy git
     # Testing
-    libgtest-dev libgmock-dev groff-base curl jq openssl sqlite3 procps python3
+    libgtest-dev libgmock-dev groff-base curl jq openssl sqlite3 procps python3 libvterm-dev ncurses-base
 )
 
 is_installed() {

@@ -108,6 +108,7 @@ void AnswerReports(const Framework::Engine& engine, const httplib::Request& requ
             return;
         }
     }
+    question["newest_first"] = request.has_param("newest_first");
     if (request.has_param("type")) {
         question["type"] = request.get_param_value("type");
     }

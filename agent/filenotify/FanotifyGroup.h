@@ -73,6 +73,9 @@ public:
     // For poll(2): readable when Read has something to say. -1 when not open.
     int GetFd() const { return mFd.Get(); }
 
+    // Whether the kernel says for each event why its file could not be opened.
+    bool ReportsFileErrors() const { return mEventsPerRead > 1; }
+
     // How many events wait in the kernel's queue now.
     std::size_t CountWaiting() const;
 
