@@ -1,0 +1,168 @@
+#include "ctl/top/TopSampler.h"
+
+#include <algorithm>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+#include <unistd.h>
+
+#include "ctl/Failure.h"
+#include "ctl/Output.h"
+#include "sdk/JsonUtils.h"
+
+namespace Ctl::Top {
+
+namespace {
+
+using SDK::JsonUtils;
+
+// As many as any screen shows.
+constexpr std::size_t MAX_SHOWN = 50;
+
+std::int64_t Number(const Json::Value& object, const char* key) {
+    return JsonUtils::GetInt64Value(object, key, 0);
+}
+
+std::string LatestOf(const std::string& type) {
+    return "/reports?newest_first&limit=" + std::to_string(MAX_SHOWN) + "&type=" + type;
+}
+
+// How fast a counter grew.
+double RateOf(const char* counter, const Json::Value& before, const Json::Value& now, double seconds) {
+    const std::int64_t grown = Number(now, counter) - Number(before, counter);
+    return static_cast<double>(std::max<std::int64_t>(grown, 0)) / seconds;
+}
+
+std::vector<Queue> ReadQueues(const Json::Value& tasks) {
+    std::vector<Queue> queues;
+    for (const Json::Value& task : tasks) {
+        queues.push_back({Field(task, "name"), Number(task, "depth"), Number(task, "capacity"), Number(task, "lost")});
+    }
+    return queues;
+}
+
+Alert ReadAlert(const Json::Value& report) {
+    const Json::Value data = Member(report, "data");
+    const Json::Value process = Member(data, "process_info");
+    return {JsonUtils::GetInt64Value(data, "occur_time", Number(report, "time")),
+            JsonUtils::GetIntValue(process, "block", 0) == 1, Field(process, "process_pid"),
+            Field(process, "process_username"), Field(process, "process_path")};
+}
+
+// The processes of one report, the last first.
+void AddLearned(const Json::Value& report, std::vector<Learned>& learned) {
+    const Json::Value processes = Member(Member(report, "data"), "process_info");
+    for (Json::ArrayIndex i = processes.isArray() ? processes.size() : 0; i > 0 && learned.size() < MAX_SHOWN; --i) {
+        learned.push_back({Number(report, "time"), Field(processes[i - 1], "path")});
+    }
+}
+
+// The fields of proc(5)'s stat behind the program's name, which may hold anything: the first is `state`,
+// the third of the page.
+std::vector<std::string> ReadStatFields(const std::string& path) {
+    std::ifstream file(path);
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    const std::size_t nameEnd = text.rfind(')');
+    if (nameEnd == std::string::npos) {
+        return {};
+    }
+    std::istringstream fields(text.substr(nameEnd + 1));
+    return {std::istream_iterator<std::string>(fields), {}};
+}
+
+} // namespace
+
+TopSampler::TopSampler(Source source, std::string proc) : mSource(std::move(source)), mProc(std::move(proc)) {}
+
+View TopSampler::Take(double seconds) {
+    try {
+        TakeStatus(seconds);
+        TakeHistory();
+    } catch (const Failure& failure) {
+        if (!mView) {
+            throw;
+        }
+        mLast.reset();
+        mView->noAnswer = Escape(failure.what());
+    }
+    mView->time = std::time(nullptr);
+    return *mView;
+}
+
+void TopSampler::TakeStatus(double seconds) {
+    const Json::Value status = mSource("/status");
+    const Json::Value lists = Member(status, "lists");
+    mView = View();
+    mView->mode = JsonUtils::GetIntValue(status, "mode", -1);
+    mView->modeName = mView->mode < 0 ? "not known" : Field(status, "mode_name");
+    mView->detectionWished = JsonUtils::GetBoolValue(status, "desired_detect", false);
+    mView->scope = Escape(JsonUtils::GetStringValue(status, "scope", ""));
+    mView->agent = Field(status, "version") + ", pid " + Field(status, "pid") + ", up " +
+                   FormatDuration(Number(status, "uptime_seconds"));
+    mView->learnedMinutes = Number(status, "learned_minutes");
+    mView->learnPeriodMinutes = Number(status, "learn_period_minutes");
+    mView->local = Number(lists, "local");
+    mView->server = Number(lists, "server");
+    mView->osPreset = Number(lists, "os_preset");
+    mView->servicePreset = Number(lists, "service_preset");
+    mView->queues = ReadQueues(Member(status, "tasks"));
+    mView->alertCount = Number(status, "alerts");
+
+    Sample sample{seconds, JsonUtils::GetIntValue(status, "pid", 0), Member(status, "events"), std::nullopt};
+    mView->lost = Number(sample.events, "lost");
+    // Another daemon counts from 0 again.
+    if (mLast && (mLast->pid != sample.pid || seconds <= mLast->seconds)) {
+        mLast.reset();
+    }
+    TakeUsage(sample);
+    if (mLast) {
+        const auto rate = [&](const char* counter) {
+            return RateOf(counter, mLast->events, sample.events, seconds - mLast->seconds);
+        };
+        mView->rates = {rate("exec"), rate("fork"), rate("exit"), rate("judged"), rate("lost")};
+    }
+    mLast = sample;
+}
+
+// Nothing where the daemon's process cannot be seen, in a container for instance.
+void TopSampler::TakeUsage(Sample& sample) {
+    constexpr std::size_t UTIME = 14 - 3; // the fields' numbers in proc(5), from `state` on
+    constexpr std::size_t STIME = 15 - 3;
+    constexpr std::size_t RSS = 24 - 3; // in pages
+    constexpr std::int64_t KIB = 1024;
+    const std::vector<std::string> fields = ReadStatFields(mProc + std::to_string(sample.pid) + "/stat");
+    if (fields.size() <= RSS) {
+        return;
+    }
+    sample.cpuTicks = std::atoll(fields[UTIME].c_str()) + std::atoll(fields[STIME].c_str());
+    Usage usage{std::atoll(fields[RSS].c_str()) * (sysconf(_SC_PAGESIZE) / KIB)};
+    if (mLast && mLast->cpuTicks) {
+        constexpr double PERCENT = 100;
+        const auto ticks = static_cast<double>(*sample.cpuTicks - *mLast->cpuTicks);
+        usage.cpuPercent =
+            ticks / static_cast<double>(sysconf(_SC_CLK_TCK)) / (sample.seconds - mLast->seconds) * PERCENT;
+    }
+    mView->usage = usage;
+}
+
+// A history that cannot be read is no reason to show nothing else.
+void TopSampler::TakeHistory() {
+    try {
+        for (const Json::Value& report : Member(mSource(LatestOf("whitelist_4")), "reports")) {
+            mView->alerts.push_back(ReadAlert(report));
+        }
+        for (const Json::Value& report : Member(mSource(LatestOf("whitelist_3")), "reports")) {
+            AddLearned(report, mView->learned);
+        }
+    } catch (const Failure& failure) {
+        if (failure.GetStatus() == EXIT_NO_DAEMON) {
+            throw;
+        }
+        mView->historyProblem = Escape(failure.what());
+    }
+}
+
+} // namespace Ctl::Top
