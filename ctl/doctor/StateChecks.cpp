@@ -139,7 +139,11 @@ std::string ReadObject(const std::string& text) {
     return SDK::JsonUtils::ParseJsonStr(text, document) == 0 && document.isObject() ? "" : "not a JSON object";
 }
 
+// An empty one is made by the module's first start.
 std::string ReadList(const std::string& text) {
+    if (text.empty()) {
+        return "";
+    }
     Json::Value document;
     if (SDK::JsonUtils::ParseJsonStr(text, document) != 0) {
         return "not JSON";

@@ -44,12 +44,18 @@ std::vector<Queue> ReadQueues(const Json::Value& tasks) {
     return queues;
 }
 
+// The member as it stands in a column: never empty.
+std::string Column(const Json::Value& object, const char* key) {
+    const std::string text = Field(object, key);
+    return text.empty() ? "-" : text;
+}
+
 Alert ReadAlert(const Json::Value& report) {
     const Json::Value data = Member(report, "data");
     const Json::Value process = Member(data, "process_info");
     return {JsonUtils::GetInt64Value(data, "occur_time", Number(report, "time")),
-            JsonUtils::GetIntValue(process, "block", 0) == 1, Field(process, "process_pid"),
-            Field(process, "process_username"), Field(process, "process_path")};
+            JsonUtils::GetIntValue(process, "block", 0) == 1, Column(process, "process_pid"),
+            Column(process, "process_username"), Column(process, "process_path")};
 }
 
 // The processes of one report, the last first.
