@@ -1,6 +1,6 @@
 #include <array>
 #include <charconv>
-#include <cstdio>
+#include <sstream>
 #include <string>
 
 #include "ctl/Output.h"
@@ -199,8 +199,8 @@ Finding CheckOpenFiles(const Patient& patient) {
     std::int64_t used = 0;
     std::int64_t unused = 0;
     std::int64_t limit = 0;
-    const std::string text = patient.machine.Read("sys/fs/file-nr").value_or("");
-    if (std::sscanf(text.c_str(), "%ld %ld %ld", &used, &unused, &limit) != 3) {
+    std::istringstream text(patient.machine.Read("sys/fs/file-nr").value_or(""));
+    if (!(text >> used >> unused >> limit)) {
         return Warning("not known", "see that /proc is mounted whole, with /proc/sys");
     }
     const std::string found = std::to_string(used) + " of " + std::to_string(limit) + " files open on the machine";

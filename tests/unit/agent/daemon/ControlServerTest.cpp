@@ -225,6 +225,7 @@ TEST_F(ControlServerTest, ReportsAreAnsweredAsAskedFor) {
     EXPECT_EQ(SDK::JsonUtils::JsonToString(Get("/reports?type=a%20b&since=10&after=1&limit=5").body),
               R"({"reports":[{"data":"text","id":3,"time":30,"type":"a b"}]})");
     EXPECT_EQ(Get("/reports?limit=1").body["reports"].size(), 1U);
+    EXPECT_EQ(Get("/reports?limit=1&newest_first").body["reports"][0]["id"].asInt(), 3);
 }
 
 TEST_F(ControlServerTest, AQuestionThatMakesNoSenseIsABadRequest) {

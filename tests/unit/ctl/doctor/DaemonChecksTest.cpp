@@ -104,7 +104,7 @@ TEST_F(DaemonChecksTest, AContainersPidOneIsNotTheMachines) {
     }
     ExpectFailure("its user namespace", "not the machine's initial one");
     ExpectFailure("its pid namespace", "not the machine's initial one");
-    ExpectOk("its net namespace", "that of pid 1"); // no number tells, before Linux 6.18
+    ExpectOk("its net namespace", "that of pid 1"); // its number tells nothing on older kernels
 }
 
 TEST_F(DaemonChecksTest, NamespacesThatCannotBeReadAreNotKnown) {
