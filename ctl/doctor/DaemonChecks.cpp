@@ -19,21 +19,21 @@ using SDK::JsonUtils;
 
 constexpr const char* LOCK = "run/agent.lock";
 
-std::string FileOf(const Patient& patient, const std::string& name) {
-    return std::to_string(patient.DaemonPid()) + "/" + name;
+std::string FileOf(const Subject& subject, const std::string& name) {
+    return std::to_string(subject.DaemonPid()) + "/" + name;
 }
 
 // ---- is there one, and only one
 
 // Who holds the lock of the root, by the kernel's own table of locks; 0 when nobody does.
-int FindLockHolder(const Patient& patient) {
+int FindLockHolder(const Subject& subject) {
     struct stat lock {};
-    if (stat((patient.root + LOCK).c_str(), &lock) != 0) {
+    if (stat((subject.root + LOCK).c_str(), &lock) != 0) {
         return 0;
     }
     // proc(5): NUMBER: FLOCK ADVISORY WRITE PID MAJOR:MINOR:INODE FIRST LAST
     const std::string wanted = ":" + std::to_string(lock.st_ino);
-    std::istringstream text(patient.machine.Read("locks").value_or(""));
+    std::istringstream text(subject.machine.Read("locks").value_or(""));
     for (std::string line; std::getline(text, line);) {
         std::istringstream fields(line);
         std::string number;
@@ -49,34 +49,34 @@ int FindLockHolder(const Patient& patient) {
     return 0;
 }
 
-Finding CheckRunning(const Patient& patient) {
-    const int holder = FindLockHolder(patient);
-    if (patient.HasDaemon()) {
-        const std::string pid = std::to_string(patient.DaemonPid());
-        if (holder > 0 && holder != patient.DaemonPid()) {
+Finding CheckRunning(const Subject& subject) {
+    const int holder = FindLockHolder(subject);
+    if (subject.HasDaemon()) {
+        const std::string pid = std::to_string(subject.DaemonPid());
+        if (holder > 0 && holder != subject.DaemonPid()) {
             return Failed("pid " + pid + " answers, but pid " + std::to_string(holder) + " works in this root",
                           "stop both, then start one");
         }
         return Ok("pid " + pid + ", up " +
-                  FormatDuration(JsonUtils::GetInt64Value(patient.status, "uptime_seconds", 0)));
+                  FormatDuration(JsonUtils::GetInt64Value(subject.status, "uptime_seconds", 0)));
     }
-    if (!patient.daemonMissing) {
-        return Failed(patient.noAnswer, "ask as root; else see log/corvalent.log, and restart the daemon");
+    if (!subject.daemonMissing) {
+        return Failed(subject.noAnswer, "ask as root; else see log/corvalent.log, and restart the daemon");
     }
     if (holder > 0) {
-        return Failed("pid " + std::to_string(holder) + " works in this root, but " + patient.noAnswer,
+        return Failed("pid " + std::to_string(holder) + " works in this root, but " + subject.noAnswer,
                       "wait until it is ready, or see log/corvalent.log and restart it");
     }
     static const std::string REMEDY = "start it: systemctl start corvalent, or bin/corvalentd --root DIR";
-    return patient.policy.accepted ? Failed("not running, although a policy was accepted: nothing is watched", REMEDY)
+    return subject.policy.accepted ? Failed("not running, although a policy was accepted: nothing is watched", REMEDY)
                                    : Warning("not running", REMEDY);
 }
 
-Finding CheckSocket(const Patient& patient) {
+Finding CheckSocket(const Subject& subject) {
     constexpr mode_t OTHERS = S_IRWXG | S_IRWXO;
     for (const std::string path : {"run", "run/agent.sock"}) {
         struct stat found {};
-        if (stat((patient.root + path).c_str(), &found) == 0 && (found.st_mode & OTHERS) != 0) {
+        if (stat((subject.root + path).c_str(), &found) == 0 && (found.st_mode & OTHERS) != 0) {
             return Failed(path + " is open to others than its owner: they can steer the agent",
                           "restart the daemon, which closes it, and ask who opened it");
         }
@@ -84,13 +84,13 @@ Finding CheckSocket(const Patient& patient) {
     return Ok("open to its owner only");
 }
 
-Finding CheckProgram(const Patient& patient) {
-    const std::string version = JsonUtils::GetStringValue(patient.status, "version", "unknown");
+Finding CheckProgram(const Subject& subject) {
+    const std::string version = JsonUtils::GetStringValue(subject.status, "version", "unknown");
     if (version != CORVALENT_VERSION) {
         return Warning("the daemon is version " + version + ", corvalentctl " + CORVALENT_VERSION,
                        "restart the daemon, or call the corvalentctl that was installed with it");
     }
-    if (patient.machine.ReadLink(FileOf(patient, "exe")).ends_with(" (deleted)")) {
+    if (subject.machine.ReadLink(FileOf(subject, "exe")).ends_with(" (deleted)")) {
         return Warning("version " + version + ", but its file was replaced since it was started", "restart the daemon");
     }
     return Ok("version " + version + ", as corvalentctl");
@@ -103,10 +103,10 @@ bool IsNeeded(Capability::Need need, const Policy& policy) {
            (need == Capability::Need::FOR_DIRECTORIES && policy.directoryMode);
 }
 
-Finding CheckDaemonRights(const Patient& patient) {
-    const auto capabilities = ReadCapabilities(patient.machine, std::to_string(patient.DaemonPid()));
+Finding CheckDaemonRights(const Subject& subject) {
+    const auto capabilities = ReadCapabilities(subject.machine, std::to_string(subject.DaemonPid()));
     if (!capabilities) {
-        return Warning("not known: /proc/" + FileOf(patient, "status") + " cannot be read",
+        return Warning("not known: /proc/" + FileOf(subject, "status") + " cannot be read",
                        "call corvalentctl doctor in the daemon's own pid namespace");
     }
     std::string missing;
@@ -114,7 +114,7 @@ Finding CheckDaemonRights(const Patient& patient) {
     for (const Capability& capability : AgentCapabilities()) {
         if (!capability.IsIn(*capabilities)) {
             missing += (missing.empty() ? "" : ", ") + std::string(capability.name) + " (" + capability.use + ")";
-            needed = needed || IsNeeded(capability.need, patient.policy);
+            needed = needed || IsNeeded(capability.need, subject.policy);
         }
     }
     static const std::string REMEDY = "run it as root, and let the service keep them (CapabilityBoundingSet=)";
@@ -134,8 +134,8 @@ bool IsInitial(const std::string& name) {
     return std::find(INITIAL_NAMESPACES.begin(), INITIAL_NAMESPACES.end(), name) != INITIAL_NAMESPACES.end();
 }
 
-std::string NamespaceOf(const Patient& patient, const std::string& process, const std::string& kind) {
-    return patient.machine.ReadLink(process + "/ns/" + kind);
+std::string NamespaceOf(const Subject& subject, const std::string& process, const std::string& kind) {
+    return subject.machine.ReadLink(process + "/ns/" + kind);
 }
 
 struct Namespace {
@@ -153,11 +153,11 @@ constexpr std::array<Namespace, 5> NAMESPACES = {{
     {"cgroup", false, "control groups have other names to it", false},
 }};
 
-Finding CheckNamespace(const Patient& patient, const Namespace& wanted) {
+Finding CheckNamespace(const Subject& subject, const Namespace& wanted) {
     static const std::string OUTSIDE = "run the daemon outside containers, and without what gives a service a view "
                                        "of its own";
-    const std::string own = NamespaceOf(patient, std::to_string(patient.DaemonPid()), wanted.kind);
-    const std::string first = NamespaceOf(patient, "1", wanted.kind);
+    const std::string own = NamespaceOf(subject, std::to_string(subject.DaemonPid()), wanted.kind);
+    const std::string first = NamespaceOf(subject, "1", wanted.kind);
     if (IsInitial(own)) {
         return Ok("the machine's initial one");
     }
@@ -175,8 +175,8 @@ Finding CheckNamespace(const Patient& patient, const Namespace& wanted) {
 
 // The soft limit of that name in proc(5)'s limits; nothing when it is not there. Without a limit: the
 // greatest number.
-std::optional<std::int64_t> ReadLimit(const Patient& patient, const std::string& name) {
-    const std::string text = patient.machine.Read(FileOf(patient, "limits")).value_or("");
+std::optional<std::int64_t> ReadLimit(const Subject& subject, const std::string& name) {
+    const std::string text = subject.machine.Read(FileOf(subject, "limits")).value_or("");
     const std::size_t place = text.find("\n" + name);
     if (place == std::string::npos) {
         return std::nullopt;
@@ -192,18 +192,18 @@ std::optional<std::int64_t> ReadLimit(const Patient& patient, const std::string&
     return read ? std::optional(limit) : std::nullopt;
 }
 
-std::int64_t CountOpenFiles(const Patient& patient) {
+std::int64_t CountOpenFiles(const Subject& subject) {
     std::error_code error;
     std::int64_t count = 0;
-    for (fs::directory_iterator entry(patient.machine.proc + FileOf(patient, "fd"), error), end; !error && entry != end;
+    for (fs::directory_iterator entry(subject.machine.proc + FileOf(subject, "fd"), error), end; !error && entry != end;
          entry.increment(error)) {
         ++count;
     }
     return count;
 }
 
-Finding CheckOpenFiles(const Patient& patient) {
-    const auto limit = ReadLimit(patient, "Max open files");
+Finding CheckOpenFiles(const Subject& subject) {
+    const auto limit = ReadLimit(subject, "Max open files");
     if (!limit) {
         return Warning("not known", "call corvalentctl doctor as root");
     }
@@ -212,7 +212,7 @@ Finding CheckOpenFiles(const Patient& patient) {
     constexpr std::int64_t NEEDED = 256;
     constexpr std::int64_t NEARLY_ALL_PERCENT = 80;
     static const std::string REMEDY = "raise the limit (LimitNOFILE= of the service) and restart the daemon";
-    const std::int64_t open = CountOpenFiles(patient);
+    const std::int64_t open = CountOpenFiles(subject);
     const std::string found = std::to_string(open) + " open of at most " + std::to_string(*limit);
     if (*limit < NEEDED) {
         return Failed(found + ": images and file accesses will be missed", REMEDY);
@@ -226,8 +226,8 @@ bool HasVariable(const std::string& environment, const std::string& name) {
     return environment.starts_with(name + "=") || environment.find('\0' + name + "=") != std::string::npos;
 }
 
-Finding CheckService(const Patient& patient) {
-    const auto environment = patient.machine.Read(FileOf(patient, "environ"));
+Finding CheckService(const Subject& subject) {
+    const auto environment = subject.machine.Read(FileOf(subject, "environ"));
     if (!environment) {
         return Warning("not known: the daemon's environment cannot be read", "call corvalentctl doctor as root");
     }
@@ -243,13 +243,13 @@ Finding CheckService(const Patient& patient) {
 
 } // namespace
 
-int Patient::DaemonPid() const {
+int Subject::DaemonPid() const {
     return JsonUtils::GetIntValue(status, "pid", 0);
 }
 
-Checks DaemonChecks(const Patient& patient) {
+Checks DaemonChecks(const Subject& subject) {
     Checks checks = {{"daemon", CheckRunning}};
-    if (patient.HasDaemon()) {
+    if (subject.HasDaemon()) {
         checks.insert(checks.end(), {{"its socket", CheckSocket},
                                      {"its version", CheckProgram},
                                      {"its rights", CheckDaemonRights},
@@ -257,7 +257,7 @@ Checks DaemonChecks(const Patient& patient) {
                                      {"its service", CheckService}});
         for (const Namespace& wanted : NAMESPACES) {
             checks.push_back({std::string("its ") + wanted.kind + " namespace",
-                              [&wanted](const Patient& examined) { return CheckNamespace(examined, wanted); }});
+                              [&wanted](const Subject& examined) { return CheckNamespace(examined, wanted); }});
         }
     }
     return checks;

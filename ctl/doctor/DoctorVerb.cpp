@@ -36,25 +36,25 @@ Policy ReadPolicy(const std::string& path) {
             JsonUtils::GetBoolValue(content, "action_block", false)};
 }
 
-Patient Admit(const std::string& root) {
-    Patient patient;
-    patient.root = root + (root.ends_with("/") ? "" : "/");
-    patient.machine = Machine::Real();
-    patient.policy = ReadPolicy(patient.root + "conf/policy.json");
-    patient.scope =
-        JsonUtils::GetStringValue(Member(ReadConfiguration(patient.root + "conf/agent.json"), "scope"), "cgroup", "");
+Subject MakeSubject(const std::string& root) {
+    Subject subject;
+    subject.root = root + (root.ends_with("/") ? "" : "/");
+    subject.machine = Machine::Real();
+    subject.policy = ReadPolicy(subject.root + "conf/policy.json");
+    subject.scope =
+        JsonUtils::GetStringValue(Member(ReadConfiguration(subject.root + "conf/agent.json"), "scope"), "cgroup", "");
     try {
-        patient.status = Client(patient.root, ANSWER_WITHIN).Get("/status");
+        subject.status = Client(subject.root, ANSWER_WITHIN).Get("/status");
     } catch (const Failure& failure) {
-        patient.noAnswer = failure.what();
-        patient.daemonMissing = failure.GetStatus() == EXIT_NO_DAEMON;
+        subject.noAnswer = failure.what();
+        subject.daemonMissing = failure.GetStatus() == EXIT_NO_DAEMON;
     }
-    return patient;
+    return subject;
 }
 
-Checks AllChecks(const Patient& patient) {
+Checks AllChecks(const Subject& subject) {
     Checks all;
-    for (const Checks& checks : {MachineChecks(), StateChecks(), DaemonChecks(patient), HealthChecks(patient)}) {
+    for (const Checks& checks : {MachineChecks(), StateChecks(), DaemonChecks(subject), HealthChecks(subject)}) {
         all.insert(all.end(), checks.begin(), checks.end());
     }
     return all;
@@ -89,13 +89,14 @@ void PrintFindingJson(const std::string& name, const Finding& finding) {
 }
 
 void Examine(const Context& context, bool json) {
-    const Patient patient = Admit(context.root);
-    const Checks checks = AllChecks(patient);
+    const Subject subject = MakeSubject(context.root);
+    const Checks checks = AllChecks(subject);
+    const auto print = json ? PrintFindingJson : PrintFinding;
     long warnings = 0;
     long failures = 0;
     for (const Check& check : checks) {
-        const Finding finding = check.run(patient);
-        json ? PrintFindingJson(check.name, finding) : PrintFinding(check.name, finding);
+        const Finding finding = check.run(subject);
+        print(check.name, finding);
         warnings += finding.grade == Grade::WARNING ? 1 : 0;
         failures += finding.grade == Grade::FAILURE ? 1 : 0;
         FlushOutput();

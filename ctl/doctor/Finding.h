@@ -40,7 +40,7 @@ struct Policy {
 };
 
 // What is being examined.
-struct Patient {
+struct Subject {
     std::string root{}; // the installation, with a trailing "/"
     Machine machine{};
     Policy policy{};
@@ -58,7 +58,7 @@ struct Patient {
 // One line of the examination. `run` reads and never changes anything.
 struct Check {
     std::string name;
-    std::function<Finding(const Patient&)> run;
+    std::function<Finding(const Subject&)> run;
 };
 
 using Checks = std::vector<Check>;
@@ -72,9 +72,9 @@ Checks MachineChecks();
 Checks StateChecks();
 
 // The daemon's process. Without a daemon the first of them says so, and the others are left out.
-Checks DaemonChecks(const Patient& patient);
+Checks DaemonChecks(const Subject& subject);
 
 // What a daemon that answers says of itself: policy, detection, queues, losses.
-Checks HealthChecks(const Patient& patient);
+Checks HealthChecks(const Subject& subject);
 
 } // namespace Ctl::Doctor

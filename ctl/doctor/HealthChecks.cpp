@@ -13,20 +13,20 @@ using SDK::JsonUtils;
 // The modes of work, as `status` gives them.
 enum Mode : int { STOPPED = 0, LEARNING = 1, LEARNED = 2, DETECTING = 3 };
 
-int ModeOf(const Patient& patient) {
-    return JsonUtils::GetIntValue(patient.status, "mode", -1);
+int ModeOf(const Subject& subject) {
+    return JsonUtils::GetIntValue(subject.status, "mode", -1);
 }
 
-std::string ModeNameOf(const Patient& patient) {
-    return JsonUtils::GetStringValue(patient.status, "mode_name", "unknown");
+std::string ModeNameOf(const Subject& subject) {
+    return JsonUtils::GetStringValue(subject.status, "mode_name", "unknown");
 }
 
 // ---- what it is told to do
 
-Finding CheckPolicy(const Patient& patient) {
-    const Json::Value policy = Member(patient.status, "policy");
+Finding CheckPolicy(const Subject& subject) {
+    const Json::Value policy = Member(subject.status, "policy");
     if (!policy.isObject()) {
-        return patient.policy.accepted
+        return subject.policy.accepted
                    ? Failed("conf/policy.json is not in force: it was refused at the start, nothing is watched",
                             "see log/corvalent.log for the reason, and apply a policy (corvalentctl policy apply FILE)")
                    : Warning("none accepted yet: nothing is learned or judged",
@@ -39,14 +39,14 @@ Finding CheckPolicy(const Patient& patient) {
     return Ok(hash + " is in force");
 }
 
-Finding CheckDetection(const Patient& patient) {
-    const int mode = ModeOf(patient);
-    const bool wished = JsonUtils::GetBoolValue(patient.status, "desired_detect", false);
+Finding CheckDetection(const Subject& subject) {
+    const int mode = ModeOf(subject);
+    const bool wished = JsonUtils::GetBoolValue(subject.status, "desired_detect", false);
     if (mode < STOPPED || mode > DETECTING) {
-        return Failed("the mode is not known: " + JsonUtils::GetStringValue(patient.status, "mode_error", "no answer"),
+        return Failed("the mode is not known: " + JsonUtils::GetStringValue(subject.status, "mode_error", "no answer"),
                       "see log/corvalent.log; the whitelist module has to be loaded");
     }
-    const std::string name = ModeNameOf(patient);
+    const std::string name = ModeNameOf(subject);
     if (mode == DETECTING) {
         return Ok(wished ? "wished, and a fact" : "a fact, started by the policy");
     }
@@ -55,23 +55,23 @@ Finding CheckDetection(const Patient& patient) {
                        "it follows by itself when learning is complete; else see log/corvalent.log");
     }
     if (mode == LEARNING) {
-        return Ok("not wished; learning, " + FieldText(patient.status, "learned_minutes") + " of " +
-                  FieldText(patient.status, "learn_period_minutes") + " minutes");
+        return Ok("not wished; learning, " + FieldText(subject.status, "learned_minutes") + " of " +
+                  FieldText(subject.status, "learn_period_minutes") + " minutes");
     }
     return Warning("not wished, and the agent is " + name + ": nothing is judged",
                    mode == LEARNED ? "corvalentctl detect start" : "corvalentctl learn reset");
 }
 
-Finding CheckBlocking(const Patient& patient) {
+Finding CheckBlocking(const Subject& subject) {
     // So many entries the lists together must exceed before anything is killed in global mode.
     constexpr std::int64_t FLOOR = 50;
-    if (!patient.policy.blocks) {
+    if (!subject.policy.blocks) {
         return Ok("off: untrusted programs are reported, and run");
     }
-    if (patient.policy.directoryMode) {
+    if (subject.policy.directoryMode) {
         return Ok("on: untrusted programs that touch a watched file are killed");
     }
-    const Json::Value lists = Member(patient.status, "lists");
+    const Json::Value lists = Member(subject.status, "lists");
     std::int64_t entries = 0;
     for (const char* list : {"local", "server", "os_preset", "service_preset"}) {
         entries += JsonUtils::GetInt64Value(lists, list, 0);
@@ -86,8 +86,8 @@ Finding CheckBlocking(const Patient& patient) {
 
 // ---- how it is doing
 
-Finding CheckTasks(const Patient& patient) {
-    const Json::Value tasks = Member(patient.status, "tasks");
+Finding CheckTasks(const Subject& subject) {
+    const Json::Value tasks = Member(subject.status, "tasks");
     for (const Json::Value& task : tasks) {
         if (FieldText(task, "state") != "running") {
             return Failed(FieldText(task, "name") + " is " + FieldText(task, "state"),
@@ -97,9 +97,9 @@ Finding CheckTasks(const Patient& patient) {
     return Ok(std::to_string(tasks.size()) + " running");
 }
 
-Finding CheckQueues(const Patient& patient) {
+Finding CheckQueues(const Subject& subject) {
     constexpr std::int64_t NEARLY_ALL_PERCENT = 80;
-    for (const Json::Value& task : Member(patient.status, "tasks")) {
+    for (const Json::Value& task : Member(subject.status, "tasks")) {
         const std::int64_t depth = JsonUtils::GetInt64Value(task, "depth", 0);
         const std::int64_t capacity = JsonUtils::GetInt64Value(task, "capacity", 0);
         if (capacity > 0 && depth > capacity / 100 * NEARLY_ALL_PERCENT) {
@@ -111,14 +111,14 @@ Finding CheckQueues(const Patient& patient) {
     return Ok("none is nearly full");
 }
 
-Finding CheckMarks(const Patient& patient) {
-    const Json::Value files = Member(patient.status, "files");
+Finding CheckMarks(const Subject& subject) {
+    const Json::Value files = Member(subject.status, "files");
     const std::string marks = FieldText(files, "marks");
     if (const std::int64_t failed = JsonUtils::GetInt64Value(files, "failed_marks", 0); failed > 0) {
         return Failed(std::to_string(failed) + " could not be placed, " + marks + " stand",
                       "see log/corvalent.log for the paths and reasons, then apply the policy again");
     }
-    if (patient.policy.directoryMode && JsonUtils::GetInt64Value(files, "marks", 0) == 0) {
+    if (subject.policy.directoryMode && JsonUtils::GetInt64Value(files, "marks", 0) == 0) {
         return Warning("none stands, although the policy is for directories",
                        "see that the policy's directories are there, and that the agent is not stopped");
     }
@@ -154,16 +154,16 @@ constexpr std::array<Loss, 14> LOSSES = {{
     {"files.overflow", "the kernel's queue of file accesses ran over", "raise fs.fanotify.max_queued_events"},
 }};
 
-Finding CheckLoss(const Patient& patient, const Loss& loss) {
-    const Json::Value counters = Member(patient.status, "counters");
+Finding CheckLoss(const Subject& subject, const Loss& loss) {
+    const Json::Value counters = Member(subject.status, "counters");
     const std::int64_t count = JsonUtils::GetInt64Value(counters, loss.counter, 0);
     return count == 0 ? Ok("0") : Warning(std::to_string(count) + " since the start: " + loss.meaning, loss.remedy);
 }
 
 } // namespace
 
-Checks HealthChecks(const Patient& patient) {
-    if (!patient.HasDaemon()) {
+Checks HealthChecks(const Subject& subject) {
+    if (!subject.HasDaemon()) {
         return {};
     }
     Checks checks = {
@@ -171,7 +171,7 @@ Checks HealthChecks(const Patient& patient) {
         {"tasks", CheckTasks},   {"queues", CheckQueues},       {"marks", CheckMarks},
     };
     for (const Loss& loss : LOSSES) {
-        checks.push_back({loss.counter, [&loss](const Patient& examined) { return CheckLoss(examined, loss); }});
+        checks.push_back({loss.counter, [&loss](const Subject& examined) { return CheckLoss(examined, loss); }});
     }
     return checks;
 }

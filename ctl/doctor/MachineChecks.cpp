@@ -34,8 +34,8 @@ std::string FirstLine(const std::string& text) {
     return text.substr(0, text.find('\n'));
 }
 
-Finding CheckKernel(const Patient& patient) {
-    const std::string release = FirstLine(patient.machine.Read("sys/kernel/osrelease").value_or(""));
+Finding CheckKernel(const Subject& subject) {
+    const std::string release = FirstLine(subject.machine.Read("sys/kernel/osrelease").value_or(""));
     KernelVersion version;
     if (!ParseVersion(release, version)) {
         return Warning("the kernel's version is not known [" + release + "]",
@@ -51,8 +51,8 @@ Finding CheckKernel(const Patient& patient) {
     return Ok(release + "; it sends only the process events that are wanted");
 }
 
-Finding CheckProcConnector(const Patient& patient) {
-    const std::string problem = patient.machine.tryProcConnector();
+Finding CheckProcConnector(const Subject& subject) {
+    const std::string problem = subject.machine.tryProcConnector();
     if (problem.empty()) {
         return Ok("it sends process events");
     }
@@ -61,20 +61,20 @@ Finding CheckProcConnector(const Patient& patient) {
                   "CONFIG_PROC_EVENTS=y");
 }
 
-Finding CheckFanotify(const Patient& patient) {
-    const std::string problem = patient.machine.tryFanotify();
+Finding CheckFanotify(const Subject& subject) {
+    const std::string problem = subject.machine.tryFanotify();
     if (problem.empty()) {
-        return Ok(patient.machine.hasFanotifyFileErrors()
+        return Ok(subject.machine.hasFanotifyFileErrors()
                       ? "marks can be placed; events are read in batches"
                       : "marks can be placed; events are read one by one, from Linux 6.13 on in batches");
     }
     static const std::string REMEDY = "run as root (CAP_SYS_ADMIN) on a kernel with CONFIG_FANOTIFY=y";
-    return patient.policy.directoryMode ? Failed(problem + "; the policy's directory mode lives on it", REMEDY)
+    return subject.policy.directoryMode ? Failed(problem + "; the policy's directory mode lives on it", REMEDY)
                                         : Warning(problem + "; directory mode would not work", REMEDY);
 }
 
-Finding CheckPidfd(const Patient& patient) {
-    const std::string problem = patient.machine.tryPidfd();
+Finding CheckPidfd(const Subject& subject) {
+    const std::string problem = subject.machine.tryPidfd();
     return problem.empty() ? Ok("processes can be held and signalled")
                            : Failed("processes cannot be held: " + problem,
                                     "run Linux 5.3 or later, and let no system call filter refuse pidfd_open");
@@ -82,9 +82,9 @@ Finding CheckPidfd(const Patient& patient) {
 
 // ---- mounts
 
-Finding CheckCgroup(const Patient& patient) {
-    const std::string mount = FindCgroupMount(patient.machine);
-    const std::string& scope = patient.scope;
+Finding CheckCgroup(const Subject& subject) {
+    const std::string mount = FindCgroupMount(subject.machine);
+    const std::string& scope = subject.scope;
     if (mount.empty()) {
         static const std::string REMEDY = "mount -t cgroup2 none /sys/fs/cgroup/unified, or boot with "
                                           "systemd.unified_cgroup_hierarchy=1";
@@ -97,7 +97,7 @@ Finding CheckCgroup(const Patient& patient) {
         return Ok("mounted at " + mount + "; the scope is the whole machine");
     }
     Space ignored;
-    if (patient.machine.measureSpace(mount + scope, ignored) != 0) {
+    if (subject.machine.measureSpace(mount + scope, ignored) != 0) {
         return Failed("there is no control group " + scope + " below " + mount + ": the agent sees no process",
                       "make the group, or correct scope.cgroup in conf/agent.json and restart the daemon");
     }
@@ -108,9 +108,9 @@ bool HasOption(const std::string& options, const std::string& name) {
     return ("," + options + ",").find("," + name) != std::string::npos;
 }
 
-Finding CheckProc(const Patient& patient) {
+Finding CheckProc(const Subject& subject) {
     const Mount* proc = nullptr;
-    const std::vector<Mount> mounts = ReadMounts(patient.machine);
+    const std::vector<Mount> mounts = ReadMounts(subject.machine);
     for (const Mount& mount : mounts) {
         proc = mount.type == "proc" && mount.point == "/proc" ? &mount : proc;
     }
@@ -131,8 +131,8 @@ Finding CheckProc(const Patient& patient) {
 
 // ---- this process
 
-Finding CheckOwnRights(const Patient& patient) {
-    const auto capabilities = ReadCapabilities(patient.machine, "self");
+Finding CheckOwnRights(const Subject& subject) {
+    const auto capabilities = ReadCapabilities(subject.machine, "self");
     if (!capabilities) {
         return Warning("not known: /proc/self/status cannot be read", "mount -t proc proc /proc");
     }
@@ -173,8 +173,8 @@ std::string PathOf(const std::string& setting) {
     return path;
 }
 
-Finding CheckSetting(const Patient& patient, const Setting& setting) {
-    const auto value = patient.machine.ReadNumber(PathOf(setting.name));
+Finding CheckSetting(const Subject& subject, const Setting& setting) {
+    const auto value = subject.machine.ReadNumber(PathOf(setting.name));
     if (!value) {
         return Warning("not known", std::string("see that the kernel has ") + setting.name);
     }
@@ -186,8 +186,8 @@ Finding CheckSetting(const Patient& patient, const Setting& setting) {
                    "sysctl -w " + std::string(setting.name) + "=" + enough + ", and the same in /etc/sysctl.d/");
 }
 
-Finding CheckReceiveBuffer(const Patient& patient) {
-    const auto value = patient.machine.ReadNumber("sys/net/core/rmem_max");
+Finding CheckReceiveBuffer(const Subject& subject) {
+    const auto value = subject.machine.ReadNumber("sys/net/core/rmem_max");
     if (!value) {
         return Warning("not to be seen: this is not the initial network namespace",
                        "run the daemon, and corvalentctl doctor, outside containers");
@@ -195,11 +195,11 @@ Finding CheckReceiveBuffer(const Patient& patient) {
     return Ok(std::to_string(*value) + "; the agent's 8 MiB for process events go beyond it with CAP_NET_ADMIN");
 }
 
-Finding CheckOpenFiles(const Patient& patient) {
+Finding CheckOpenFiles(const Subject& subject) {
     std::int64_t used = 0;
     std::int64_t unused = 0;
     std::int64_t limit = 0;
-    std::istringstream text(patient.machine.Read("sys/fs/file-nr").value_or(""));
+    std::istringstream text(subject.machine.Read("sys/fs/file-nr").value_or(""));
     if (!(text >> used >> unused >> limit)) {
         return Warning("not known", "see that /proc is mounted whole, with /proc/sys");
     }
@@ -216,8 +216,8 @@ Finding CheckOpenFiles(const Patient& patient) {
 constexpr std::int64_t YEAR_2025 = 1735689600;
 constexpr std::int64_t YEAR_2100 = 4102444800;
 
-Finding CheckClock(const Patient& patient) {
-    const std::int64_t now = patient.machine.readClock().now;
+Finding CheckClock(const Subject& subject) {
+    const std::int64_t now = subject.machine.readClock().now;
     if (now < YEAR_2025 || now >= YEAR_2100) {
         return Failed(FormatTime(now) + " cannot be: reports and alerts bear wrong times",
                       "set the clock (timedatectl set-time), then restart the daemon");
@@ -225,8 +225,8 @@ Finding CheckClock(const Patient& patient) {
     return Ok(FormatTime(now));
 }
 
-Finding CheckSynchronised(const Patient& patient) {
-    return patient.machine.readClock().synchronised
+Finding CheckSynchronised(const Subject& subject) {
+    return subject.machine.readClock().synchronised
                ? Ok("synchronised")
                : Warning("not synchronised: times of reports may not agree with other machines'",
                          "run a time service, such as chrony or systemd-timesyncd");
@@ -241,7 +241,7 @@ Checks MachineChecks() {
         {"own rights", CheckOwnRights},
     };
     for (const Setting& setting : SETTINGS) {
-        checks.push_back({setting.name, [&setting](const Patient& patient) { return CheckSetting(patient, setting); }});
+        checks.push_back({setting.name, [&setting](const Subject& subject) { return CheckSetting(subject, setting); }});
     }
     checks.push_back({"net.core.rmem_max", CheckReceiveBuffer});
     checks.push_back({"fs.file-max", CheckOpenFiles});

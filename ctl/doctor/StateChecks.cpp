@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -23,9 +25,9 @@ namespace fs = std::filesystem;
 
 constexpr std::uint64_t MIB = 1U << 20U;
 
-Finding CheckRoom(const Patient& patient, const std::string& folder) {
+Finding CheckRoom(const Subject& subject, const std::string& folder) {
     Space space;
-    if (const int error = patient.machine.measureSpace(patient.root + folder, space); error != 0) {
+    if (const int error = subject.machine.measureSpace(subject.root + folder, space); error != 0) {
         return Failed("cannot be examined: " + std::string(std::strerror(error)),
                       "install the agent into this root, or start the daemon once");
     }
@@ -87,9 +89,9 @@ std::string FindStrangerIn(const std::string& folder) {
     return stranger;
 }
 
-Finding CheckRights(const Patient& patient, const std::string& folder) {
+Finding CheckRights(const Subject& subject, const std::string& folder) {
     std::error_code error;
-    const std::string path = patient.root + folder;
+    const std::string path = subject.root + folder;
     if (!fs::is_directory(path, error)) {
         return Failed("there is no folder " + path, "install the agent into this root, or start the daemon once");
     }
@@ -100,9 +102,9 @@ Finding CheckRights(const Patient& patient, const std::string& folder) {
 }
 
 // Whoever may rename a folder above the root may put another root in its place.
-Finding CheckAbove(const Patient& patient) {
+Finding CheckAbove(const Subject& subject) {
     std::error_code error;
-    const fs::path root = fs::canonical(patient.root, error);
+    const fs::path root = fs::canonical(subject.root, error);
     for (fs::path path = root; !error; path = path.parent_path()) {
         struct stat folder {};
         const bool known = stat(path.c_str(), &folder) == 0;
@@ -115,14 +117,14 @@ Finding CheckAbove(const Patient& patient) {
             return Ok(root.string());
         }
     }
-    return Failed(patient.root + " cannot be examined: " + error.message(), "name the installation with --root DIR");
+    return Failed(subject.root + " cannot be examined: " + error.message(), "name the installation with --root DIR");
 }
 
-Finding CheckInstalled(const Patient& patient) {
+Finding CheckInstalled(const Subject& subject) {
     for (const char* file :
          {"bin/corvalentd", "module/libwhitelist_module.so", "module/libprocess_collect_module.so",
           "module/libfilenotify_module.so", "module/libisolate_module.so", "module/libdata_comm_module.so"}) {
-        if (!SDK::FileUtils::IsFile(patient.root + file)) {
+        if (!SDK::FileUtils::IsFile(subject.root + file)) {
             return Failed(std::string(file) + " is missing", "install the agent again");
         }
     }
@@ -206,8 +208,8 @@ constexpr std::array<StateFile, 8> STATE_FILES = {{
     {"conf/servicePresetProcess.dat", LIST_BYTES, ReadList, SEND_LIST_AGAIN},
 }};
 
-Finding CheckStateFile(const Patient& patient, const StateFile& file) {
-    const std::string path = patient.root + file.name;
+Finding CheckStateFile(const Subject& subject, const StateFile& file) {
+    const std::string path = subject.root + file.name;
     std::string text;
     const int error = SDK::FileUtils::ReadFile(path, text, file.maxBytes);
     if (error == ENOENT) {
@@ -232,12 +234,12 @@ Finding CheckStateFile(const Patient& patient, const StateFile& file) {
 }
 
 // A clock that was set back makes reports older than what they follow.
-Finding CheckAges(const Patient& patient) {
+Finding CheckAges(const Subject& subject) {
     constexpr std::int64_t TOLERANCE_SECONDS = 60;
-    const std::int64_t now = patient.machine.readClock().now;
+    const std::int64_t now = subject.machine.readClock().now;
     for (const StateFile& file : STATE_FILES) {
         struct stat found {};
-        if (stat((patient.root + file.name).c_str(), &found) == 0 && found.st_mtim.tv_sec > now + TOLERANCE_SECONDS) {
+        if (stat((subject.root + file.name).c_str(), &found) == 0 && found.st_mtim.tv_sec > now + TOLERANCE_SECONDS) {
             return Failed(std::string(file.name) + " is from the future (" + FormatTime(found.st_mtim.tv_sec) +
                               "): the clock was set back",
                           "set the clock, then restart the daemon");
@@ -248,15 +250,15 @@ Finding CheckAges(const Patient& patient) {
 
 // ---- the history
 
-Finding CheckReports(const Patient& patient) {
-    return CheckHistory(patient.root + "data/reports.db", HISTORY_DEADLINE);
+Finding CheckReports(const Subject& subject) {
+    return CheckHistory(subject.root + "data/reports.db", HISTORY_DEADLINE);
 }
 
-Finding CheckSetAside(const Patient& patient) {
+Finding CheckSetAside(const Subject& subject) {
     std::size_t count = 0;
     std::string last;
     std::error_code error;
-    for (fs::directory_iterator entry(patient.root + "data", error), end; !error && entry != end;
+    for (fs::directory_iterator entry(subject.root + "data", error), end; !error && entry != end;
          entry.increment(error)) {
         const std::string name = entry->path().filename().string();
         if (name.starts_with("reports.db.corrupt-") && !name.ends_with("-wal") && !name.ends_with("-shm")) {
@@ -275,14 +277,14 @@ Checks StateChecks() {
     Checks checks = {{"root", CheckAbove}, {"installed", CheckInstalled}};
     for (const char* folder : {"conf", "data", "log"}) {
         checks.push_back({std::string("room in ") + folder + "/",
-                          [folder](const Patient& patient) { return CheckRoom(patient, folder); }});
+                          [folder](const Subject& subject) { return CheckRoom(subject, folder); }});
     }
     for (const char* folder : {"bin", "lib", "module", "conf", "data", "log"}) {
         checks.push_back({std::string("rights in ") + folder + "/",
-                          [folder](const Patient& patient) { return CheckRights(patient, folder); }});
+                          [folder](const Subject& subject) { return CheckRights(subject, folder); }});
     }
     for (const StateFile& file : STATE_FILES) {
-        checks.push_back({file.name, [&file](const Patient& patient) { return CheckStateFile(patient, file); }});
+        checks.push_back({file.name, [&file](const Subject& subject) { return CheckStateFile(subject, file); }});
     }
     checks.push_back({"ages of state", CheckAges});
     checks.push_back({"data/reports.db", CheckReports});

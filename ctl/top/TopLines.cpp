@@ -23,11 +23,7 @@ std::string FormatUsage(const std::optional<Usage>& usage) {
     if (!usage) {
         return "cpu%=- rss_kib=-";
     }
-    std::ostringstream text;
-    text << "cpu%=" << std::fixed << std::setprecision(1);
-    usage->cpuPercent ? text << *usage->cpuPercent : text << "-";
-    text << " rss_kib=" << usage->residentKib;
-    return text.str();
+    return "cpu%=" + FormatDecimal(usage->cpuPercent) + " rss_kib=" + std::to_string(usage->residentKib);
 }
 
 std::string FormatLatest(const View& view) {
@@ -42,13 +38,17 @@ std::string FormatLatest(const View& view) {
 
 } // namespace
 
-std::string FormatRate(const std::optional<Rates>& rates, double Rates::*kind) {
-    if (!rates) {
+std::string FormatDecimal(std::optional<double> number) {
+    if (!number) {
         return "-";
     }
     std::ostringstream text;
-    text << std::fixed << std::setprecision(1) << (*rates).*kind;
+    text << std::fixed << std::setprecision(1) << *number;
     return text.str();
+}
+
+std::string FormatRate(const std::optional<Rates>& rates, double Rates::*kind) {
+    return FormatDecimal(rates ? std::optional((*rates).*kind) : std::nullopt);
 }
 
 std::string FormatLine(const View& view) {

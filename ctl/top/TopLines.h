@@ -6,6 +6,9 @@
 
 namespace Ctl::Top {
 
+// With one decimal; "-" for what is not known.
+std::string FormatDecimal(std::optional<double> number);
+
 // "12.0"; "-" for a rate that is not known yet.
 std::string FormatRate(const std::optional<Rates>& rates, double Rates::*kind);
 

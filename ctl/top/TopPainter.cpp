@@ -4,8 +4,6 @@
 #include <clocale>
 #include <cstdlib>
 #include <cwchar>
-#include <iomanip>
-#include <sstream>
 
 // The functions with wide characters, and no macros called clear or refresh.
 #define NCURSES_NOMACROS 1
@@ -130,15 +128,13 @@ void PaintLists(const View& view) {
 
 void PaintUsage(const View& view) {
     constexpr double KIB_A_MIB = 1024;
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(1);
-    if (view.usage) {
-        text << "memory " << static_cast<double>(view.usage->residentKib) / KIB_A_MIB << " MiB  CPU ";
-        view.usage->cpuPercent ? text << *view.usage->cpuPercent << " %" : text << "-";
-    } else {
-        text << "its process cannot be seen from here";
+    LineWriter line = Label(5, "agent");
+    if (!view.usage) {
+        line.Write("its process cannot be seen from here");
+        return;
     }
-    Label(5, "agent").Write(text.str());
+    line.Write("memory " + FormatDecimal(static_cast<double>(view.usage->residentKib) / KIB_A_MIB) + " MiB  CPU " +
+               FormatDecimal(view.usage->cpuPercent) + " %");
 }
 
 void PaintHeading(int line, const std::string& text) {
@@ -235,9 +231,7 @@ std::string TopPainter::WhyNot() {
     if (setupterm(nullptr, STDOUT_FILENO, &known) != OK) {
         return "the terminal [" + terminal + "] is not known";
     }
-    const char* goTo = tigetstr("cup");
-    // (char*)-1 for what is no text at all.
-    const bool movable = goTo != nullptr && goTo != reinterpret_cast<const char*>(-1);
+    const bool movable = tigetstr("cup") != nullptr;
     del_curterm(set_curterm(nullptr));
     return movable ? "" : "the terminal [" + terminal + "] has no cursor that can be moved";
 }

@@ -22,12 +22,18 @@ using SDK::JsonUtils;
 // As many as any screen shows.
 constexpr std::size_t MAX_SHOWN = 50;
 
+// One of them may hold some thousand processes.
+constexpr std::size_t MAX_LEARNED_REPORTS = 10;
+
 std::int64_t Number(const Json::Value& object, const char* key) {
     return JsonUtils::GetInt64Value(object, key, 0);
 }
 
-std::string LatestOf(const std::string& type) {
-    return "/reports?newest_first&limit=" + std::to_string(MAX_SHOWN) + "&type=" + type;
+// Puts what is newer before what is there.
+template <typename Thing> void PutBefore(std::vector<Thing>& things, std::vector<Thing> newer) {
+    newer.insert(newer.end(), things.begin(), things.end());
+    newer.resize(std::min(newer.size(), MAX_SHOWN));
+    things.swap(newer);
 }
 
 // How fast a counter grew.
@@ -119,8 +125,16 @@ void TopSampler::TakeStatus(double seconds) {
 
     Sample sample{seconds, JsonUtils::GetIntValue(status, "pid", 0), Member(status, "events"), std::nullopt};
     mView->lost = Number(sample.events, "lost");
-    // Another daemon counts from 0 again.
-    if (mLast && (mLast->pid != sample.pid || seconds <= mLast->seconds)) {
+    // Another daemon counts from 0 again, and its history may be another one.
+    if (mPid != sample.pid) {
+        mPid = sample.pid;
+        mLast.reset();
+        mAlerts.clear();
+        mLearned.clear();
+        mLastAlertId = 0;
+        mLastLearnedId = 0;
+    }
+    if (mLast && seconds <= mLast->seconds) {
         mLast.reset();
     }
     TakeUsage(sample);
@@ -157,18 +171,35 @@ void TopSampler::TakeUsage(Sample& sample) {
 // A history that cannot be read is no reason to show nothing else.
 void TopSampler::TakeHistory() {
     try {
-        for (const Json::Value& report : Member(mSource(LatestOf("whitelist_4")), "reports")) {
-            mView->alerts.push_back(ReadAlert(report));
+        std::vector<Alert> alerts;
+        for (const Json::Value& report : TakeNew("whitelist_4", MAX_SHOWN, mLastAlertId)) {
+            alerts.push_back(ReadAlert(report));
         }
-        for (const Json::Value& report : Member(mSource(LatestOf("whitelist_3")), "reports")) {
-            AddLearned(report, mView->learned);
+        PutBefore(mAlerts, alerts);
+        std::vector<Learned> learned;
+        for (const Json::Value& report : TakeNew("whitelist_3", MAX_LEARNED_REPORTS, mLastLearnedId)) {
+            AddLearned(report, learned);
         }
+        PutBefore(mLearned, learned);
     } catch (const Failure& failure) {
         if (failure.GetStatus() == EXIT_NO_DAEMON) {
             throw;
         }
         mView->historyProblem = Escape(failure.what());
     }
+    mView->alerts = mAlerts;
+    mView->learned = mLearned;
+}
+
+// The reports of that type that are newer than `lastId`, newest first; moves `lastId` to the newest.
+Json::Value TopSampler::TakeNew(const char* type, std::size_t limit, std::int64_t& lastId) const {
+    const Json::Value reports = Member(mSource("/reports?newest_first&after=" + std::to_string(lastId) +
+                                               "&limit=" + std::to_string(limit) + "&type=" + type),
+                                       "reports");
+    for (const Json::Value& report : reports) {
+        lastId = std::max(lastId, Number(report, "id"));
+    }
+    return reports;
 }
 
 } // namespace Ctl::Top

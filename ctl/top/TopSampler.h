@@ -101,10 +101,19 @@ private:
     void TakeUsage(Sample& sample);
     void TakeHistory();
 
+    Json::Value TakeNew(const char* type, std::size_t limit, std::int64_t& lastId) const;
+
     const Source mSource;
     const std::string mProc;
+    int mPid = 0;
     std::optional<Sample> mLast;
     std::optional<View> mView; // nothing until the first answer
+
+    // The latest of the history that was read so far, up to the reports with these ids; newest first.
+    std::vector<Alert> mAlerts;
+    std::vector<Learned> mLearned;
+    std::int64_t mLastAlertId = 0;
+    std::int64_t mLastLearnedId = 0;
 };
 
 } // namespace Ctl::Top

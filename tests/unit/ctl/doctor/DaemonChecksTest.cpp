@@ -1,16 +1,16 @@
 #include <sys/stat.h>
 
-#include "unit/ctl/doctor/PatientTest.h"
+#include "unit/ctl/doctor/SubjectTest.h"
 
 namespace DoctorTest {
 namespace {
 
-class DaemonChecksTest : public PatientTest {
+class DaemonChecksTest : public SubjectTest {
 protected:
     void LoseDaemon(bool missing, const std::string& reason) {
-        patient.status = Json::Value();
-        patient.daemonMissing = missing;
-        patient.noAnswer = reason;
+        subject.status = Json::Value();
+        subject.daemonMissing = missing;
+        subject.noAnswer = reason;
     }
 
     void LockBy(int pid) const {
@@ -27,8 +27,8 @@ TEST_F(DaemonChecksTest, ADaemonInOrderIsOkInEverything) {
     root.Write("run/agent.sock", "");
     chmod((root / "run").c_str(), 0700);
     chmod((root / "run/agent.sock").c_str(), 0600);
-    EXPECT_EQ(DaemonChecks(patient).size(), 11U);
-    for (const Check& check : DaemonChecks(patient)) {
+    EXPECT_EQ(DaemonChecks(subject).size(), 11U);
+    for (const Check& check : DaemonChecks(subject)) {
         ExpectOk(check.name);
     }
     ExpectOk("daemon", "pid 4711, up 1 min 1 s");
@@ -36,10 +36,10 @@ TEST_F(DaemonChecksTest, ADaemonInOrderIsOkInEverything) {
 
 TEST_F(DaemonChecksTest, WithoutADaemonOnlyThatIsSaid) {
     LoseDaemon(true, "no daemon listens");
-    EXPECT_EQ(DaemonChecks(patient).size(), 1U);
-    EXPECT_TRUE(HealthChecks(patient).empty());
+    EXPECT_EQ(DaemonChecks(subject).size(), 1U);
+    EXPECT_TRUE(HealthChecks(subject).empty());
     ExpectFailure("daemon", "not running, although a policy was accepted");
-    patient.policy.accepted = false;
+    subject.policy.accepted = false;
     ExpectWarning("daemon", "not running");
 }
 
@@ -68,18 +68,18 @@ TEST_F(DaemonChecksTest, ASocketThatOthersCanReachIsAFailure) {
 TEST_F(DaemonChecksTest, AnOtherVersionOrAReplacedProgramIsAWarning) {
     Link("4711/exe", "/usr/local/corvalent/bin/corvalentd (deleted)");
     ExpectWarning("its version", "replaced since it was started");
-    patient.status["version"] = "0.0.9";
+    subject.status["version"] = "0.0.9";
     ExpectWarning("its version", "the daemon is version 0.0.9, corvalentctl " CORVALENT_VERSION);
 }
 
 TEST_F(DaemonChecksTest, ItsRightsAreMeasuredByWhatThePolicyAsksFor) {
     WriteCapabilities("4711", "0000000000081004"); // DAC_READ_SEARCH, NET_ADMIN, SYS_PTRACE
     ExpectWarning("its rights", "not needed by the policy in force: CAP_KILL (to kill others' processes), CAP_FOWNER");
-    patient.policy.blocks = true;
+    subject.policy.blocks = true;
     ExpectFailure("its rights", "CAP_KILL");
-    patient.policy = {true, true, false};
+    subject.policy = {true, true, false};
     ExpectFailure("its rights", "CAP_SYS_ADMIN (to watch files)");
-    patient.policy = {true, false, false};
+    subject.policy = {true, false, false};
     WriteCapabilities("4711", "000001ffffffefff");
     ExpectFailure("its rights", "missing: CAP_NET_ADMIN (to hear of process starts)");
     Remove("4711/status");

@@ -1,9 +1,9 @@
-#include "unit/ctl/doctor/PatientTest.h"
+#include "unit/ctl/doctor/SubjectTest.h"
 
 namespace DoctorTest {
 namespace {
 
-using MachineChecksTest = PatientTest;
+using MachineChecksTest = SubjectTest;
 
 TEST_F(MachineChecksTest, AMachineInOrderIsOkInEverything) {
     for (const Check& check : MachineChecks()) {
@@ -35,20 +35,20 @@ TEST_F(MachineChecksTest, FanotifyIsNeededByDirectoryModeOnly) {
     ExpectOk("fanotify", "one by one");
     fanotifyProblem = "no fanotify here";
     ExpectWarning("fanotify", "no fanotify here");
-    patient.policy.directoryMode = true;
+    subject.policy.directoryMode = true;
     ExpectFailure("fanotify", "no fanotify here");
 }
 
 TEST_F(MachineChecksTest, TheScopeIsAControlGroupThatIsThere) {
     ExpectOk("control groups", "mounted at " + proc.Path() + "/c g; the scope is the whole machine");
-    patient.scope = "/canary";
+    subject.scope = "/canary";
     ExpectFailure("control groups", "there is no control group /canary");
     std::filesystem::create_directory(proc / "c g/canary");
     ExpectOk("control groups", "the scope is /canary");
 
     WriteMounts("rw", false);
     ExpectFailure("control groups", "not mounted, but the scope is the control group /canary");
-    patient.scope = "";
+    subject.scope = "";
     ExpectWarning("control groups", "not mounted");
 }
 

@@ -5,14 +5,14 @@
 #include <utime.h>
 
 #include "ctl/doctor/History.h"
-#include "unit/ctl/doctor/PatientTest.h"
+#include "unit/ctl/doctor/SubjectTest.h"
 
 namespace DoctorTest {
 namespace {
 
 constexpr std::uint64_t MIB = 1U << 20U;
 
-class StateChecksTest : public PatientTest {
+class StateChecksTest : public SubjectTest {
 protected:
     StateChecksTest() { clock.now = std::time(nullptr); }
 
@@ -78,7 +78,7 @@ TEST_F(StateChecksTest, NobodyElseMayChangeTheInstallation) {
 }
 
 TEST_F(StateChecksTest, NobodyElseMayReplaceTheRoot) {
-    patient.root = root / "inner/";
+    subject.root = root / "inner/";
     ExpectFailure("root", "No such file");
     std::filesystem::create_directory(root / "inner");
     ExpectOk("root", root.Path() + "/inner");

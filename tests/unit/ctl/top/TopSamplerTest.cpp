@@ -11,6 +11,7 @@
 namespace {
 
 using namespace Ctl::Top;
+using testing::ElementsAre;
 using testing::HasSubstr;
 
 class TopSamplerTest : public testing::Test {
@@ -35,6 +36,7 @@ protected:
         if (historyBroken) {
             throw Ctl::Failure("the history\ncannot be read");
         }
+        questions.push_back(path);
         Json::Value answer;
         answer["reports"] = path.find("whitelist_4") != std::string::npos ? alerts : learned;
         return answer;
@@ -56,6 +58,7 @@ protected:
     Json::Value status;
     Json::Value alerts{Json::arrayValue};
     Json::Value learned{Json::arrayValue};
+    std::vector<std::string> questions; // about the history
     bool away = false;
     bool historyAway = false;
     bool historyBroken = false;
@@ -143,6 +146,45 @@ TEST_F(TopSamplerTest, TheLatestAlertsAndLearnedProgramsComeNewestFirstAndEscape
     EXPECT_EQ(view.learned[0].path, "/bin/\\nb");
     EXPECT_EQ(view.learned[1].path, "/bin/a");
     EXPECT_EQ(view.learned[1].time, 80);
+}
+
+TEST_F(TopSamplerTest, OnlyWhatIsNewIsAskedForAndStandsBeforeWhatIsKnown) {
+    Report(alerts, R"({"id": 7, "data": {"process_info": {"process_path": "/old"}}})");
+    Report(learned, R"({"id": 8, "data": {"process_info": [{"path": "/bin/old"}]}})");
+    sampler.Take(1);
+    EXPECT_THAT(questions, ElementsAre("/reports?newest_first&after=0&limit=50&type=whitelist_4",
+                                       "/reports?newest_first&after=0&limit=10&type=whitelist_3"));
+    questions.clear();
+    alerts.clear();
+    learned.clear();
+    Report(alerts, R"({"id": 9, "data": {"process_info": {"process_path": "/new"}}})");
+
+    const View view = sampler.Take(2);
+
+    EXPECT_THAT(questions, ElementsAre("/reports?newest_first&after=7&limit=50&type=whitelist_4",
+                                       "/reports?newest_first&after=8&limit=10&type=whitelist_3"));
+    ASSERT_EQ(view.alerts.size(), 2U);
+    EXPECT_EQ(view.alerts[0].path, "/new");
+    EXPECT_EQ(view.alerts[1].path, "/old");
+    ASSERT_EQ(view.learned.size(), 1U);
+
+    status["pid"] = 4712;
+    alerts.clear();
+    questions.clear();
+    EXPECT_TRUE(sampler.Take(3).alerts.empty()); // another daemon, and maybe another history
+    EXPECT_THAT(questions.front(), HasSubstr("after=0&"));
+}
+
+TEST_F(TopSamplerTest, NoMoreIsKeptThanAnyScreenShows) {
+    std::string processes;
+    for (int i = 0; i < 200; ++i) {
+        processes += std::string(i == 0 ? "" : ",") + R"({"path": "/bin/)" + std::to_string(i) + R"("})";
+    }
+    Report(learned, R"({"id": 1, "data": {"process_info": [)" + processes + "]}}");
+    sampler.Take(1);
+    const View view = sampler.Take(2);
+    ASSERT_EQ(view.learned.size(), 50U);
+    EXPECT_EQ(view.learned[0].path, "/bin/199");
 }
 
 TEST_F(TopSamplerTest, ADaemonThatWasNeverThereIsAFailure) {

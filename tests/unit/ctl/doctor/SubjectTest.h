@@ -27,10 +27,10 @@ using namespace Ctl::Doctor;
 constexpr std::int64_t NOW = 1767225600; // 2026-01-01
 
 // A machine, an installation and a daemon that are well in everything. A test breaks one thing.
-class PatientTest : public testing::Test {
+class SubjectTest : public testing::Test {
 protected:
-    PatientTest() {
-        patient.root = root.Path() + "/";
+    SubjectTest() {
+        subject.root = root.Path() + "/";
         MakeMachine();
         MakeInstallation();
         MakeDaemon();
@@ -38,10 +38,10 @@ protected:
 
     // What the check of that name comes to.
     Finding Examine(const std::string& name) const {
-        for (const Checks& checks : {MachineChecks(), StateChecks(), DaemonChecks(patient), HealthChecks(patient)}) {
+        for (const Checks& checks : {MachineChecks(), StateChecks(), DaemonChecks(subject), HealthChecks(subject)}) {
             for (const Check& check : checks) {
                 if (check.name == name) {
-                    return check.run(patient);
+                    return check.run(subject);
                 }
             }
         }
@@ -85,7 +85,7 @@ protected:
 
     TestSupport::TempDir proc;
     TestSupport::TempRoot root;
-    Patient patient;
+    Subject subject;
     Space space{1ULL << 40U, 1ULL << 41U, 1U << 20U, 1U << 21U, false};
     Clock clock{NOW, true};
     std::string connectorProblem;
@@ -101,13 +101,13 @@ private:
     }
 
     void MakeMachine() {
-        patient.machine.proc = proc.Path() + "/";
-        patient.machine.tryProcConnector = [this] { return connectorProblem; };
-        patient.machine.tryFanotify = [this] { return fanotifyProblem; };
-        patient.machine.tryPidfd = [this] { return pidfdProblem; };
-        patient.machine.hasFanotifyFileErrors = [this] { return fileErrors; };
-        patient.machine.readClock = [this] { return clock; };
-        patient.machine.measureSpace = [this](const std::string& folder, Space& measured) {
+        subject.machine.proc = proc.Path() + "/";
+        subject.machine.tryProcConnector = [this] { return connectorProblem; };
+        subject.machine.tryFanotify = [this] { return fanotifyProblem; };
+        subject.machine.tryPidfd = [this] { return pidfdProblem; };
+        subject.machine.hasFanotifyFileErrors = [this] { return fileErrors; };
+        subject.machine.readClock = [this] { return clock; };
+        subject.machine.measureSpace = [this](const std::string& folder, Space& measured) {
             measured = space;
             return std::filesystem::exists(folder) ? 0 : ENOENT;
         };
@@ -145,7 +145,7 @@ private:
                                   "Max open files            65536                65536                files\n");
         proc.Write("4711/fd/0", "");
         proc.Write("4711/environ", std::string("PATH=/bin\0NOTIFY_SOCKET=/run/n\0WATCHDOG_USEC=30000000\0", 58));
-        patient.daemonMissing = false;
+        subject.daemonMissing = false;
         SDK::JsonUtils::ParseJsonStr(R"({
             "pid": 4711, "uptime_seconds": 61, "version": ")" CORVALENT_VERSION R"(", "mode": 3,
             "mode_name": "detecting", "desired_detect": true,
@@ -154,8 +154,8 @@ private:
             "files": {"marks": 2, "failed_marks": 0},
             "tasks": [{"name": "a_task", "state": "running", "depth": 1, "capacity": 1024}],
             "counters": {"events.lost": 0}})",
-                                     patient.status);
-        patient.policy.accepted = true;
+                                     subject.status);
+        subject.policy.accepted = true;
     }
 };
 
