@@ -90,10 +90,14 @@ Json::Value Client::Ask(const std::function<httplib::Result(httplib::Client&)>& 
     CheckDaemon();
     const BrokenPipeIgnored guard;
     httplib::Client client = Connect(mSocketPath, mAnswerWithin);
+    const auto begin = std::chrono::steady_clock::now();
     const httplib::Result result = request(client);
     if (!result) {
         // A daemon that has gone away since is no daemon.
         CheckDaemon();
+        if (std::chrono::steady_clock::now() - begin >= mAnswerWithin) {
+            throw Failure("the daemon does not answer within " + std::to_string(mAnswerWithin.count()) + " s");
+        }
         throw Failure("the daemon broke off the connection (" + httplib::to_string(result.error()) + ")");
     }
     return ReadAnswer(*result);

@@ -1,4 +1,4 @@
-corvalent_add_test(ctl_test ${TEST_DIR}/OutputTest.cpp ${TEST_DIR}/SinceTimeTest.cpp LIBS ctl_objects)
+corvalent_add_test(ctl_test ${TEST_DIR}/OutputTest.cpp ${TEST_DIR}/SinceTimeTest.cpp ${TEST_DIR}/ClientTest.cpp LIBS ctl_objects)
 
 # The program itself, talking to a control server in the test.
 corvalent_add_test(ctl_process_test ${TEST_DIR}/CtlProcessTest.cpp LIBS daemon_objects data_comm_objects)
