@@ -47,7 +47,9 @@ Finding Damaged(const std::string& reason) {
 Finding CheckHistory(const std::string& path, std::chrono::milliseconds deadline) {
     std::error_code error;
     if (!std::filesystem::exists(path, error)) {
-        return Ok("none yet");
+        return error ? Warning("cannot be examined: " + error.message(),
+                               "call corvalentctl doctor as root; else see the disk")
+                     : Ok("none yet");
     }
     sqlite3* opened = nullptr;
     const int result = sqlite3_open_v2(UriOf(path).c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);

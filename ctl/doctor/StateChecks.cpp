@@ -78,15 +78,20 @@ std::string FindStrangerAt(const std::string& path) {
     return stat(path.c_str(), &file) == 0 ? FindStranger(path, file) : "";
 }
 
-// Also of what is in the folder.
-std::string FindStrangerIn(const std::string& folder) {
-    std::string stranger = FindStrangerAt(folder);
-    std::error_code error;
+// What is wrong with who may change the files in a folder; "" when nothing is, or `error` says why they
+// cannot be seen.
+std::string FindStrangerIn(const std::string& folder, std::error_code& error) {
+    std::string stranger;
     for (fs::directory_iterator entry(folder, error), end; stranger.empty() && !error && entry != end;
          entry.increment(error)) {
         stranger = FindStrangerAt(entry->path().string());
     }
     return stranger;
+}
+
+// What could not be looked at is neither well nor ill.
+Finding CannotSee(const std::string& reason) {
+    return Warning("cannot be examined: " + reason, "call corvalentctl doctor as root; else see the disk");
 }
 
 Finding CheckRights(const Subject& subject, const std::string& folder) {
@@ -95,10 +100,15 @@ Finding CheckRights(const Subject& subject, const std::string& folder) {
     if (!fs::is_directory(path, error)) {
         return Failed("there is no folder " + path, "install the agent into this root, or start the daemon once");
     }
-    const std::string stranger = FindStrangerIn(path);
-    return stranger.empty() ? Ok("nobody else can change anything there")
-                            : Failed(stranger + ": others can change what the agent runs or believes",
-                                     "chown root and chmod go-w, and ask who changed it");
+    std::string stranger = FindStrangerAt(path);
+    if (stranger.empty()) {
+        stranger = FindStrangerIn(path, error);
+    }
+    if (!stranger.empty()) {
+        return Failed(stranger + ": others can change what the agent runs or believes",
+                      "chown root and chmod go-w, and ask who changed it");
+    }
+    return error ? CannotSee(error.message()) : Ok("nobody else can change anything there");
 }
 
 // Whoever may rename a folder above the root may put another root in its place.
@@ -217,6 +227,9 @@ Finding CheckStateFile(const Subject& subject, const StateFile& file) {
     }
     if (error == EFBIG) {
         return Failed("larger than " + std::to_string(file.maxBytes) + " bytes: it is not loaded", file.remedy);
+    }
+    if (error == EACCES) {
+        return CannotSee(std::strerror(error));
     }
     if (error != 0) {
         return Failed("cannot be read: " + std::string(std::strerror(error)), file.remedy);

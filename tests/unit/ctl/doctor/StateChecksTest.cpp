@@ -5,6 +5,7 @@
 #include <utime.h>
 
 #include "ctl/doctor/History.h"
+#include "support/ChildProcess.h"
 #include "unit/ctl/doctor/SubjectTest.h"
 
 namespace DoctorTest {
@@ -181,6 +182,26 @@ TEST_F(StateChecksTest, AHistoryThatIsBeingWrittenIsReadAlongside) {
     ExpectOk("data/reports.db", "whole, 3 reports");
     EXPECT_EQ(sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(writer);
+}
+
+// Somebody without rights is not told that all is well, nor to throw anything away.
+TEST_F(StateChecksTest, WhatCannotBeSeenIsAWarning) {
+    MakeHistory();
+    chmod(root.Write("conf/whitelist.data", "{}").c_str(), 0600);
+    chmod((root / "data").c_str(), 0700);
+    for (const char* folder : {"", "conf"}) {
+        chmod((root / folder).c_str(), 0755);
+    }
+    auto nobody = TestSupport::ChildProcess::Fork([this] {
+        constexpr uid_t NOBODY = 65534;
+        if (setresuid(NOBODY, NOBODY, NOBODY) == 0) {
+            ExpectWarning("rights in data/", "cannot be examined: Permission denied");
+            ExpectWarning("conf/whitelist.data", "cannot be examined: Permission denied");
+            ExpectWarning("data/reports.db", "cannot be examined: Permission denied");
+            _exit(HasFailure() ? 1 : 0);
+        }
+    });
+    EXPECT_EQ(nobody.Wait(), 0);
 }
 
 TEST_F(StateChecksTest, HistoriesThatWereSetAsideAreCounted) {
