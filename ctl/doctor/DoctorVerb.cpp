@@ -92,19 +92,19 @@ void Examine(const Context& context, bool json) {
     const Subject subject = MakeSubject(context.root);
     const Checks checks = AllChecks(subject);
     const auto print = json ? PrintFindingJson : PrintFinding;
-    long warnings = 0;
-    long failures = 0;
+    std::size_t warnings = 0;
+    std::size_t failures = 0;
     for (const Check& check : checks) {
         const Finding finding = check.run(subject);
         print(check.name, finding);
-        warnings += finding.grade == Grade::WARNING ? 1 : 0;
-        failures += finding.grade == Grade::FAILURE ? 1 : 0;
+        warnings += finding.grade == Grade::WARNING ? 1U : 0U;
+        failures += finding.grade == Grade::FAILURE ? 1U : 0U;
         FlushOutput();
     }
     if (!json) {
         PrintLine("");
-        PrintLine(std::to_string(checks.size()) + " checks, " + std::to_string(warnings) + " warnings, " +
-                  std::to_string(failures) + " failures");
+        PrintLine(Count(checks.size(), "check") + ", " + Count(warnings, "warning") + ", " +
+                  Count(failures, "failure"));
         FlushOutput();
     }
     if (failures > 0) {
