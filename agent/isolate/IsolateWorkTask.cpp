@@ -1,6 +1,7 @@
 #include "agent/isolate/IsolateWorkTask.h"
 
 #include "agent/isolate/Isolator.h"
+#include "framework/HandledEvent.h"
 #include "sdk/ModuleLog.h"
 
 namespace Engine {
@@ -17,7 +18,7 @@ constexpr int IDLE_WAIT_MS = 3600 * 1000;
 IsolateWorkTask::IsolateWorkTask()
     : IsolateTask(NAME, "isolate", Framework::TaskCondition::TaskType::Thread, QUEUE_CAPACITY),
       mKilled(Framework::Counters::Of("isolate.killed")), mRefused(Framework::Counters::Of("isolate.refused")),
-      mFailed(Framework::Counters::Of("isolate.failed")) {}
+      mFailed(Framework::Counters::Of("isolate.failed")), mTimeToKill(SDK::Histograms::Of("kill")) {}
 
 int IsolateWorkTask::Run() {
     while (state() != TASK_CANCELLING) {
@@ -42,7 +43,7 @@ bool IsolateWorkTask::Isolate(int pid, const std::string& path, bool& kill, bool
         moduleLog.Error("file [%s] was not moved away: there is no quarantine", path);
     }
     if (result.killed) {
-        mKilled.Add();
+        CountKill(result.killedNs);
     }
     const bool allDone = kill == killWanted && chmod == chmodWanted && !quarantineWanted;
     if (!allDone) {
@@ -50,6 +51,15 @@ bool IsolateWorkTask::Isolate(int pid, const std::string& path, bool& kill, bool
     }
     // A process that is dead is isolated, whatever became of its file.
     return killWanted ? kill : allDone;
+}
+
+// The time first, so that whoever sees a kill counted sees its time.
+void IsolateWorkTask::CountKill(std::uint64_t killedNs) {
+    const std::uint64_t eventNs = Framework::HandledEvent::GetTimestampNs();
+    if (eventNs != 0) {
+        mTimeToKill.Record(killedNs > eventNs ? killedNs - eventNs : 0);
+    }
+    mKilled.Add();
 }
 
 } // namespace Engine

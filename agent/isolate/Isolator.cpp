@@ -14,6 +14,7 @@
 #include "framework/Scope.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/ProcStat.h"
+#include "sdk/TimeUtils.h"
 
 namespace Engine {
 
@@ -168,6 +169,7 @@ IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, b
     }
     // The kill first: it is what cannot wait.
     result.killed = kill && Kill(pid, process);
+    result.killedNs = result.killed ? SDK::TimeUtils::GetMonotonicNs() : 0;
     result.madeUnexecutable = chmod && MakeUnexecutable(path, image);
     return result;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace Engine {
@@ -9,6 +10,7 @@ struct IsolationResult {
     bool refused = false;
     bool killed = false;
     bool madeUnexecutable = false;
+    std::uint64_t killedNs = 0; // when the signal had been sent (CLOCK_MONOTONIC), if `killed`
 };
 
 // Kills processes and takes the execute permission from files. The one place of the agent that does.

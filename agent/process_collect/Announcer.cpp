@@ -1,7 +1,6 @@
 #include "agent/process_collect/Announcer.h"
 
 #include <algorithm>
-#include <chrono>
 #include <utility>
 #include <vector>
 
@@ -9,6 +8,7 @@
 #include "framework/Engine.h"
 #include "framework/Scope.h"
 #include "sdk/ModuleLog.h"
+#include "sdk/TimeUtils.h"
 
 namespace Engine {
 
@@ -16,11 +16,8 @@ static SDK::ModuleLog moduleLog("process_collect");
 
 namespace {
 
-// The clock that the kernel stamps its process events with.
-std::uint64_t MonotonicNs() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
-}
+// Of a process that was found and not told of.
+constexpr std::uint64_t WHEN_IS_NOT_KNOWN = 0;
 
 // True unless the child of a fork has executed since: then the exec's own event covers the fork. The
 // fork of a child that is gone already is still due; that of a child whose pid is another's is not.
@@ -84,7 +81,7 @@ void Announcer::OnExec(const ProcEvent& event, int forkedBy) {
     // A process that is gone already leaves `stat` as it is: it is announced all the same, its exit
     // follows.
     SDK::ProcStat::Read(event.pid, stat);
-    AnnounceBegin(ProcsMessage::KIND_EXEC, event.pid, stat.ppid, Record(event.pid, stat));
+    AnnounceBegin({ProcsMessage::KIND_EXEC, event.pid, stat.ppid, event.timestampNs}, Record(event.pid, stat));
 }
 
 void Announcer::OnFork(const ProcEvent& event) {
@@ -102,7 +99,7 @@ void Announcer::OnFork(const ProcEvent& event) {
             return;
         }
     }
-    AnnounceBegin(ProcsMessage::KIND_FORK, event.pid, event.parentPid, Record(event.pid, stat));
+    AnnounceBegin(event, Record(event.pid, stat));
 }
 
 bool Announcer::OnExit(const ProcEvent& event) {
@@ -150,7 +147,7 @@ bool Announcer::IsCovered(const ProcEvent& event) const {
 // Takes the process into the table as it is now, unless it is there just so already. True when the
 // table did not have it.
 bool Announcer::Examine(int pid, bool announce) {
-    const std::uint64_t nowNs = MonotonicNs();
+    const std::uint64_t nowNs = SDK::TimeUtils::GetMonotonicNs();
     SDK::ProcStat stat;
     if (SDK::ProcStat::Read(pid, stat) != 0 || stat.IsKernelThread() || stat.HasEnded()) {
         return false;
@@ -164,24 +161,24 @@ bool Announcer::Examine(int pid, bool announce) {
     entry.coveredUntilNs = nowNs;
     if (announce) {
         mRescued.Add();
-        AnnounceBegin(ProcsMessage::KIND_EXEC, pid, stat.ppid, entry);
+        AnnounceBegin({ProcsMessage::KIND_EXEC, pid, stat.ppid, WHEN_IS_NOT_KNOWN}, entry);
     }
     return true;
 }
 
-void Announcer::AnnounceBegin(unsigned int kind, int pid, int parentPid, Entry& entry) {
+void Announcer::AnnounceBegin(const ProcEvent& begin, Entry& entry) {
     entry.sequence = ++mSequence;
     for (auto& [name, subscriber] : mSubscribers) {
-        if (!subscriber.Wants(kind)) {
+        if (!subscriber.Wants(begin.kind)) {
             continue;
         }
-        const Delivery delivery = Post(name, subscriber, kind, pid, parentPid);
+        const Delivery delivery = Post(name, subscriber, begin);
         if (delivery == Delivery::Done) {
-            subscriber.owed.erase(pid);
+            subscriber.owed.erase(begin.pid);
         } else if (delivery == Delivery::QueueFull) {
             mLost.Add();
             if (subscriber.Wants(ProcsMessage::KIND_EXEC)) {
-                subscriber.owed.insert(pid);
+                subscriber.owed.insert(begin.pid);
                 mDebts.store(true, std::memory_order_release);
             }
         }
@@ -193,7 +190,7 @@ void Announcer::AnnounceExit(int pid) {
     for (auto& [name, subscriber] : mSubscribers) {
         subscriber.owed.erase(pid);
         if (subscriber.Wants(ProcsMessage::KIND_EXIT) &&
-            Post(name, subscriber, ProcsMessage::KIND_EXIT, pid, 0) == Delivery::QueueFull) {
+            Post(name, subscriber, {ProcsMessage::KIND_EXIT, pid}) == Delivery::QueueFull) {
             mLost.Add();
         }
     }
@@ -244,7 +241,7 @@ bool Announcer::SettleOne(const std::string& name, Subscriber& subscriber, int p
     // is owed it. Another subscriber that is between two instances just then is told twice, which is
     // better than never.
     known->second.sequence = ++mSequence;
-    if (Post(name, subscriber, ProcsMessage::KIND_EXEC, pid, stat.ppid) != Delivery::Done) {
+    if (Post(name, subscriber, {ProcsMessage::KIND_EXEC, pid, stat.ppid, WHEN_IS_NOT_KNOWN}) != Delivery::Done) {
         return false;
     }
     mRescued.Add();
@@ -261,26 +258,26 @@ void Announcer::UpdateDebts() {
 
 // Puts a message about the process, as the table has it, in the subscriber's queue. On its way out of
 // the queue the message notes that it was handled.
-Announcer::Delivery Announcer::Post(const std::string& name, const Subscriber& subscriber, unsigned int kind, int pid,
-                                    int parentPid) {
+Announcer::Delivery Announcer::Post(const std::string& name, const Subscriber& subscriber, const ProcEvent& event) {
     Poco::AutoPtr<Framework::Task> task = FindRunning(name, subscriber.instance);
     if (!task) {
         return Delivery::NotRunning;
     }
     std::shared_ptr<ProcsMessage::procInfo> info;
     std::uint64_t startTime = 0;
-    if (kind != ProcsMessage::KIND_EXIT) {
+    if (event.kind != ProcsMessage::KIND_EXIT) {
         info = std::make_shared<ProcsMessage::procInfo>();
-        info->pid = pid;
-        info->ppid = parentPid;
-        startTime = mTable[pid].startTime;
+        info->pid = event.pid;
+        info->ppid = event.parentPid;
+        startTime = mTable[event.pid].startTime;
     }
-    auto stillDue = [handled = subscriber.handled, sequence = mSequence, kind, pid, startTime] {
+    auto stillDue = [handled = subscriber.handled, sequence = mSequence, kind = event.kind, pid = event.pid,
+                     startTime] {
         handled->store(sequence, std::memory_order_release);
         return kind != ProcsMessage::KIND_FORK || IsForkStillDue(pid, startTime);
     };
     std::shared_ptr<Framework::Message> message =
-        std::make_shared<ProcsMessage>(pid, kind, std::move(info), std::move(stillDue));
+        std::make_shared<ProcsMessage>(event.pid, event.kind, std::move(info), std::move(stillDue), event.timestampNs);
     return task->EnqueueMsg(message) ? Delivery::Done : Delivery::QueueFull;
 }
 

@@ -102,14 +102,13 @@ private:
     Entry& Record(int pid, const SDK::ProcStat& stat) REQUIRES(mLock);
     bool IsCovered(const ProcEvent& event) const REQUIRES(mLock);
     bool Examine(int pid, bool announce) REQUIRES(mLock);
-    void AnnounceBegin(unsigned int kind, int pid, int parentPid, Entry& entry) REQUIRES(mLock);
+    void AnnounceBegin(const ProcEvent& begin, Entry& entry) REQUIRES(mLock);
     void AnnounceExit(int pid) REQUIRES(mLock);
     void EndDeparted() EXCLUDES(mLock);
     void SettleWith(const std::string& name, Subscriber& subscriber) REQUIRES(mLock);
     bool SettleOne(const std::string& name, Subscriber& subscriber, int pid) REQUIRES(mLock);
     void UpdateDebts() REQUIRES(mLock);
-    Delivery Post(const std::string& name, const Subscriber& subscriber, unsigned int kind, int pid, int parentPid)
-        REQUIRES(mLock);
+    Delivery Post(const std::string& name, const Subscriber& subscriber, const ProcEvent& event) REQUIRES(mLock);
     static Poco::AutoPtr<Framework::Task> FindRunning(const std::string& name, std::uint64_t instance);
 
     Framework::Counter& mLost;

@@ -35,13 +35,18 @@ public:
     // one covers it.
     using StillDue = std::function<bool()>;
 
-    ProcsMessage(int pid, unsigned int kind, std::shared_ptr<procInfo> info, StillDue stillDue = nullptr);
+    // `timestampNs` is when the kernel saw it happen (CLOCK_MONOTONIC); 0 for what was found out later.
+    ProcsMessage(int pid, unsigned int kind, std::shared_ptr<procInfo> info, StillDue stillDue = nullptr,
+                 std::uint64_t timestampNs = 0);
 
     int GetPid() const { return mPid; }
     unsigned int GetKind() const { return mKind; }
     const std::shared_ptr<procInfo>& GetInfo() const { return mInfo; }
+    std::uint64_t GetTimestampNs() const { return mTimestampNs; }
 
-    // Hands the event to ProcsMessageAction; an exec or fork counts as "events.judged" afterwards.
+    // Hands the event to ProcsMessageAction, as a Framework::HandledEvent. An exec or fork counts as
+    // "events.judged" afterwards; the time from its happening to then, where known, goes to the histogram
+    // "verdict.exec" or "verdict.fork".
     void DeliverTo(AbstractMessageReceiver& receiver) const override;
 
 private:
@@ -49,6 +54,7 @@ private:
     const unsigned int mKind;
     const std::shared_ptr<procInfo> mInfo;
     const StillDue mStillDue;
+    const std::uint64_t mTimestampNs;
 };
 
 } // namespace Engine

@@ -2,15 +2,20 @@
 
 #include <memory>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "framework/Counters.h"
+#include "framework/HandledEvent.h"
 #include "modules/AbstractMessageReceiver.h"
+#include "sdk/Histogram.h"
+#include "sdk/TimeUtils.h"
 
 using Engine::ProcsMessage;
 using Framework::Counters;
+using Framework::HandledEvent;
 
 namespace {
 
@@ -21,10 +26,11 @@ public:
         unsigned int kind;
         std::shared_ptr<ProcsMessage::procInfo> info;
         std::uint64_t judgedBefore;
+        std::uint64_t handledNs;
     };
 
     void ProcsMessageAction(int pid, unsigned int kind, std::shared_ptr<ProcsMessage::procInfo> info) override {
-        events.push_back({pid, kind, info, Counters::Of("events.judged").Get()});
+        events.push_back({pid, kind, info, Counters::Of("events.judged").Get(), HandledEvent::GetTimestampNs()});
     }
 
     std::vector<Event> events;
@@ -42,6 +48,10 @@ std::uint64_t Judged() {
 }
 std::uint64_t Folded() {
     return Counters::Of("events.folded").Get();
+}
+
+std::uint64_t Timed(const char* histogram) {
+    return SDK::Histograms::Of(histogram).Read().count;
 }
 
 } // namespace
@@ -104,4 +114,43 @@ TEST(ProcsMessage, AReceiverWithoutInterestIgnoresIt) {
     const std::uint64_t before = Judged();
     ProcsMessage(5, ProcsMessage::KIND_EXEC, MakeInfo(5, 1)).DeliverTo(receiver);
     EXPECT_EQ(Judged(), before + 1);
+}
+
+TEST(ProcsMessage, WhoActsOnItLearnsWhenItHappened) {
+    Receiver receiver;
+    ProcsMessage(5, ProcsMessage::KIND_EXEC, MakeInfo(5, 1), nullptr, 4711).DeliverTo(receiver);
+    ASSERT_EQ(receiver.events.size(), 1U);
+    EXPECT_EQ(receiver.events[0].handledNs, 4711U);
+    EXPECT_EQ(HandledEvent::GetTimestampNs(), 0U);
+}
+
+TEST(ProcsMessage, TheTimeToItsVerdictIsRecordedByKind) {
+    Receiver receiver;
+    const std::uint64_t execs = Timed("verdict.exec");
+    const std::uint64_t forks = Timed("verdict.fork");
+    const std::uint64_t nowNs = SDK::TimeUtils::GetMonotonicNs();
+    ProcsMessage(5, ProcsMessage::KIND_EXEC, MakeInfo(5, 1), nullptr, nowNs).DeliverTo(receiver);
+    EXPECT_EQ(Timed("verdict.exec"), execs + 1);
+    EXPECT_EQ(Timed("verdict.fork"), forks);
+    ProcsMessage(5, ProcsMessage::KIND_FORK, MakeInfo(5, 1), nullptr, nowNs).DeliverTo(receiver);
+    EXPECT_EQ(Timed("verdict.fork"), forks + 1);
+    ProcsMessage(5, ProcsMessage::KIND_EXIT, nullptr, nullptr, nowNs).DeliverTo(receiver);
+    EXPECT_EQ(Timed("verdict.exec") + Timed("verdict.fork"), execs + forks + 2);
+}
+
+TEST(ProcsMessage, AProcessThatWasFoundLaterHasNoTimeToItsVerdict) {
+    Receiver receiver;
+    const std::uint64_t execs = Timed("verdict.exec");
+    ProcsMessage(5, ProcsMessage::KIND_EXEC, MakeInfo(5, 1)).DeliverTo(receiver);
+    EXPECT_EQ(Timed("verdict.exec"), execs);
+}
+
+TEST(HandledEvent, TheInnermostCountsAndOtherThreadsSeeNone) {
+    const HandledEvent outer(1);
+    {
+        const HandledEvent inner(2);
+        EXPECT_EQ(HandledEvent::GetTimestampNs(), 2U);
+        std::thread([] { EXPECT_EQ(HandledEvent::GetTimestampNs(), 0U); }).join();
+    }
+    EXPECT_EQ(HandledEvent::GetTimestampNs(), 1U);
 }

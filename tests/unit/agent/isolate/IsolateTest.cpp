@@ -11,8 +11,11 @@
 #include "agent/isolate/IsolateWorkTask.h"
 #include "framework/Counters.h"
 #include "framework/Engine.h"
+#include "framework/HandledEvent.h"
 #include "framework/Scope.h"
+#include "sdk/Histogram.h"
 #include "sdk/ProcStat.h"
+#include "sdk/TimeUtils.h"
 #include "support/ChildProcess.h"
 #include "support/LogRecorder.h"
 #include "support/TempCgroup.h"
@@ -154,6 +157,22 @@ TEST_F(IsolateTest, AProcessInTheScopeIsKilledAndItsImageMadeUnexecutable) {
     EXPECT_EQ(ModeOf(mImage), 0400u);
     EXPECT_EQ(Count("isolate.killed"), killedBefore + 1);
     EXPECT_EQ(Count("isolate.failed"), failedBefore);
+}
+
+TEST_F(IsolateTest, AKillOnAccountOfAnEventIsTimedAndOnlyThat) {
+    const auto timed = [] { return SDK::Histograms::Of("kill").Read().count; };
+    const std::uint64_t before = timed();
+    {
+        ChildProcess child = StartImage();
+        const Framework::HandledEvent event(SDK::TimeUtils::GetMonotonicNs());
+        EXPECT_TRUE(Isolate(child.Pid(), mImage, {.chmod = false}).kill);
+        ExpectKilled(child);
+    }
+    EXPECT_EQ(timed(), before + 1);
+    ChildProcess child = StartImage();
+    EXPECT_TRUE(Isolate(child.Pid(), mImage, {.chmod = false}).kill);
+    ExpectKilled(child);
+    EXPECT_EQ(timed(), before + 1);
 }
 
 TEST_F(IsolateTest, OnlyWhatIsAskedForIsDone) {
