@@ -46,16 +46,21 @@ httplib::Client Connect(const std::string& socketPath, std::chrono::seconds answ
     return client;
 }
 
-Json::Value ReadAnswer(const httplib::Response& response) {
+Json::Value ParseAnswer(const std::string& text) {
     Json::Value answer;
-    if (SDK::JsonUtils::ParseJsonStr(response.body, answer) != 0) {
+    if (SDK::JsonUtils::ParseJsonStr(text, answer) != 0) {
         throw Failure("the daemon's answer is not JSON");
     }
+    return answer;
+}
+
+std::string ReadAnswer(const httplib::Response& response) {
     constexpr int HTTP_OK = 200;
     if (response.status != HTTP_OK) {
-        throw Failure(SDK::JsonUtils::GetStringValue(answer, "error", "status " + std::to_string(response.status)));
+        throw Failure(SDK::JsonUtils::GetStringValue(ParseAnswer(response.body), "error",
+                                                     "status " + std::to_string(response.status)));
     }
-    return answer;
+    return response.body;
 }
 
 // All but letters, digits and these marks.
@@ -79,14 +84,18 @@ Client::Client(const std::string& root, std::chrono::seconds answerWithin)
     : mSocketPath(root + (root.ends_with("/") ? "" : "/") + "run/agent.sock"), mAnswerWithin(answerWithin) {}
 
 Json::Value Client::Get(const std::string& path) const {
+    return ParseAnswer(GetText(path));
+}
+
+std::string Client::GetText(const std::string& path) const {
     return Ask([&](httplib::Client& client) { return client.Get(path); });
 }
 
 Json::Value Client::Post(const std::string& path, const std::string& body) const {
-    return Ask([&](httplib::Client& client) { return client.Post(path, body, "application/json"); });
+    return ParseAnswer(Ask([&](httplib::Client& client) { return client.Post(path, body, "application/json"); }));
 }
 
-Json::Value Client::Ask(const std::function<httplib::Result(httplib::Client&)>& request) const {
+std::string Client::Ask(const std::function<httplib::Result(httplib::Client&)>& request) const {
     CheckDaemon();
     const BrokenPipeIgnored guard;
     httplib::Client client = Connect(mSocketPath, mAnswerWithin);

@@ -26,11 +26,14 @@ public:
     // `path` with its query, percent-encoded where needed (EncodeQuery).
     Json::Value Get(const std::string& path) const;
 
+    // An answer that is not JSON.
+    std::string GetText(const std::string& path) const;
+
     // Waits as long as the delivery takes.
     Json::Value Post(const std::string& path, const std::string& body) const;
 
 private:
-    Json::Value Ask(const std::function<httplib::Result(httplib::Client&)>& request) const;
+    std::string Ask(const std::function<httplib::Result(httplib::Client&)>& request) const;
     void CheckDaemon() const;
 
     const std::string mSocketPath;

@@ -14,6 +14,7 @@ struct Context {
 // Each adds its verbs to the command line. A verb is carried out as a callback of the parse and throws
 // Failure when it cannot be.
 void AddStatusVerb(CLI::App& app, const Context& context);
+void AddMetricsVerb(CLI::App& app, const Context& context);
 void AddPolicyVerbs(CLI::App& app, const Context& context);
 void AddCommandVerbs(CLI::App& app, const Context& context);
 void AddTrustVerbs(CLI::App& app, const Context& context);

@@ -25,6 +25,7 @@ void AddVerbs(CLI::App& app, Ctl::Context& context) {
     app.fallthrough();
     app.footer("Exit status: 0 done, 1 refused or failed, 2 bad usage, 69 no daemon.");
     Ctl::AddStatusVerb(app, context);
+    Ctl::AddMetricsVerb(app, context);
     Ctl::AddPolicyVerbs(app, context);
     Ctl::AddCommandVerbs(app, context);
     Ctl::AddTrustVerbs(app, context);

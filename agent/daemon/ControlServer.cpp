@@ -1,11 +1,9 @@
 #include "agent/daemon/ControlServer.h"
 
-#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <optional>
-#include <thread>
 
 #include <httplib.h>
 #include <sys/socket.h>
@@ -13,6 +11,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "agent/daemon/Exposition.h"
+#include "agent/daemon/Metrics.h"
+#include "agent/daemon/Modules.h"
+#include "agent/daemon/ServerLoop.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/ModuleLog.h"
 
@@ -112,7 +114,7 @@ void AnswerReports(const Framework::Engine& engine, const httplib::Request& requ
     if (request.has_param("type")) {
         question["type"] = request.get_param_value("type");
     }
-    AnswerOrRefuse(response, engine.Ask("data_comm_module", question));
+    AnswerOrRefuse(response, engine.Ask(REPORTS_MODULE, question));
 }
 
 void AnswerTrust(const Framework::Engine& engine, const httplib::Request& request, httplib::Response& response) {
@@ -202,8 +204,7 @@ void DescribeException(httplib::Response& response, const std::exception_ptr& ex
 
 struct ControlServer::Http {
     httplib::Server server;
-    std::thread thread;
-    std::atomic<bool> ended{false};
+    ServerLoop loop{server};
     std::string socketPath;
 };
 
@@ -222,6 +223,9 @@ ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& delive
     server.new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
 
     server.Get("/status", [status](const Request&, Response& response) { Answer(response, status->Collect()); });
+    server.Get("/metrics", [status](const Request&, Response& response) {
+        response.set_content(RenderMetrics(status->Collect()), Exposition::CONTENT_TYPE);
+    });
     server.Get("/policy", [&deliveries](const Request&, Response& response) { AnswerPolicy(deliveries, response); });
     server.Post("/policy", [&deliveries](const Request&, Response& response, const httplib::ContentReader& reader) {
         TakePolicy(deliveries, reader, response);
@@ -263,24 +267,14 @@ bool ControlServer::Start(const std::string& socketPath, std::string& reason) {
         return false;
     }
     mHttp->socketPath = socketPath;
-    mHttp->thread = std::thread([this] {
-        mHttp->server.listen_after_bind();
-        mHttp->ended = true;
-    });
+    mHttp->loop.Start();
     return true;
 }
 
 void ControlServer::Stop() {
-    if (!mHttp->thread.joinable()) {
-        return;
+    if (mHttp->loop.Stop()) {
+        unlink(mHttp->socketPath.c_str());
     }
-    // A server that has not begun to listen cannot be stopped yet.
-    while (!mHttp->server.is_running() && !mHttp->ended) {
-        std::this_thread::yield();
-    }
-    mHttp->server.stop();
-    mHttp->thread.join();
-    unlink(mHttp->socketPath.c_str());
 }
 
 } // namespace Daemon

@@ -13,6 +13,7 @@ namespace Daemon {
 // connect to (mode 0600).
 //
 //   GET  /status                                    Status
+//   GET  /metrics                                   Metrics, the one answer that is not JSON
 //   GET  /policy                                    {"hash", "accepted_time", "enabled", "document"}
 //   POST /policy            a feature policy        {"accepted": true, "notes": [TEXT…]}
 //   POST /command/KEY       the command's text      {"accepted": true, "notes": [TEXT…]}

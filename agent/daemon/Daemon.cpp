@@ -7,12 +7,16 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "agent/daemon/ControlServer.h"
+#include "agent/daemon/Heartbeat.h"
+#include "agent/daemon/Metrics.h"
 #include "agent/daemon/Notify.h"
+#include "agent/daemon/Status.h"
 #include "agent/sdk/CpuGovernor.h"
 #include "agent/sdk/LogCapture.h"
 #include "agent/sdk/LogSetup.h"
@@ -148,24 +152,24 @@ int Daemon::TakeLock() {
 }
 
 int Daemon::ApplySettings() {
-    Settings settings;
     std::string reason;
-    if (!Settings::Load(mRoot + "conf/agent.json", settings, reason)) {
+    if (!Settings::Load(mRoot + "conf/agent.json", mSettings, reason)) {
         return Fail(EXIT_BAD_SETTINGS, reason);
     }
     SDK::LogSettings log;
+    log.target = mSettings.logTarget;
     log.filePath = mRoot + "log/corvalent.log";
-    log.level = settings.logLevel;
-    log.maxBytes = settings.logMaxBytes;
-    log.files = settings.logFiles;
-    log.console = settings.logConsole || mConsole;
+    log.level = mSettings.logLevel;
+    log.maxBytes = mSettings.logMaxBytes;
+    log.files = mSettings.logFiles;
+    log.console = mSettings.logConsole || mConsole;
     if (const int error = SDK::SetUpLogging(log); error != 0) {
         return Fail(EXIT_CANNOT_CREATE, "cannot log to [" + log.filePath + "]: " + std::strerror(error));
     }
     mLogs = true;
-    Framework::Scope::SetCgroup(settings.cgroup);
-    SDK::SetCpuBudgetPercent(settings.cpuBudgetPercent);
-    moduleLog.Notice("version %s, root [%s], scope [%s], pid %d", CORVALENT_VERSION, mRoot, settings.cgroup,
+    Framework::Scope::SetCgroup(mSettings.cgroup);
+    SDK::SetCpuBudgetPercent(mSettings.cpuBudgetPercent);
+    moduleLog.Notice("version %s, root [%s], scope [%s], pid %d", CORVALENT_VERSION, mRoot, mSettings.cgroup,
                      static_cast<int>(getpid()));
     return 0;
 }
@@ -200,22 +204,39 @@ int Daemon::InitModules(Framework::Engine& engine) const {
 
 int Daemon::Serve(Framework::Engine& engine) const {
     Deliveries deliveries(engine, mRoot + "conf/");
+    const Status status(engine, deliveries);
+    MetricsServer metrics([&status] { return RenderMetrics(status.Collect()); });
+    std::string reason;
+    // Before the policy comes into force, so that a daemon that cannot stay does nothing.
+    if (!ServeMetrics(metrics, reason)) {
+        return Fail(EXIT_CANNOT_CREATE, reason);
+    }
     deliveries.Restore();
     ControlServer server(engine, deliveries);
-    std::string reason;
     if (!server.Start(mRoot + "run/agent.sock", reason)) {
         return Fail(EXIT_CANNOT_CREATE, reason);
     }
     Say("ready, root " + mRoot + ", pid " + std::to_string(getpid()));
     NotifyServiceManager("READY=1");
+    Heartbeat heartbeat(engine, deliveries);
+    if (const std::optional<Heartbeat::Timing> timing = Heartbeat::ReadTiming()) {
+        heartbeat.Start(*timing);
+    }
     WaitForStop();
     NotifyServiceManager("STOPPING=1");
+    heartbeat.Stop();
+    metrics.Stop();
     // In this order, because requests under way may be waiting for a delivery, and a delivery for a
     // download.
     SDK::HttpUtils::GetInstance()->StopDownloads();
     deliveries.Stop();
     server.Stop();
     return EXIT_DONE;
+}
+
+// Also true when no port is wanted.
+bool Daemon::ServeMetrics(MetricsServer& metrics, std::string& reason) const {
+    return mSettings.metricsPort == 0 || metrics.Start(mSettings.metricsAddress, mSettings.metricsPort, reason);
 }
 
 void Daemon::WaitForStop() {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "agent/daemon/Deliveries.h"
+#include "agent/daemon/MetricsServer.h"
 #include "agent/daemon/RootLock.h"
 #include "agent/daemon/Settings.h"
 #include "framework/Engine.h"
@@ -16,7 +17,7 @@ enum ExitStatus : int {
     EXIT_DONE = 0,
     EXIT_NO_ROOT = 66,         // the root or its module folder is missing
     EXIT_MODULE_FAILED = 70,   // a module cannot be loaded, or failed without a status of its own
-    EXIT_CANNOT_CREATE = 73,   // a folder, the lock, the log or the socket
+    EXIT_CANNOT_CREATE = 73,   // a folder, the lock, the log, the socket or the port for metrics
     EXIT_ALREADY_RUNNING = 75, // another daemon works in this root
     EXIT_BAD_SETTINGS = 78,    // conf/agent.json
 };
@@ -49,6 +50,7 @@ private:
     int StartModules(Framework::Engine& engine) const;
     int InitModules(Framework::Engine& engine) const;
     int Serve(Framework::Engine& engine) const;
+    bool ServeMetrics(MetricsServer& metrics, std::string& reason) const;
     static void WaitForStop();
 
     // Says why the daemon ends, also in the log once there is one; returns `status`.
@@ -56,6 +58,7 @@ private:
 
     const std::string mRoot; // with a trailing "/"
     const bool mConsole;
+    Settings mSettings;
     bool mLogs = false;
     RootLock mLock;
 };

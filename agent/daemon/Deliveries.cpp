@@ -8,6 +8,7 @@
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/ModuleLog.h"
+#include "sdk/TimeUtils.h"
 
 namespace Daemon {
 
@@ -48,6 +49,12 @@ Json::Value Deliveries::GetPolicy() const {
     return mPolicy;
 }
 
+std::chrono::milliseconds Deliveries::GetTimeAtWork() const {
+    const std::uint64_t sinceNs = mAtWorkSinceNs.load(std::memory_order_relaxed);
+    const std::uint64_t durationNs = sinceNs == 0 ? 0 : SDK::TimeUtils::GetNsSince(sinceNs);
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::nanoseconds(durationNs));
+}
+
 void Deliveries::Stop() {
     {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -77,6 +84,7 @@ void Deliveries::Work() {
     std::unique_lock<std::mutex> lock(mMutex);
     bool awaitsDetection = false;
     while (!mStopping) {
+        NoteAtWork(true);
         if (!mJobs.empty()) {
             Job job = std::move(mJobs.front());
             mJobs.pop_front();
@@ -89,6 +97,7 @@ void Deliveries::Work() {
             }
         }
         Guarded("looking at the mode", [&] { awaitsDetection = mDetection.IsAwaited(); });
+        NoteAtWork(false);
         lock.lock();
         WaitForJob(lock, awaitsDetection);
     }
@@ -112,6 +121,10 @@ void Deliveries::Perform(Job& job) {
     Guarded("a delivery", [&] { outcome = job.work(); });
     Guarded("reading the policy in force", [this] { TakeSnapshot(); });
     job.outcome.set_value(std::move(outcome));
+}
+
+void Deliveries::NoteAtWork(bool atWork) {
+    mAtWorkSinceNs.store(atWork ? SDK::TimeUtils::GetMonotonicNs() : 0, std::memory_order_relaxed);
 }
 
 void Deliveries::Guarded(const char* what, const std::function<void()>& work) const {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <future>
@@ -53,6 +56,9 @@ public:
     // The policy in force as Engine::GetPolicy gives it, as of the last delivery.
     Json::Value GetPolicy() const;
 
+    // How long the delivery thread has been at what it is doing; 0 while it waits for work.
+    std::chrono::milliseconds GetTimeAtWork() const;
+
     bool IsDetectionWished() const { return mDesired.IsDetectionWished(); }
 
     // Ends the thread after the delivery it is at. Deliveries that wait, and later ones, are refused.
@@ -68,6 +74,7 @@ private:
     void Work();
     void WaitForJob(std::unique_lock<std::mutex>& lock, bool awaitsDetection);
     void Perform(Job& job);
+    void NoteAtWork(bool atWork);
     void Guarded(const char* what, const std::function<void()>& work) const;
 
     Outcome DeliverPolicy(const std::string& text);
@@ -90,6 +97,9 @@ private:
     std::condition_variable mWork;
     std::deque<Job> mJobs;
     bool mStopping = false;
+
+    // Since when the thread has been at work (CLOCK_MONOTONIC); 0 while it waits.
+    std::atomic<std::uint64_t> mAtWorkSinceNs{0};
 
     std::thread mThread;
 };

@@ -20,9 +20,7 @@ std::string JoinLines(const std::vector<std::string>& lines) {
 } // namespace
 
 std::optional<int> Detection::ReadMode(std::string& reason) const {
-    Json::Value request(Json::objectValue);
-    request["query"] = "status";
-    const Json::Value status = mEngine.Ask(WHITELIST_MODULE, request);
+    const Json::Value status = AskModule(mEngine, WHITELIST_MODULE);
     constexpr int UNKNOWN = -1;
     const int mode = SDK::JsonUtils::GetIntValue(status, "mode", UNKNOWN);
     if (mode == UNKNOWN) {

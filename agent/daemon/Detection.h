@@ -4,12 +4,12 @@
 #include <string>
 
 #include "agent/daemon/Desired.h"
+#include "agent/daemon/Modules.h"
 #include "framework/Engine.h"
 
 namespace Daemon {
 
-// The module whose mode this is about, and the keys that lead to it.
-constexpr const char* WHITELIST_MODULE = "whitelist_module";
+// The keys that lead to the module whose mode this is about.
 constexpr const char* POLICY_KEY = "10001";
 constexpr const char* RESET_LEARNING_KEY = "whitelist_10004";
 constexpr const char* START_DETECT_KEY = "whitelist_10005";

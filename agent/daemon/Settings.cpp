@@ -8,7 +8,9 @@
 #include <limits>
 #include <map>
 
+#include <arpa/inet.h>
 #include <json/value.h>
+#include <netinet/in.h>
 
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
@@ -20,6 +22,7 @@ namespace {
 constexpr std::uint64_t MAX_FILE_BYTES = 1U << 20U;
 constexpr std::int64_t MIN_LOG_BYTES = 4096;
 constexpr int MAX_LOG_FILES = 1000;
+constexpr int MAX_PORT = 65535;
 // Far above the number of cores of any machine, times 100.
 constexpr int MAX_BUDGET_PERCENT = 1000000;
 
@@ -63,6 +66,40 @@ Reader Level(std::string& level) {
     };
 }
 
+Reader Target(SDK::LogTarget& target) {
+    return [&target](const std::string& name, const Json::Value& value) -> std::string {
+        static const std::map<std::string, SDK::LogTarget> TARGETS = {
+            {"auto", SDK::LogTarget::AUTO}, {"file", SDK::LogTarget::FILE}, {"journal", SDK::LogTarget::JOURNAL}};
+        const auto found = value.isString() ? TARGETS.find(value.asString()) : TARGETS.end();
+        if (found == TARGETS.end()) {
+            return Fault(name, "one of auto, file, journal");
+        }
+        target = found->second;
+        return "";
+    };
+}
+
+bool IsLoopback(const std::string& address) {
+    constexpr std::uint32_t FIRST_BYTE = 0xFF000000;
+    constexpr std::uint32_t LOOPBACK_NET = 0x7F000000;
+    in_addr four{};
+    in6_addr six{};
+    if (inet_pton(AF_INET, address.c_str(), &four) == 1) {
+        return (ntohl(four.s_addr) & FIRST_BYTE) == LOOPBACK_NET;
+    }
+    return inet_pton(AF_INET6, address.c_str(), &six) == 1 && std::memcmp(&six, &in6addr_loopback, sizeof(six)) == 0;
+}
+
+Reader Loopback(std::string& address) {
+    return [&address](const std::string& name, const Json::Value& value) -> std::string {
+        if (!value.isString() || !IsLoopback(value.asString())) {
+            return Fault(name, "a loopback address: 127.0.0.1, another one of 127.0.0.0/8, or ::1");
+        }
+        address = value.asString();
+        return "";
+    };
+}
+
 Reader Cgroup(std::string& cgroup) {
     return [&cgroup](const std::string& name, const Json::Value& value) -> std::string {
         if (!value.isString() || (!value.asString().empty() && value.asString().front() != '/')) {
@@ -93,6 +130,18 @@ Reader Object(const Readers& readers) {
     };
 }
 
+// The port has no default: which one is free is the operator's to know.
+Reader Metrics(Settings& settings) {
+    const Reader members = Object(
+        {{"address", Loopback(settings.metricsAddress)}, {"port", Number(1, MAX_PORT, [&settings](std::int64_t value) {
+                                                              settings.metricsPort = static_cast<int>(value);
+                                                          })}});
+    return [=](const std::string& name, const Json::Value& value) -> std::string {
+        std::string fault = members(name, value);
+        return fault.empty() && !value.isMember("port") ? Fault(name, "an object with a \"port\"") : fault;
+    };
+}
+
 Readers AllMembers(Settings& settings) {
     const Readers log = {
         {"level", Level(settings.logLevel)},
@@ -102,6 +151,7 @@ Readers AllMembers(Settings& settings) {
         {"files",
          Number(1, MAX_LOG_FILES, [&settings](std::int64_t value) { settings.logFiles = static_cast<int>(value); })},
         {"console", Flag(settings.logConsole)},
+        {"target", Target(settings.logTarget)},
     };
     return {
         {"scope", Object({{"cgroup", Cgroup(settings.cgroup)}})},
@@ -109,6 +159,7 @@ Readers AllMembers(Settings& settings) {
          Number(0, MAX_BUDGET_PERCENT,
                 [&settings](std::int64_t value) { settings.cpuBudgetPercent = static_cast<int>(value); })},
         {"log", Object(log)},
+        {"metrics", Metrics(settings)},
     };
 }
 

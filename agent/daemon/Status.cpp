@@ -5,22 +5,13 @@
 
 #include <unistd.h>
 
-#include "agent/daemon/Detection.h"
+#include "agent/daemon/Modules.h"
 #include "framework/Scope.h"
 #include "sdk/JsonUtils.h"
 
 namespace Daemon {
 
 namespace {
-
-constexpr const char* REPORTS_MODULE = "data_comm_module";
-constexpr const char* FILES_MODULE = "filenotify";
-
-Json::Value Question(const char* query) {
-    Json::Value request(Json::objectValue);
-    request["query"] = query;
-    return request;
-}
 
 // {KIND: value of the counter "GROUP.KIND"}.
 Json::Value Pick(const Json::Value& counters, const std::string& group, std::initializer_list<const char*> kinds) {
@@ -54,9 +45,9 @@ Json::Value Status::Collect() const {
 }
 
 void Status::AddMode(Json::Value& status) const {
-    const Json::Value answer = mEngine.Ask(WHITELIST_MODULE, Question("status"));
+    const Json::Value answer = AskModule(mEngine, WHITELIST_MODULE);
     for (const char* key : {"mode", "mode_name", "learned_minutes", "learn_period_minutes", "lists"}) {
-        status[key] = answer.isObject() ? answer.get(key, Json::nullValue) : Json::Value();
+        status[key] = answer.get(key, Json::nullValue);
     }
     if (answer.isMember("error")) {
         status["mode_error"] = answer["error"];
@@ -67,7 +58,7 @@ void Status::AddMode(Json::Value& status) const {
 void Status::AddFiles(Json::Value& status) const {
     Json::Value files = Pick(status["counters"], "files", {"read", "posted", "judged", "overflow", "lost"});
     Json::Value watchers;
-    SDK::JsonUtils::GetSubobjectValue(mEngine.Ask(FILES_MODULE, Question("status")), "watchers", watchers);
+    SDK::JsonUtils::GetSubobjectValue(AskModule(mEngine, FILES_MODULE), "watchers", watchers);
     for (const char* kind : {"marks", "failed_marks"}) {
         std::int64_t sum = 0;
         for (const Json::Value& watcher : watchers) {
@@ -86,8 +77,7 @@ void Status::AddPolicy(Json::Value& status) const {
 }
 
 void Status::AddAlerts(Json::Value& status) const {
-    const Json::Value counts = mEngine.Ask(REPORTS_MODULE, Question("count"));
-    status["alerts"] = counts.isObject() ? counts.get("alerts", Json::nullValue) : Json::Value();
+    status["alerts"] = AskModule(mEngine, REPORTS_MODULE, "count").get("alerts", Json::nullValue);
 }
 
 } // namespace Daemon

@@ -34,25 +34,6 @@ private:
     Poco::PatternFormatter mPattern{LINE_PATTERN};
 };
 
-// A line for journald, which adds the time itself: "<N>" with syslog's severity N before the text.
-class JournalFormatter : public Poco::Formatter {
-public:
-    void format(const Poco::Message& message, std::string& line) override {
-        const char* file = message.getSourceFile();
-        line = "<" + std::to_string(ToSyslogSeverity(message.getPriority())) + ">" + message.getSource() + " " +
-               (file == nullptr ? "" : file) + ":" + std::to_string(message.getSourceLine()) + " " +
-               EscapeControls(message.getText());
-    }
-
-private:
-    // Poco's fatal (1) and critical (2) are syslog's alert (1) and critical (2), and so on down to
-    // debug (7); only trace (8) has no counterpart.
-    static int ToSyslogSeverity(Poco::Message::Priority priority) {
-        constexpr int SYSLOG_DEBUG = 7;
-        return priority > SYSLOG_DEBUG ? SYSLOG_DEBUG : static_cast<int>(priority);
-    }
-};
-
 class StandardErrorChannel : public Poco::Channel {
 public:
     // One write a line, so that the lines of several threads and processes do not mix.
@@ -62,23 +43,52 @@ public:
     }
 };
 
-// systemd names the device and inode of the stream in JOURNAL_STREAM (systemd.exec(5)); a child that
-// redirected its standard error has inherited the variable, but not the stream.
-bool IsStandardErrorJournal() {
-    const char* stream = std::getenv("JOURNAL_STREAM");
-    struct stat info {};
-    if (stream == nullptr || fstat(STDERR_FILENO, &info) != 0) {
-        return false;
+class JournalChannel : public Poco::Channel {
+public:
+    // One write a record, for the same reason.
+    void log(const Poco::Message& message) override {
+        const char* file = message.getSourceFile();
+        const std::string beginning = "<" + std::to_string(ToSyslogSeverity(message.getPriority())) + ">" +
+                                      message.getSource() + " " + (file == nullptr ? "" : file) + ":" +
+                                      std::to_string(message.getSourceLine()) + " ";
+        const std::string text = EscapeControls(message.getText());
+        std::string lines;
+        std::size_t taken = 0;
+        do {
+            const std::size_t length = MeasurePiece(text, taken);
+            lines.append(beginning).append(text, taken, length).append("\n");
+            taken += length;
+        } while (taken < text.size());
+        WriteFully(STDERR_FILENO, lines.data(), lines.size());
     }
-    return stream == std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
-}
 
-Poco::AutoPtr<Poco::Formatter> MakeConsoleFormatter() {
-    if (IsStandardErrorJournal()) {
-        return new JournalFormatter;
+private:
+    // Well below what journald takes for one line (LineMax of journald.conf(5), 48 KiB).
+    static constexpr std::size_t MAX_PIECE_BYTES = 16384;
+
+    // How many bytes from there on go into one line; a character of UTF-8 is not cut in two.
+    static std::size_t MeasurePiece(const std::string& text, std::size_t from) {
+        constexpr unsigned char CONTINUATION_MASK = 0xC0;
+        constexpr unsigned char CONTINUATION = 0x80;
+        constexpr std::size_t MAX_CHARACTER_BYTES = 4;
+        if (text.size() - from <= MAX_PIECE_BYTES) {
+            return text.size() - from;
+        }
+        std::size_t length = MAX_PIECE_BYTES;
+        while (length > MAX_PIECE_BYTES - MAX_CHARACTER_BYTES &&
+               (static_cast<unsigned char>(text[from + length]) & CONTINUATION_MASK) == CONTINUATION) {
+            --length;
+        }
+        return length;
     }
-    return new LineFormatter;
-}
+
+    // Poco's fatal (1) and critical (2) are syslog's alert (1) and critical (2), and so on down to
+    // debug (7); only trace (8) has no counterpart.
+    static int ToSyslogSeverity(Poco::Message::Priority priority) {
+        constexpr int SYSLOG_DEBUG = 7;
+        return priority > SYSLOG_DEBUG ? SYSLOG_DEBUG : static_cast<int>(priority);
+    }
+};
 
 } // namespace
 
@@ -107,8 +117,24 @@ std::string EscapeControls(const std::string& text) {
 }
 
 Poco::AutoPtr<Poco::Channel> MakeConsoleChannel() {
-    return new Poco::FormattingChannel(MakeConsoleFormatter(),
+    if (IsStandardErrorJournal()) {
+        return MakeJournalChannel();
+    }
+    return new Poco::FormattingChannel(Poco::AutoPtr<LineFormatter>(new LineFormatter),
                                        Poco::AutoPtr<StandardErrorChannel>(new StandardErrorChannel));
+}
+
+Poco::AutoPtr<Poco::Channel> MakeJournalChannel() {
+    return new JournalChannel;
+}
+
+bool IsStandardErrorJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    struct stat info {};
+    if (stream == nullptr || fstat(STDERR_FILENO, &info) != 0) {
+        return false;
+    }
+    return stream == std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
 }
 
 Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& path, std::uint64_t maxBytes, int files) {

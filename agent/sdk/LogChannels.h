@@ -14,8 +14,20 @@ namespace SDK {
 // record whose text comes from outside stays one line and can be told from what it imitates.
 std::string EscapeControls(const std::string& text);
 
-// Writes records to standard error, one line each. Thread-safe.
+// Writes records to standard error, one line each; as the journal's channel does when journald reads
+// there. Thread-safe.
 Poco::AutoPtr<Poco::Channel> MakeConsoleChannel();
+
+// Writes records to standard error in the form that journald understands: "<N>" with syslog's severity N,
+// then logger, source file and line, and the text; journald adds the time. A record that is longer than
+// journald takes a line to be is several lines, each with the same beginning, so that no part of its text
+// ever stands where a severity is looked for. Thread-safe.
+Poco::AutoPtr<Poco::Channel> MakeJournalChannel();
+
+// Whether standard error is a stream to journald. systemd names the device and inode of that in
+// JOURNAL_STREAM (systemd.exec(5)); a child that redirected its standard error has inherited the
+// variable, but not the stream.
+bool IsStandardErrorJournal();
 
 // Writes records to a file with rotation by size. Thread-safe.
 Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& path, std::uint64_t maxBytes, int files);

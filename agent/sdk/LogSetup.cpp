@@ -42,6 +42,11 @@ Poco::AutoPtr<Poco::Channel> MakeAgentChannel(const LogSettings& settings) {
     return all;
 }
 
+bool GoesToJournal(const LogSettings& settings) {
+    return settings.target == LogTarget::JOURNAL ||
+           (settings.target == LogTarget::AUTO && !settings.filePath.empty() && IsStandardErrorJournal());
+}
+
 } // namespace
 
 int SetUpLogging(const LogSettings& settings) {
@@ -49,7 +54,8 @@ int SetUpLogging(const LogSettings& settings) {
     if (!level || settings.maxBytes < 1 || settings.files < 1) {
         return EINVAL;
     }
-    if (!settings.filePath.empty()) {
+    const bool journal = GoesToJournal(settings);
+    if (!journal && !settings.filePath.empty()) {
         const int result = CheckCanBeWritten(settings.filePath);
         if (result != 0) {
             return result;
@@ -58,8 +64,8 @@ int SetUpLogging(const LogSettings& settings) {
     // Asked for first: setLevel reaches only loggers that exist, and those to come inherit from this one.
     Poco::Logger& root = Poco::Logger::root();
     Poco::Logger::setLevel("", *level);
-    root.setChannel(MakeAgentChannel(settings));
-    SetRootWritesToConsole(settings.console);
+    root.setChannel(journal ? MakeJournalChannel() : MakeAgentChannel(settings));
+    SetRootWritesToConsole(journal || settings.console);
     AttachLoggersToRoot();
     return 0;
 }
