@@ -31,7 +31,6 @@ constexpr int HTTP_METHOD_NOT_ALLOWED = 405;
 constexpr int HTTP_INTERNAL_ERROR = 500;
 
 constexpr std::ptrdiff_t CONNECTIONS = 4;
-constexpr std::chrono::seconds CONNECTION_TIME{2};
 
 // A connection that is over at a fixed time. The library's own time-outs begin anew with every byte, so
 // that a peer who sends one now and then holds a connection for hours.
@@ -131,15 +130,20 @@ private:
 };
 
 class Server : public httplib::Server {
+public:
+    explicit Server(std::chrono::milliseconds connectionTime) : mConnectionTime(connectionTime) {}
+
 private:
     bool process_and_close_socket(socket_t fd) override {
         const SDK::FileDescriptor connection(fd);
-        TimedStream stream(fd, Clock::now() + CONNECTION_TIME);
+        TimedStream stream(fd, Clock::now() + mConnectionTime);
         bool closed = false;
         const bool done = process_request(stream, true, closed, nullptr);
         stream.FinishWriting();
         return done;
     }
+
+    const std::chrono::milliseconds mConnectionTime;
 };
 
 void Refuse(httplib::Response& response, int status, const std::string& text) {
@@ -180,11 +184,14 @@ void SetSocketOptions(int fd) {
 } // namespace
 
 struct MetricsServer::Http {
+    explicit Http(std::chrono::milliseconds connectionTime) : server(connectionTime) {}
+
     Server server;
     ServerLoop loop{server};
 };
 
-MetricsServer::MetricsServer(const std::function<std::string()>& render) : mHttp(std::make_unique<Http>()) {
+MetricsServer::MetricsServer(const std::function<std::string()>& render, std::chrono::milliseconds connectionTime)
+    : mHttp(std::make_unique<Http>(connectionTime)) {
     using httplib::Request;
     using httplib::Response;
     Server& server = mHttp->server;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,12 +11,16 @@ namespace Daemon {
 // path, 405 another method).
 //
 // The port is open to every user of the machine, so nobody can keep it busy: a connection is one request
-// and is over after two seconds, whatever its peer does; four are answered at a time, a few more wait in
-// the kernel, all others are refused.
+// and is over after a time, whatever its peer does; four are answered at a time, a few more wait in the
+// kernel, all others are refused.
 class MetricsServer {
 public:
-    // `render` makes the text; called on the server's threads, several at a time.
-    explicit MetricsServer(const std::function<std::string()>& render);
+    static constexpr std::chrono::milliseconds CONNECTION_TIME{2000};
+
+    // `render` makes the text; called on the server's threads, several at a time. `connectionTime` is how
+    // long a connection lasts at most.
+    explicit MetricsServer(const std::function<std::string()>& render,
+                           std::chrono::milliseconds connectionTime = CONNECTION_TIME);
     ~MetricsServer();
     MetricsServer(const MetricsServer&) = delete;
     MetricsServer& operator=(const MetricsServer&) = delete;
@@ -24,7 +29,7 @@ public:
     // be bound: another socket that listens on it is never joined. Called once.
     bool Start(const std::string& address, int port, std::string& reason);
 
-    // Takes no more connections and waits for those under way, some two seconds at most.
+    // Takes no more connections and waits for those under way, which are over soon.
     void Stop();
 
 private:

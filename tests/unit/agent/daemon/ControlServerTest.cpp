@@ -140,6 +140,19 @@ TEST_F(ControlServerTest, StatusSaysWhenTheModeIsNotKnown) {
     EXPECT_TRUE(answer.body["policy"].isNull());
 }
 
+TEST_F(ControlServerTest, MetricsTellTheSameAsTheStatus) {
+    Store({{0, 1, "whitelist_4", "{}"}});
+
+    const httplib::Result result = Client().Get("/metrics");
+
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 200);
+    EXPECT_EQ(result->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
+    EXPECT_THAT(result->body, HasSubstr("\ncorvalent_mode{mode=\"learning\"} 1\n"));
+    EXPECT_THAT(result->body, HasSubstr("corvalent_alerts_total 1\n"));
+    EXPECT_THAT(result->body, HasSubstr("\ncorvalent_queue_capacity_messages{task=\"data_comm_report_task\"} 10240\n"));
+}
+
 TEST_F(ControlServerTest, APolicyIsDeliveredAndShown) {
     EXPECT_EQ(Get("/policy").status, 404);
 

@@ -20,6 +20,8 @@ struct FakeWhitelistState {
     // The mode in which a reset of learning ends.
     std::atomic<int> modeAfterReset{1};
     std::atomic<bool> answers{true};
+    // While set, whoever asks gets no answer at all.
+    std::atomic<bool> hangs{false};
     // How long a command lasts.
     std::atomic<int> commandMs{0};
 
@@ -110,6 +112,7 @@ public:
     explicit FakeWhitelistInspector(FakeWhitelistStatePtr state) : mState(std::move(state)) {}
 
     Json::Value Ask(const Json::Value& request) override {
+        mState->hangs.wait(true);
         Json::Value answer(Json::objectValue);
         if (!mState->answers) {
             answer["error"] = "not now";

@@ -2,6 +2,10 @@ corvalent_add_test(daemon_test
   ${TEST_DIR}/SettingsTest.cpp ${TEST_DIR}/DesiredTest.cpp ${TEST_DIR}/RootLockTest.cpp ${TEST_DIR}/NotifyTest.cpp
   ${TEST_DIR}/DeliveriesTest.cpp ${TEST_DIR}/ControlServerTest.cpp
   LIBS daemon_objects data_comm_objects)
+corvalent_add_test(daemon_metrics_test
+  ${TEST_DIR}/ExpositionTest.cpp ${TEST_DIR}/MetricsTest.cpp ${TEST_DIR}/MetricsServerTest.cpp LIBS daemon_objects)
+target_compile_definitions(daemon_metrics_test PRIVATE REFERENCE="${CMAKE_SOURCE_DIR}/docs/reference.md")
+corvalent_add_test(daemon_heartbeat_test ${TEST_DIR}/HeartbeatTest.cpp LIBS daemon_objects)
 
 # The program itself, with modules from the build that need no permission of the kernel.
 corvalent_add_test(daemon_process_test ${TEST_DIR}/DaemonProcessTest.cpp LIBS daemon_objects)

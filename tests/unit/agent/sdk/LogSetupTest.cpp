@@ -1,3 +1,4 @@
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -6,11 +7,14 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "agent/sdk/FileDescriptor.h"
 #include "agent/sdk/LogChannels.h"
 #include "agent/sdk/LogSetup.h"
 #include "sdk/LoggerUtils.h"
@@ -245,6 +249,160 @@ TEST(LogConsole, AnInheritedJournalVariableForAnotherStreamIsIgnored) {
     ASSERT_EQ(SetUpLogging(settings), 0);
     moduleLog.Error("text");
     ExpectLine(Lines(console.Take()).at(0), std::string(TIME) + " Error .* text");
+}
+
+namespace {
+
+// Standard error led to one end of a socket pair, as systemd leads a service's to journald; what journald
+// would read comes out of the other. JOURNAL_STREAM means that stream unless a test sets it otherwise.
+class Journal {
+public:
+    Journal() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+        mRead.Reset(ends[0]);
+        const SDK::FileDescriptor written(ends[1]);
+        mOld.Reset(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+        EXPECT_EQ(dup2(written.Get(), STDERR_FILENO), STDERR_FILENO);
+        struct stat info {};
+        EXPECT_EQ(fstat(STDERR_FILENO, &info), 0);
+        setenv("JOURNAL_STREAM", (std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino)).c_str(), 1);
+    }
+    ~Journal() {
+        dup2(mOld.Get(), STDERR_FILENO);
+        unsetenv("JOURNAL_STREAM");
+    }
+    Journal(const Journal&) = delete;
+    Journal& operator=(const Journal&) = delete;
+
+    // What has been written so far.
+    std::vector<std::string> Read() const {
+        std::string text;
+        std::array<char, 65536> buffer{};
+        for (;;) {
+            const ssize_t count = recv(mRead.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+            if (count <= 0) {
+                return Lines(text);
+            }
+            text.append(buffer.data(), static_cast<std::size_t>(count));
+        }
+    }
+
+private:
+    SDK::FileDescriptor mRead;
+    SDK::FileDescriptor mOld;
+};
+
+} // namespace
+
+TEST(LogJournal, TakesTheFilesPlaceWhenJournaldReadsStandardError) {
+    const TempDir dir;
+    const Journal journal;
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    moduleLog.Error("to the journal");
+    const std::vector<std::string> lines = journal.Read();
+    ASSERT_EQ(lines.size(), 1U);
+    ExpectLine(lines[0], R"(<3>log_test LogSetupTest\.cpp:\d+ to the journal)");
+    EXPECT_EQ(dir.Read("agent.log"), "<missing>");
+}
+
+TEST(LogJournal, EachPriorityIsASeverityOfSyslog) {
+    const TempDir dir;
+    const Journal journal;
+    LogSettings settings = FileIn(dir);
+    settings.level = "trace";
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Fatal("x");
+    moduleLog.Error("x");
+    moduleLog.Warning("x");
+    moduleLog.Notice("x");
+    moduleLog.Information("x");
+    moduleLog.Debug("x");
+    moduleLog.Trace("x");
+    std::string severities;
+    for (const std::string& line : journal.Read()) {
+        severities += line.substr(0, 3);
+    }
+    EXPECT_EQ(severities, "<1><3><4><5><6><7><7>");
+}
+
+TEST(LogJournal, ARecordOfManyLinesIsOneAndForgesNothing) {
+    const TempDir dir;
+    const Journal journal;
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    moduleLog.Information("%s", "first\n<0>daemon Daemon.cpp:1 forged\r\nPRIORITY=0\0_UID=0"s);
+    const std::vector<std::string> lines = journal.Read();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].substr(0, 3), "<6>");
+    EXPECT_NE(lines[0].find(R"(first\n<0>daemon Daemon.cpp:1 forged\r\nPRIORITY=0\x00_UID=0)"), std::string::npos);
+}
+
+TEST(LogJournal, ARecordTooLongForALineIsSeveralOfTheSameSeverity) {
+    const TempDir dir;
+    const Journal journal;
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    std::string text;
+    while (text.size() < 60000) {
+        text += "<0>\xC3\xA9";
+    }
+    moduleLog.Warning("%s", text);
+    std::string joined;
+    const std::vector<std::string> lines = journal.Read();
+    ASSERT_EQ(lines.size(), 4U);
+    for (const std::string& line : lines) {
+        EXPECT_LT(line.size(), 20000U);
+        const std::string beginning = "<4>log_test LogSetupTest.cpp:";
+        ASSERT_TRUE(line.starts_with(beginning));
+        const std::string piece = line.substr(line.find(' ', beginning.size()) + 1);
+        // No character is cut in two.
+        EXPECT_NE(static_cast<unsigned char>(piece.front()), 0xA9);
+        joined += piece;
+    }
+    EXPECT_EQ(joined, text);
+}
+
+TEST(LogJournal, TheConsoleAddsNothingToIt) {
+    const TempDir dir;
+    const Journal journal;
+    LogSettings settings = FileIn(dir);
+    settings.console = true;
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Error("once");
+    LoggerUtils::GetInstance()->GetModuleLogger("log_test_console", true)->error("once");
+    EXPECT_EQ(journal.Read().size(), 2U);
+}
+
+TEST(LogJournal, AStreamThatIsNotJournaldsLeavesTheFile) {
+    const TempDir dir;
+    const Journal journal;
+    for (const char* stream : {"1:1", "", "nonsense", ":"}) {
+        setenv("JOURNAL_STREAM", stream, 1);
+        ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+        moduleLog.Error("to the file");
+    }
+    unsetenv("JOURNAL_STREAM");
+    ASSERT_EQ(SetUpLogging(FileIn(dir)), 0);
+    moduleLog.Error("to the file");
+    EXPECT_TRUE(journal.Read().empty());
+    EXPECT_EQ(Lines(dir.Read("agent.log")).size(), 5U);
+}
+
+TEST(LogJournal, TheTargetMayBeSetWhateverReadsStandardError) {
+    const TempDir dir;
+    const Journal journal;
+    LogSettings settings = FileIn(dir);
+    settings.target = SDK::LogTarget::FILE;
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Error("to the file");
+    EXPECT_TRUE(journal.Read().empty());
+    EXPECT_EQ(Lines(dir.Read("agent.log")).size(), 1U);
+
+    unsetenv("JOURNAL_STREAM");
+    settings.target = SDK::LogTarget::JOURNAL;
+    ASSERT_EQ(SetUpLogging(settings), 0);
+    moduleLog.Error("to standard error");
+    ASSERT_EQ(journal.Read().size(), 1U);
+    EXPECT_EQ(Lines(dir.Read("agent.log")).size(), 1U);
 }
 
 TEST(ModuleLogger, IsOneForEachName) {
