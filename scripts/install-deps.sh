@@ -11,7 +11,10 @@ PACKAGES=(
     # Checking
     clang clang-format clang-tidy git
     # Testing
-    libgtest-dev libgmock-dev groff-base curl jq openssl sqlite3 procps python3 libvterm-dev ncurses-base
+    libgtest-dev libgmock-dev groff-base curl jq openssl sqlite3 procps python3 python3-prometheus-client
+    libvterm-dev ncurses-base
+    # Measuring
+    libbenchmark-dev
 )
 
 is_installed() {

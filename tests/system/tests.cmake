@@ -7,13 +7,15 @@ target_link_libraries(system_harness PUBLIC sdk PkgConfig::HTTPLIB GTest::gtest)
 add_dependencies(system_harness corvalentd corvalentctl whitelist_module process_collect_module filenotify_module
   isolate_module data_comm_module fork_sleepers)
 
-foreach(concern Learning Mode Policy PolicyCheck Detection Blocking Command Lifecycle Operator Directory Preset Trust Doctor Top)
+foreach(concern Learning Mode Policy PolicyCheck Detection Blocking Command Lifecycle Operator Directory Preset Trust
+    Doctor Top Metrics)
   string(TOLOWER system_${concern}_test name)
   corvalent_add_test(${name} ${TEST_DIR}/${concern}Test.cpp LIBS system_harness LABELS system)
 endforeach()
 # A terminal that the test looks at.
 pkg_check_modules(VTERM REQUIRED IMPORTED_TARGET vterm)
 target_link_libraries(system_top_test PRIVATE PkgConfig::VTERM)
+target_compile_definitions(system_metrics_test PRIVATE LINT_METRICS="${CMAKE_SOURCE_DIR}/tests/tools/lint_metrics.py")
 # Alone, so that it measures the agent and not its neighbours.
 corvalent_add_test(system_idle_test ${TEST_DIR}/IdleTest.cpp LIBS system_harness LABELS system-slow
   PROPERTIES RUN_SERIAL ON)

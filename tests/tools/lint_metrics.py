@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Reads metrics in the Prometheus text format from standard input, with the format's own parser, and
 checks them against the rules for names and for what must hold between samples. One line on standard
 error for each fault; exit status 0 when there is none."""
@@ -15,7 +15,7 @@ WRONG_UNIT = re.compile(r"_(ms|us|ns|milliseconds|microseconds|nanoseconds|minut
 
 
 def sample_name(family):
-    """The parser takes the ending off the names of counters."""
+    """The parser takes the ending off the names of counters, and gives it to those that lack it."""
     return family.name + "_total" if family.type == "counter" else family.name
 
 
@@ -28,6 +28,9 @@ def check_text(text):
         names = re.findall(rf"^# {keyword} (\S+) ", text, re.MULTILINE)
         if names != sorted(set(names)):
             yield f"the {keyword} lines are not sorted, or one is there twice"
+    for name in re.findall(r"^# TYPE (\S+) counter$", text, re.MULTILINE):
+        if not name.endswith("_total"):
+            yield f"{name}: a counter that does not end in _total"
     samples = [line.rsplit(" ", 1)[0] for line in text.splitlines() if not line.startswith("#")]
     for sample in sorted({s for s in samples if samples.count(s) > 1}):
         yield f"{sample}: twice"
@@ -50,8 +53,6 @@ def check_family(family):
     if not family.samples:
         yield f"{name}: no sample"
     for sample in family.samples:
-        if family.type == "counter" and not sample.name.endswith("_total"):
-            yield f"{sample.name}: a counter that does not end in _total"
         if not math.isfinite(sample.value):
             yield f"{sample.name}: {sample.value}"
         if family.type != "gauge" and sample.value < 0:

@@ -146,6 +146,23 @@ protected:
     std::string err;
 };
 
+TEST_F(CtlProcessTest, MetricsArePrintedAsTheyAre) {
+    EXPECT_EQ(Run({"metrics"}), 0) << err;
+    EXPECT_EQ(err, "");
+    EXPECT_THAT(out, StartsWith("# HELP corvalent_alerts_total Alerts in the history, all time.\n"
+                                "# TYPE corvalent_alerts_total counter\n"
+                                "corvalent_alerts_total 0\n"));
+    EXPECT_THAT(out, HasSubstr("\ncorvalent_mode{mode=\"learning\"} 1\n"));
+    EXPECT_EQ(out.back(), '\n');
+}
+
+TEST_F(CtlProcessTest, MetricsTakeNoArgumentAndNeedADaemon) {
+    ExpectFailure({"metrics", "all"}, 2, "all");
+    ExpectFailure({"metrics", "--json"}, 2, "--json");
+    server->Stop();
+    ExpectFailure({"metrics"}, 69, "no daemon listens");
+}
+
 TEST_F(CtlProcessTest, StatusSaysTheSameForPeopleAndForPrograms) {
     ASSERT_TRUE(deliveries->ApplyPolicy(POLICY).accepted);
 

@@ -12,21 +12,34 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "ServiceManager.h"
+#include "support/LoopbackListener.h"
 #include "support/TempRoot.h"
 #include "support/WaitFor.h"
 
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace fs = std::filesystem;
 
+// Whose standard error it is.
+enum class Stream { FILE, JOURNAL };
+
+// In the child: says of its standard error what systemd says of a stream to journald.
+void PassForJournal() {
+    struct stat info {};
+    fstat(STDERR_FILENO, &info);
+    setenv("JOURNAL_STREAM", (std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino)).c_str(), 1);
+}
+
 // The daemon as a process of its own; what it writes to standard error is in a file.
 class Process {
 public:
-    Process(const std::vector<std::string>& arguments, const std::string& errorFile) {
+    Process(const std::vector<std::string>& arguments, const std::string& errorFile, Stream stream = Stream::FILE) {
         std::vector<char*> words = {const_cast<char*>(CORVALENTD)};
         for (const std::string& argument : arguments) {
             words.push_back(const_cast<char*>(argument.c_str()));
@@ -39,6 +52,9 @@ public:
             const int fd = open(errorFile.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
             dup2(fd, STDERR_FILENO);
             dup2(fd, STDOUT_FILENO);
+            if (stream == Stream::JOURNAL) {
+                PassForJournal();
+            }
             execv(CORVALENTD, words.data());
             _exit(126);
         }
@@ -174,6 +190,68 @@ TEST_F(DaemonProcessTest, BadSettingsAreSaidInOneLine) {
 
     EXPECT_EQ(RunToTheEnd(), 78);
     EXPECT_EQ(said, "corvalentd: " + (root / "conf/agent.json") + ": unknown member \"colour\"\n");
+}
+
+TEST_F(DaemonProcessTest, MetricsAreForThisMachineAlone) {
+    root.Write("conf/agent.json", R"({"metrics":{"address":"0.0.0.0","port":9100}})");
+
+    EXPECT_EQ(RunToTheEnd(), 78);
+    EXPECT_EQ(said, "corvalentd: " + (root / "conf/agent.json") +
+                        ": \"metrics.address\" has to be a loopback address: 127.0.0.1, another one of 127.0.0.0/8, or "
+                        "::1\n");
+}
+
+TEST_F(DaemonProcessTest, APortForMetricsThatIsInUseIsSaidInOneLine) {
+    const TestSupport::LoopbackListener other;
+    const std::string port = std::to_string(other.Port());
+    root.Write("conf/agent.json", R"({"metrics":{"port":)" + port + "}}");
+
+    EXPECT_EQ(RunToTheEnd(), 73);
+    EXPECT_EQ(said, "corvalentd: cannot serve metrics on [127.0.0.1] port " + port + ": Address already in use\n");
+    EXPECT_FALSE(fs::exists(root / "run/agent.sock"));
+}
+
+TEST_F(DaemonProcessTest, TheServiceManagerHearsOfTheStartOfEachSignOfLifeAndOfTheEnd) {
+    const TestSupport::ServiceManager manager(root / "notify");
+    setenv("WATCHDOG_USEC", "100000", 1);
+    Process daemon({"--root", root.Path()}, errors);
+    unsetenv("WATCHDOG_USEC");
+    std::vector<std::string> messages;
+    const auto hear = [&] {
+        for (std::string message = manager.Received(); message != "<nothing>"; message = manager.Received()) {
+            messages.push_back(message);
+        }
+        return messages.size();
+    };
+
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return hear() >= 4; }));
+    EXPECT_EQ(messages[0], "READY=1");
+    for (std::size_t i = 1; i < messages.size(); ++i) {
+        EXPECT_THAT(messages[i], StartsWith("WATCHDOG=1\nSTATUS=mode not known; "));
+    }
+
+    daemon.Signal(SIGTERM);
+    EXPECT_EQ(daemon.Wait(), 0);
+    hear();
+    EXPECT_THAT(messages, Contains("STOPPING=1"));
+}
+
+TEST_F(DaemonProcessTest, AServiceLogsToTheJournalAndEveryoneElseToTheFile) {
+    {
+        Process daemon({"--root", root.Path()}, errors, Stream::JOURNAL);
+        ASSERT_TRUE(WaitUntilReady());
+        const std::string lines = TestSupport::TempDir::ReadText(errors);
+        EXPECT_THAT(lines, StartsWith("<5>daemon Daemon.cpp:"));
+        EXPECT_THAT(lines, HasSubstr(" version "));
+        EXPECT_FALSE(fs::exists(root / "log/corvalent.log"));
+    }
+    root.Write("conf/agent.json", R"({"log":{"target":"file"}})");
+    {
+        Process daemon({"--root", root.Path()}, errors, Stream::JOURNAL);
+        ASSERT_TRUE(WaitUntilReady());
+        EXPECT_THAT(TestSupport::TempDir::ReadText(errors), StartsWith("corvalentd: ready, "));
+        EXPECT_THAT(root.Read("log/corvalent.log"), HasSubstr(" version "));
+    }
 }
 
 TEST_F(DaemonProcessTest, AModuleThatIsNoModuleIsSaidInOneLine) {

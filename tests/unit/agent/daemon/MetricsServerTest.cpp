@@ -6,7 +6,6 @@
 #include <stdexcept>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -16,6 +15,7 @@
 
 #include "agent/sdk/FileDescriptor.h"
 #include "support/LogRecorder.h"
+#include "support/LoopbackListener.h"
 #include "support/WaitFor.h"
 
 namespace {
@@ -25,40 +25,11 @@ using testing::HasSubstr;
 
 constexpr const char* ADDRESS = "127.0.0.1";
 
-sockaddr_in MakeAddress(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-// A socket of another program's that listens on a port which was free.
-class Listener {
-public:
-    Listener() {
-        sockaddr_in address = MakeAddress(0);
-        socklen_t length = sizeof(address);
-        const int yes = 1;
-        setsockopt(mFd.Get(), SOL_SOCKET, SO_REUSEPORT, &yes, sizeof(yes));
-        EXPECT_EQ(bind(mFd.Get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
-        EXPECT_EQ(listen(mFd.Get(), 1), 0);
-        EXPECT_EQ(getsockname(mFd.Get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-        mPort = ntohs(address.sin_port);
-    }
-
-    int Port() const { return mPort; }
-
-private:
-    SDK::FileDescriptor mFd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    int mPort = 0;
-};
-
 // A client that says what the test wants.
 class Peer {
 public:
     explicit Peer(int port) {
-        const sockaddr_in address = MakeAddress(port);
+        const sockaddr_in address = TestSupport::MakeLoopback(port);
         EXPECT_EQ(connect(mFd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     }
 
@@ -96,7 +67,7 @@ protected:
         return client;
     }
 
-    const int port = Listener().Port(); // free again
+    const int port = TestSupport::FindFreePort();
     TestSupport::LogRecorder log;
     std::atomic<bool> fails{false};
     MetricsServer server{[this] {
@@ -146,7 +117,7 @@ TEST_F(MetricsServerTest, AFaultIsAnsweredWithoutItsReasonWhichIsLogged) {
 
 TEST_F(MetricsServerTest, APortThatAnotherListensOnIsNeverShared) {
     // That other has even allowed it.
-    const Listener other;
+    const TestSupport::LoopbackListener other;
     std::string reason;
     EXPECT_FALSE(server.Start(ADDRESS, other.Port(), reason));
     EXPECT_EQ(reason,
