@@ -52,7 +52,7 @@ std::string DescribeMode(const Json::Value& whitelist) {
     if (!whitelist.isMember("mode")) {
         return "mode not known";
     }
-    const std::string name = SDK::JsonUtils::GetStringValue(whitelist, "mode_name", "");
+    std::string name = SDK::JsonUtils::GetStringValue(whitelist, "mode_name", "");
     if (SDK::JsonUtils::GetIntValue(whitelist, "mode", MODE_STOPPED) != MODE_LEARNING) {
         return name;
     }

@@ -34,9 +34,9 @@ int main(int argc, char** argv) {
     bool console = false;
     app.add_option("--root", root, "The installation to run in (also CORVALENT_ROOT)")->type_name("DIR");
     app.add_flag("--console", console, "Log to standard error, too");
-    app.footer(
-        "Exit status: 0 stopped in order, 2 bad usage, 66 root or module folder missing, 70 a module failed,\n"
-        "73 a file cannot be made, 75 another daemon works in this root, 77 permission missing, 78 bad settings.");
+    app.footer("Exit status: 0 stopped in order, 2 bad usage, 66 root or module folder missing, 70 a module failed,\n"
+               "73 a file cannot be made or a port be had, 75 another daemon works in this root, 77 permission "
+               "missing, 78 bad settings.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& request) {

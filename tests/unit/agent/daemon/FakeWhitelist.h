@@ -22,6 +22,10 @@ struct FakeWhitelistState {
     std::atomic<bool> answers{true};
     // While set, whoever asks gets no answer at all.
     std::atomic<bool> hangs{false};
+    // How many have been kept waiting so.
+    std::atomic<int> held{0};
+    // While set, no command comes to an end.
+    std::atomic<bool> commandHangs{false};
     // How long a command lasts.
     std::atomic<int> commandMs{0};
 
@@ -69,6 +73,7 @@ private:
     int TakeServerList(const std::string& text) {
         mState->Note("10001 " + text);
         Poco::Thread::sleep(mState->commandMs);
+        mState->commandHangs.wait(true);
         return text.empty() ? -1 : 0;
     }
 
@@ -112,6 +117,7 @@ public:
     explicit FakeWhitelistInspector(FakeWhitelistStatePtr state) : mState(std::move(state)) {}
 
     Json::Value Ask(const Json::Value& request) override {
+        mState->held += mState->hangs ? 1 : 0;
         mState->hangs.wait(true);
         Json::Value answer(Json::objectValue);
         if (!mState->answers) {

@@ -36,14 +36,15 @@ protected:
         deliveries = std::make_unique<Deliveries>(engine, root.Path() + "/conf/");
     }
     ~HeartbeatTest() override {
-        SetHanging(false);
+        Set(module->hangs, false);
+        Set(module->commandHangs, false);
         deliveries->Stop();
         engine.UnInitModules();
     }
 
-    void SetHanging(bool hangs) const {
-        module->hangs = hangs;
-        module->hangs.notify_all();
+    static void Set(std::atomic<bool>& flag, bool value) {
+        flag = value;
+        flag.notify_all();
     }
 
     bool AwaitSign() const {
@@ -103,12 +104,12 @@ TEST_F(HeartbeatTest, AModuleThatHangsEndsTheSignsUntilItAnswersAgain) {
     heartbeat.Start({OFTEN, true});
     ASSERT_TRUE(AwaitSign());
 
-    SetHanging(true);
-    std::this_thread::sleep_for(2 * OFTEN); // one may be under way
+    Set(module->hangs, true);
+    ASSERT_TRUE(WaitFor([this] { return module->held > 0; }));
     ForgetSigns();
     EXPECT_TRUE(IsSilent());
 
-    SetHanging(false);
+    Set(module->hangs, false);
     EXPECT_TRUE(AwaitSign());
 }
 
@@ -117,7 +118,7 @@ TEST_F(HeartbeatTest, ADeliveryThatDoesNotEndEndsTheSignsAndIsLogged) {
     heartbeat.Start({OFTEN, true});
     ASSERT_TRUE(AwaitSign());
 
-    module->commandMs = 1000;
+    Set(module->commandHangs, true);
     auto delivery = std::async(std::launch::async, [this] { return deliveries->RunCommand("whitelist_10001", "x"); });
     ASSERT_TRUE(WaitFor([this] {
         return log.Has(Poco::Message::PRIO_ERROR,
@@ -126,6 +127,7 @@ TEST_F(HeartbeatTest, ADeliveryThatDoesNotEndEndsTheSignsAndIsLogged) {
     ForgetSigns();
     EXPECT_TRUE(IsSilent());
 
+    Set(module->commandHangs, false);
     EXPECT_TRUE(delivery.get().accepted);
     EXPECT_TRUE(AwaitSign());
 }
@@ -133,11 +135,12 @@ TEST_F(HeartbeatTest, ADeliveryThatDoesNotEndEndsTheSignsAndIsLogged) {
 TEST_F(HeartbeatTest, ADeliveryThatTakesItsTimeIsAlive) {
     Heartbeat heartbeat(engine, *deliveries);
     heartbeat.Start({OFTEN, true});
-    module->commandMs = 300;
+    Set(module->commandHangs, true);
     auto delivery = std::async(std::launch::async, [this] { return deliveries->RunCommand("whitelist_10001", "x"); });
     ASSERT_TRUE(WaitFor([this] { return deliveries->GetTimeAtWork() > milliseconds(50); }));
     ForgetSigns();
     EXPECT_TRUE(AwaitSign());
+    Set(module->commandHangs, false);
     EXPECT_TRUE(delivery.get().accepted);
     EXPECT_TRUE(WaitFor([this] { return deliveries->GetTimeAtWork() == milliseconds(0); }));
 }
@@ -154,13 +157,13 @@ TEST_F(HeartbeatTest, AStopDoesNotWaitForTheNextSign) {
 
 TEST_F(HeartbeatTest, AStopLeavesAThreadBehindThatAModuleDoesNotAnswer) {
     auto heartbeat = std::make_unique<Heartbeat>(engine, *deliveries);
-    SetHanging(true);
+    Set(module->hangs, true);
     heartbeat->Start({OFTEN, true});
     const auto begin = std::chrono::steady_clock::now();
     heartbeat.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
     EXPECT_TRUE(log.Has(Poco::Message::PRIO_ERROR, "a module does not answer: the thread that asks it is left behind"));
-    SetHanging(false);
+    Set(module->hangs, false);
     EXPECT_TRUE(IsSilent());
 }
 
