@@ -159,6 +159,7 @@ TEST_F(HeartbeatTest, AStopLeavesAThreadBehindThatAModuleDoesNotAnswer) {
     auto heartbeat = std::make_unique<Heartbeat>(engine, *deliveries);
     Set(module->hangs, true);
     heartbeat->Start({OFTEN, true});
+    ASSERT_TRUE(WaitFor([this] { return module->held > 0; }));
     const auto begin = std::chrono::steady_clock::now();
     heartbeat.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
