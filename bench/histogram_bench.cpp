@@ -7,6 +7,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "RatioReporter.h"
 #include "sdk/Histogram.h"
 #include "sdk/TimeUtils.h"
 
@@ -60,3 +61,7 @@ BENCHMARK(Record)->Threads(1)->Threads(2);
 BENCHMARK(RecordSince)->Threads(1)->Threads(2);
 
 } // namespace
+
+int main(int argc, char** argv) {
+    return RunWithRatios(argc, argv);
+}

@@ -112,7 +112,7 @@ private:
     std::size_t mFilled = 0;
 };
 
-// Takes a connection only when a thread is free for it, so that none waits in the process.
+// Takes a connection only when a thread is free for it: one may wait for that, no queue of them grows.
 class BoundedPool : public httplib::TaskQueue {
 public:
     void enqueue(std::function<void()> work) override {

@@ -11,8 +11,8 @@ namespace Daemon {
 // path, 405 another method).
 //
 // The port is open to every user of the machine, so nobody can keep it busy: a connection is one request
-// and is over after a time, whatever its peer does; four are answered at a time, a few more wait in the
-// kernel, all others are refused.
+// and is over after a time, whatever its peer does; four are answered at a time, and a few more wait in
+// the kernel.
 class MetricsServer {
 public:
     static constexpr std::chrono::milliseconds CONNECTION_TIME{2000};
