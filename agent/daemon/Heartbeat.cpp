@@ -14,9 +14,9 @@
 
 #include "agent/daemon/Modules.h"
 #include "agent/daemon/Notify.h"
-#include "agent/sdk/LogChannels.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/ModuleLog.h"
+#include "sdk/PrintableText.h"
 
 namespace Daemon {
 
@@ -148,7 +148,8 @@ void Heartbeat::State::Beat(const Timing& timing) {
         std::string line;
         const bool alive = Examine(line);
         if (alive && !IsStopping()) {
-            NotifyServiceManager((timing.watchdog ? "WATCHDOG=1\nSTATUS=" : "STATUS=") + SDK::EscapeControls(line));
+            NotifyServiceManager((timing.watchdog ? "WATCHDOG=1\nSTATUS=" : "STATUS=") +
+                                 SDK::PrintableText::Escape(line));
         }
         lock.lock();
         changed.wait_for(lock, timing.interval, [this] { return stopping; });

@@ -12,7 +12,7 @@
 #include <Poco/PatternFormatter.h>
 
 #include "agent/sdk/FileDescriptor.h"
-#include "agent/sdk/Hex.h"
+#include "sdk/PrintableText.h"
 
 namespace SDK {
 
@@ -27,7 +27,7 @@ std::atomic<bool> rootWritesToConsole{false};
 class LineFormatter : public Poco::Formatter {
 public:
     void format(const Poco::Message& message, std::string& line) override {
-        mPattern.format(Poco::Message(message, EscapeControls(message.getText())), line);
+        mPattern.format(Poco::Message(message, PrintableText::Escape(message.getText())), line);
     }
 
 private:
@@ -51,7 +51,7 @@ public:
         const std::string beginning = "<" + std::to_string(ToSyslogSeverity(message.getPriority())) + ">" +
                                       message.getSource() + " " + (file == nullptr ? "" : file) + ":" +
                                       std::to_string(message.getSourceLine()) + " ";
-        const std::string text = EscapeControls(message.getText());
+        const std::string text = PrintableText::Escape(message.getText());
         std::string lines;
         std::size_t taken = 0;
         do {
@@ -91,30 +91,6 @@ private:
 };
 
 } // namespace
-
-std::string EscapeControls(const std::string& text) {
-    constexpr unsigned char FIRST_PRINTABLE = 0x20;
-    constexpr unsigned char DELETE = 0x7F;
-    std::string escaped;
-    escaped.reserve(text.size());
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\n') {
-            escaped += "\\n";
-        } else if (c == '\r') {
-            escaped += "\\r";
-        } else if (c == '\t') {
-            escaped += "\\t";
-        } else if (c == '\\') {
-            escaped += "\\\\";
-        } else if (byte < FIRST_PRINTABLE || byte == DELETE) {
-            escaped += "\\x" + ToHex(&byte, 1);
-        } else {
-            escaped += c;
-        }
-    }
-    return escaped;
-}
 
 Poco::AutoPtr<Poco::Channel> MakeConsoleChannel() {
     if (IsStandardErrorJournal()) {

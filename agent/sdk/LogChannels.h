@@ -10,9 +10,8 @@
 
 namespace SDK {
 
-// The text with its control characters escaped (\n, \r, \t, \xNN) and backslashes doubled, so that a
-// record whose text comes from outside stays one line and can be told from what it imitates.
-std::string EscapeControls(const std::string& text);
+// Every record is one line, its text escaped (PrintableText), so that text from outside can be told from
+// the record that it imitates.
 
 // Writes records to standard error, one line each; as the journal's channel does when journald reads
 // there. Thread-safe.

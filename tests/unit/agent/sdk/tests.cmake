@@ -1,5 +1,6 @@
 corvalent_add_test(sdk_text_test ${TEST_DIR}/StrUtilsTest.cpp ${TEST_DIR}/PathUtilsTest.cpp
-  ${TEST_DIR}/CryptoCodeUtilsTest.cpp ${TEST_DIR}/TimeUtilsTest.cpp LIBS sdk)
+  ${TEST_DIR}/CryptoCodeUtilsTest.cpp ${TEST_DIR}/TimeUtilsTest.cpp ${TEST_DIR}/PrintableTextTest.cpp
+  LIBS sdk)
 corvalent_add_test(sdk_json_test ${TEST_DIR}/JsonUtilsTest.cpp LIBS sdk)
 corvalent_add_test(sdk_file_test ${TEST_DIR}/FileUtilsTest.cpp LIBS sdk)
 corvalent_add_test(sdk_process_test ${TEST_DIR}/ProcessUtilsTest.cpp LIBS sdk)
