@@ -4,6 +4,7 @@
 
 #include <Poco/Thread.h>
 
+#include "agent/data_comm/AlertLine.h"
 #include "framework/Counters.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/TimeUtils.h"
@@ -52,6 +53,9 @@ int DataCommTask::HandleMsg(const Framework::Message* message) {
     const auto* report = dynamic_cast<const Framework::DataMessage*>(message);
     if (report == nullptr) {
         return -1;
+    }
+    if (report->GetType() == ReportStore::ALERT_TYPE) {
+        moduleLog.Warning("%s", FormatAlertLine(report->GetData()));
     }
     mBatch.push_back({0, SDK::TimeUtils::GetCurrentTimestampS(), report->GetType(), report->GetData()});
     return 0;

@@ -36,7 +36,7 @@ public:
 
     int Run() override;
 
-    // Takes a report into the batch. -1 for a message of another kind.
+    // Takes a report into the batch, an alert with its line in the log (AlertLine.h). -1 for a message of another kind.
     int HandleMsg(const Framework::Message* message) override;
 
 private:

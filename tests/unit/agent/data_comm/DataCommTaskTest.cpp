@@ -117,6 +117,20 @@ TEST_F(DataCommTaskTest, AReportIsStampedWithTheTimeItWasTaken) {
     EXPECT_LE(reports[0].time, time(nullptr));
 }
 
+TEST_F(DataCommTaskTest, EveryAlertHasOneLineInTheLogAndOtherReportsHaveNone) {
+    Start();
+    Send("whitelist_4", R"({"event_id":"e-1","process_info":{"block":1,"process_path":"/a\nb %s"}})");
+    Send("whitelist_3", R"({"process_info":{"process_path":"/c"}})");
+    Send("whitelist_4", "no document");
+    ASSERT_TRUE(TestSupport::WaitFor([this] { return Counted("reports.stored") == 3; }));
+
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_WARNING,
+                        "ALERT untrusted program \"/a\nb %s\" pid - user - sha256 - blocked event e-1 cmdline -"),
+              1);
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_WARNING, "ALERT whose document cannot be read, 11 bytes"), 1);
+    EXPECT_EQ(log.CountAt(Poco::Message::PRIO_WARNING), 2);
+}
+
 TEST_F(DataCommTaskTest, AMessageOfAnotherKindIsNotHandled) {
     EXPECT_EQ(task->HandleMsg(std::make_shared<OtherMessage>().get()), -1);
 }
