@@ -1,6 +1,7 @@
 #include <chrono>
 #include <ctime>
 #include <functional>
+#include <iostream>
 #include <memory>
 
 #include <unistd.h>
@@ -27,6 +28,7 @@ struct HistoryOptions {
     std::string type;
     std::string since;
     bool follow = false;
+    bool summary = false;
     bool json = false;
 };
 
@@ -82,11 +84,16 @@ void PrintNew(const Client& client, const HistoryOptions& options, std::int64_t 
     }
 }
 
-void PrintHistory(const Context& context, const HistoryOptions& options, const Printer& print) {
+std::int64_t ReadSince(const HistoryOptions& options) {
     std::int64_t since = 0;
     if (!options.since.empty()) {
         ParseSince(options.since, Now(), since);
     }
+    return since;
+}
+
+void PrintHistory(const Context& context, const HistoryOptions& options, const Printer& print) {
+    const std::int64_t since = ReadSince(options);
     if (options.follow) {
         WatchForInterrupt();
     }
@@ -117,7 +124,49 @@ void PrintReportLine(const Json::Value& report) {
               Pad(Escape(FieldText(report, "type")), 14) + Escape(FieldText(report, "data")));
 }
 
+std::string JoinTexts(const Json::Value& texts) {
+    std::string joined;
+    for (const Json::Value& text : texts) {
+        joined += (joined.empty() ? "" : ",") + Escape(text.isString() ? text.asString() : "");
+    }
+    return joined.empty() ? "-" : joined;
+}
+
+void PrintProgramTable(const Json::Value& programs) {
+    std::vector<std::vector<std::string>> rows = {{"COUNT", "FIRST SEEN", "LAST SEEN", "USERS", "SHA-256", "PATH"}};
+    for (const Json::Value& program : programs) {
+        Json::Value users;
+        JsonUtils::GetSubobjectValue(program, "users", users);
+        rows.push_back({FieldText(program, "count"), FormatTime(JsonUtils::GetInt64Value(program, "first_seen", 0)),
+                        FormatTime(JsonUtils::GetInt64Value(program, "last_seen", 0)), JoinTexts(users),
+                        Escape(FieldText(program, "hash")), Escape(FieldText(program, "path"))});
+    }
+    PrintTable(rows);
+}
+
+void ShowSummary(const Context& context, const HistoryOptions& options) {
+    const Json::Value summary =
+        Client(context.root).Get("/reports/summary?since=" + std::to_string(ReadSince(options)));
+    Json::Value programs;
+    JsonUtils::GetSubobjectValue(summary, "programs", programs);
+    if (options.json) {
+        for (const Json::Value& program : programs) {
+            PrintJson(program);
+        }
+    } else {
+        PrintProgramTable(programs);
+    }
+    FlushOutput();
+    if (!JsonUtils::GetBoolValue(summary, "complete", true)) {
+        std::cerr << "note: only the " << programs.size() << " programs seen most often are shown\n";
+    }
+}
+
 void ShowAlerts(const Context& context, const HistoryOptions& options) {
+    if (options.summary) {
+        ShowSummary(context, options);
+        return;
+    }
     PrintHistory(context, options, options.json ? Printer(PrintJson) : Printer(PrintAlertLine));
 }
 
@@ -125,14 +174,16 @@ void ShowReports(const Context& context, const HistoryOptions& options) {
     PrintHistory(context, options, options.json ? Printer(PrintJson) : Printer(PrintReportLine));
 }
 
-void AddHistoryOptions(CLI::App& verb, HistoryOptions& options) {
-    verb.add_flag("--follow", options.follow, "Go on with what comes until interrupted");
+// The flag --follow, for whatever cannot be followed.
+CLI::Option* AddHistoryOptions(CLI::App& verb, HistoryOptions& options) {
+    CLI::Option* follow = verb.add_flag("--follow", options.follow, "Go on with what comes until interrupted");
     verb.add_option("--since", options.since,
                     "Only what was stored since then: seconds since the epoch, 30s, 10m, 2h, 1d ago, or "
                     "YYYY-MM-DD[ HH:MM:SS]")
         ->type_name("TIME")
         ->check(CheckSince);
     verb.add_flag("--json", options.json, "One JSON value a line");
+    return follow;
 }
 
 } // namespace
@@ -142,7 +193,11 @@ void AddReportVerbs(CLI::App& app, const Context& context) {
     alertOptions->type = ALERT_TYPE;
     CLI::App* alerts = app.add_subcommand("alerts", "Print the alerts, oldest first: time, pid, blocked or only seen, "
                                                     "user, hash, event id, path");
-    AddHistoryOptions(*alerts, *alertOptions);
+    CLI::Option* follow = AddHistoryOptions(*alerts, *alertOptions);
+    alerts
+        ->add_flag("--summary", alertOptions->summary,
+                   "Each program that was not blocked, once: how often, when and by whom it was run")
+        ->excludes(follow);
     alerts->callback([&context, alertOptions] { ShowAlerts(context, *alertOptions); });
 
     const auto reportOptions = std::make_shared<HistoryOptions>();

@@ -140,6 +140,16 @@ void AnswerVerdict(const Framework::Engine& engine, const httplib::Request& requ
     AnswerOrRefuse(response, engine.Ask(WHITELIST_MODULE, question));
 }
 
+void AnswerAlertSummary(const Framework::Engine& engine, const httplib::Request& request, httplib::Response& response) {
+    Json::Value question(Json::objectValue);
+    question["query"] = "alert_summary";
+    if (!CopyNumber(request, "since", question)) {
+        Refuse(response, HTTP_BAD_REQUEST, "since is not a whole number of at least 0");
+        return;
+    }
+    AnswerOrRefuse(response, engine.Ask("data_comm_module", question));
+}
+
 void AnswerPolicy(const Deliveries& deliveries, httplib::Response& response) {
     const Json::Value policy = deliveries.GetPolicy();
     if (policy.isNull()) {
@@ -240,6 +250,9 @@ ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& delive
                [&engine](const Request& request, Response& response) { AnswerVerdict(engine, request, response); });
     server.Get("/reports",
                [&engine](const Request& request, Response& response) { AnswerReports(engine, request, response); });
+    server.Get("/reports/summary", [&engine](const Request& request, Response& response) {
+        AnswerAlertSummary(engine, request, response);
+    });
     server.set_error_handler([](const Request&, Response& response) { DescribeError(response); });
     server.set_exception_handler([](const Request&, Response& response, const std::exception_ptr& exception) {
         DescribeException(response, exception);

@@ -21,6 +21,8 @@ namespace Daemon {
 //                                                   {"process_info": [ENTRY…]}
 //   GET  /verdict?path=                             how the whitelist module would judge that image
 //   GET  /reports?type=&since=&after=&limit=        {"reports": [{"id", "time", "type", "data"}…]}
+//   GET  /reports/summary?since=                    {"programs": [PROGRAM…], "complete"}: who was alerted
+//                                                   about and not blocked
 //
 // Whatever fails is answered with {"error": TEXT} and a status: 400 a request that cannot be
 // understood, 404 no such thing, 409 a module that cannot answer now, 413 a body above the limit, 422

@@ -81,6 +81,39 @@ Json::Value FindReports(const Json::Value& request) {
     return answer;
 }
 
+Json::Value ToJson(const SeenProgram& program) {
+    Json::Value value(Json::objectValue);
+    value["path"] = program.path;
+    value["hash"] = program.hash;
+    value["count"] = Json::Int64{program.count};
+    value["first_seen"] = Json::Int64{program.firstSeen};
+    value["last_seen"] = Json::Int64{program.lastSeen};
+    value["users"] = Json::Value(Json::arrayValue);
+    for (const std::string& user : program.users) {
+        value["users"].append(user);
+    }
+    return value;
+}
+
+Json::Value SummariseAlerts(const Json::Value& request) {
+    std::optional<std::int64_t> since;
+    if (!ReadNumber(request, "since", since)) {
+        return Problem("since is a whole number of at least 0");
+    }
+    AlertSummary summary;
+    std::string problem;
+    if (!ReportReader(GetReportsPath()).Summarise(since, summary, problem)) {
+        return Problem("the history of reports cannot be read: " + problem);
+    }
+    Json::Value answer(Json::objectValue);
+    answer["complete"] = summary.complete;
+    answer["programs"] = Json::Value(Json::arrayValue);
+    for (const SeenProgram& program : summary.programs) {
+        answer["programs"].append(ToJson(program));
+    }
+    return answer;
+}
+
 Json::Value CountReports() {
     ReportCounts counts;
     std::string problem;
@@ -113,6 +146,9 @@ Json::Value DataCommInspector::Ask(const Json::Value& request) {
         }
         if (query == "count") {
             return CountReports();
+        }
+        if (query == "alert_summary") {
+            return SummariseAlerts(request);
         }
         return Problem("unknown query [" + query + "]");
     } catch (const std::exception& error) {

@@ -24,6 +24,8 @@ public:
 //       -> {"reports": [{"id", "time", "type", "data"}]}
 //   {"query": "count"}
 //       -> {"total", "alerts"}
+//   {"query": "alert_summary", "since"?}
+//       -> {"programs": [{"path", "hash", "count", "first_seen", "last_seen", "users"}], "complete"}
 //
 // "since" is in seconds, "after" an id; "data" is the document as it was sent, a string when it is
 // not a document. Every question opens a read connection, so that any number of threads may ask and

@@ -254,4 +254,15 @@ bool ReportReader::Count(ReportCounts& counts, std::string& reason) const {
     return true;
 }
 
+bool ReportReader::Summarise(std::optional<std::int64_t> since, AlertSummary& summary, std::string& reason) const {
+    if (!IsOpen(reason)) {
+        return false;
+    }
+    const int result = SummariseAlerts(mDatabase, since, summary);
+    if (result != SQLITE_OK) {
+        reason = sqlite3_errmsg(mDatabase);
+    }
+    return result == SQLITE_OK;
+}
+
 } // namespace Engine

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/data_comm/AlertSummary.h"
+
 struct sqlite3;
 
 namespace Engine {
@@ -94,6 +96,9 @@ public:
     bool Find(const ReportQuery& query, std::vector<Report>& reports, std::string& reason) const;
 
     bool Count(ReportCounts& counts, std::string& reason) const;
+
+    // Alerts about programs that were not blocked, those stored at `since` or later.
+    bool Summarise(std::optional<std::int64_t> since, AlertSummary& summary, std::string& reason) const;
 
 private:
     bool IsOpen(std::string& reason) const;

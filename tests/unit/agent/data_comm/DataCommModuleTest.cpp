@@ -61,6 +61,18 @@ TEST_F(DataCommModuleTest, CountTellsAllAndAlerts) {
     EXPECT_EQ(Ask(R"({"query":"count"})"), R"({"alerts":1,"total":2})");
 }
 
+TEST_F(DataCommModuleTest, TheSummaryTellsEachProgramThatWasNotBlocked) {
+    const std::string alert =
+        R"({"process_info":{"block":0,"process_hash":"aa","process_path":"/opt/tool","process_uid":5}})";
+    Store({{0, 3, "whitelist_4", alert}, {0, 8, "whitelist_4", alert}});
+
+    EXPECT_EQ(Ask(R"({"query":"alert_summary"})"),
+              R"({"complete":true,"programs":[{"count":2,"first_seen":3,"hash":"aa","last_seen":8,)"
+              R"("path":"/opt/tool","users":["5"]}]})");
+    EXPECT_EQ(Ask(R"({"query":"alert_summary","since":9})"), R"({"complete":true,"programs":[]})");
+    EXPECT_EQ(Ask(R"({"query":"alert_summary","since":"x"})"), R"({"error":"since is a whole number of at least 0"})");
+}
+
 TEST_F(DataCommModuleTest, AQuestionThatMakesNoSenseIsAnsweredWithAnError) {
     Store({{0, 1, "a", "{}"}});
 
@@ -75,6 +87,7 @@ TEST_F(DataCommModuleTest, AQuestionThatMakesNoSenseIsAnsweredWithAnError) {
 
 TEST_F(DataCommModuleTest, AHistoryThatIsNotThereIsAnError) {
     EXPECT_THAT(Ask(R"({"query":"count"})"), testing::HasSubstr("cannot be read"));
+    EXPECT_THAT(Ask(R"({"query":"alert_summary"})"), testing::HasSubstr("cannot be read"));
 }
 
 TEST_F(DataCommModuleTest, TheTaskRunsFromInitToUnInitWithoutAPolicy) {
