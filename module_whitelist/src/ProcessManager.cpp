@@ -484,14 +484,13 @@ void ProcessManager::ConsiderRunningProcess(ProcessInfo info) {
 // ---- Trust decision --------------------------------------------------------------------------------
 
 bool ProcessManager::IsTrustProcess(ProcessInfo& info) {
-    if (IsTrustProcessInMap(info, LocalTrust())) {
-        return true;
-    }
-    PresetProcessInfo found;
-    if (IsTrustProcessInGlobal(info) || IsTrustPresetProcess(info.hash, OsPresetMap(), found) ||
-        IsTrustPresetProcess(info.hash, ServicePresetMap(), found)) {
-        Adopt(info);
-        return true;
+    for (const TrustSource list : LIST_ORDER) {
+        if (AskList(list, info).Vouches()) {
+            if (list != SOURCE_LOCAL) {
+                Adopt(info);
+            }
+            return true;
+        }
     }
     return false;
 }
@@ -503,85 +502,27 @@ void ProcessManager::Adopt(const ProcessInfo& info) {
 }
 
 bool ProcessManager::IsTrustProcessInMap(ProcessInfo& info, LocalTrustMap& byPath) {
-    std::int32_t storedType = MATCH_UNSET;
-    std::string storedHash;
-    {
-        const SDK::ReadGuard guard(localTrustLock);
-        const auto stored = byPath.find(info.path);
-        if (stored == byPath.end()) {
-            return false;
-        }
-        storedType = stored->second.type;
-        storedHash = stored->second.hash;
-    }
-    if (info.type == MATCH_PATH) {
-        return true;
-    }
-    AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
-    return storedType == info.type && info.type == MATCH_HASH && storedHash == info.hash;
+    return AskLocalList(info, byPath).Vouches();
 }
 
 bool ProcessManager::IsTrustProcessInGlobal(ProcessInfo& info) {
-    std::vector<ProcessInfo> group;
-    {
-        const SDK::ReadGuard guard(serverTrustLock);
-        const auto found = serverTrustMap.find(info.name);
-        if (found == serverTrustMap.end()) {
-            return false;
-        }
-        group = found->second;
-    }
-    for (const ProcessInfo& entry : group) {
-        if (entry.type != info.type || (info.type != MATCH_HASH && info.type != MATCH_PATH)) {
-            continue;
-        }
-        AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
-        if (info.type == MATCH_HASH ? entry.hash == info.hash : entry.path == info.path) {
-            return true;
-        }
-    }
-    return false;
+    return AskServerList(info).Vouches();
 }
 
 bool ProcessManager::IsTrustPresetProcess(const std::string& sha256, PresetMap& preset, PresetProcessInfo& found) {
-    const SDK::ReadGuard guard(presetLock);
-    const auto entry = preset.find(sha256);
-    if (entry == preset.end()) {
-        return false;
+    const ListOpinion opinion = AskPreset(sha256, preset);
+    if (opinion.Vouches()) {
+        found = *opinion.presetEntry;
     }
-    found = entry->second;
-    return true;
+    return opinion.Vouches();
 }
 
 bool ProcessManager::IsWhiteHash(const std::string& sha256, const std::string& path, int& source) {
-    {
-        const SDK::ReadGuard guard(localTrustLock);
-        const auto stored = localTrustMap.find(path);
-        if (stored != localTrustMap.end() && stored->second.hash == sha256) {
-            source = SOURCE_LOCAL;
+    for (const TrustSource list : LIST_ORDER) {
+        if (AskList(list, sha256, path).Vouches()) {
+            source = list;
             return true;
         }
-    }
-    {
-        const SDK::ReadGuard guard(serverTrustLock);
-        const auto group = serverTrustMap.find(SDK::PathUtils::GetFileNameFromPath(path));
-        if (group != serverTrustMap.end()) {
-            for (const ProcessInfo& entry : group->second) {
-                if (entry.hash == sha256) {
-                    source = SOURCE_SERVER;
-                    return true;
-                }
-            }
-        }
-    }
-    PresetProcessInfo found;
-    if (IsTrustPresetProcess(sha256, OsPresetMap(), found)) {
-        source = SOURCE_OS_PRESET;
-        return true;
-    }
-    if (IsTrustPresetProcess(sha256, ServicePresetMap(), found)) {
-        source = SOURCE_SERVICE_PRESET;
-        return true;
     }
     return false;
 }
@@ -589,7 +530,7 @@ bool ProcessManager::IsWhiteHash(const std::string& sha256, const std::string& p
 bool ProcessManager::ProcessVerify(int pid) {
     std::string path;
     SDK::ProcessUtils::GetProcessExePath(pid, path);
-    if (path.empty() || SDK::ProcessUtils::IsAuthorizedProcess(pid)) {
+    if (FindExemption(pid, path) != Exemption::NONE) {
         return true;
     }
     std::string digest;
@@ -603,27 +544,12 @@ bool ProcessManager::ProcessVerify(int pid) {
 }
 
 bool ProcessManager::VerifyImage(const std::string& path, std::string& digest, int& source) {
-    if (!ReadImageDigest(path, digest) || digest.empty()) {
-        return true;
-    }
-    return IsWhiteHash(digest, path, source);
+    const ImageExamination image = ExamineImage(path);
+    digest = image.digest;
+    return image.exemption != Exemption::NONE || IsWhiteHash(digest, path, source);
 }
 
-// The digest that the lists know the image by: for a prelinked file that of the original. False when
-// the original cannot be had.
-bool ProcessManager::ReadImageDigest(const std::string& path, std::string& digest) {
-    if (!IsPrelinkedProcess(path.c_str())) {
-        SDK::FileUtils::GetFileSha256(path, digest, MAX_FILE_BYTES);
-        return true;
-    }
-    if (!RevertPrelinkedProcessHash(path, digest)) {
-        moduleLog.Error("Revert prelinked process hash failed");
-        return false;
-    }
-    return true;
-}
-
-bool ProcessManager::IsPrelinkedProcess(const char* path) {
+bool ProcessManager::IsPrelinkedProcess(const char* path) const {
     char resolved[PATH_MAX + 1] = {};
     if (path == nullptr || realpath(path, resolved) == nullptr) {
         return false;
@@ -647,7 +573,8 @@ bool ProcessManager::IsPrelinkedProcess(const char* path) {
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
-bool ProcessManager::RevertPrelinkedProcessHash(std::string path, std::string& sha256) {
+bool ProcessManager::RevertPrelinkedProcessHash(std::string path, std::string& sha256) const {
+    const std::lock_guard<std::mutex> undoing(prelinkLock);
     const std::string name = SDK::PathUtils::GetFileNameFromPath(path);
     const std::string temp = "/tmp/" + name + "." + std::to_string(getpid());
     std::string output;
@@ -691,6 +618,116 @@ void ProcessManager::UpdateLocalProcessInfo(const ProcessInfo& info) {
     localTrustMap.emplace(info.path, info);
 }
 
+// ---- What the decisions are made of ------------------------------------------------------------------
+
+ListOpinion ProcessManager::AskList(TrustSource list, ProcessInfo& info) const {
+    switch (list) {
+    case SOURCE_LOCAL:
+        return AskLocalList(info, LocalTrust());
+    case SOURCE_SERVER:
+        return AskServerList(info);
+    default:
+        return AskPreset(info.hash, PresetOf(list));
+    }
+}
+
+ListOpinion ProcessManager::AskLocalList(ProcessInfo& info, const LocalTrustMap& byPath) const {
+    ProcessInfo entry;
+    {
+        const SDK::ReadGuard guard(localTrustLock);
+        const auto stored = byPath.find(info.path);
+        if (stored == byPath.end()) {
+            return {};
+        }
+        entry = stored->second;
+    }
+    if (info.type != MATCH_PATH) {
+        AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
+    }
+    return list_opinion::OnRecord(entry, info);
+}
+
+ListOpinion ProcessManager::AskServerList(ProcessInfo& info) const {
+    std::vector<ProcessInfo> group;
+    {
+        const SDK::ReadGuard guard(serverTrustLock);
+        const auto found = serverTrustMap.find(info.name);
+        if (found == serverTrustMap.end()) {
+            return {};
+        }
+        group = found->second;
+    }
+    if (list_opinion::HasSameKind(group, info)) {
+        AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
+    }
+    return list_opinion::OnRecord(group, info);
+}
+
+ListOpinion ProcessManager::AskPreset(const std::string& sha256, const PresetMap& preset) const {
+    const SDK::ReadGuard guard(presetLock);
+    const auto entry = preset.find(sha256);
+    if (entry == preset.end()) {
+        return {};
+    }
+    return {ListOpinion::Reason::VOUCHED_FOR, std::nullopt, entry->second};
+}
+
+ListOpinion ProcessManager::AskList(TrustSource list, const std::string& sha256, const std::string& path) const {
+    if (list == SOURCE_LOCAL) {
+        const SDK::ReadGuard guard(localTrustLock);
+        const auto stored = localTrustMap.find(path);
+        return stored == localTrustMap.end() ? ListOpinion{} : list_opinion::OnDigest(stored->second, sha256);
+    }
+    if (list == SOURCE_SERVER) {
+        const SDK::ReadGuard guard(serverTrustLock);
+        const auto group = serverTrustMap.find(SDK::PathUtils::GetFileNameFromPath(path));
+        return group == serverTrustMap.end() ? ListOpinion{} : list_opinion::OnDigest(group->second, sha256);
+    }
+    return AskPreset(sha256, PresetOf(list));
+}
+
+Exemption ProcessManager::FindExemption(int pid, const std::string& image) const {
+    if (image.empty()) {
+        return Exemption::NO_IMAGE;
+    }
+    return SDK::ProcessUtils::IsAuthorizedProcess(pid) ? Exemption::OWN_PROCESS : Exemption::NONE;
+}
+
+ImageExamination ProcessManager::ExamineImage(const std::string& path) const {
+    ImageExamination image;
+    image.prelinked = IsPrelinkedProcess(path.c_str());
+    if (!image.prelinked) {
+        SDK::FileUtils::GetFileSha256(path, image.digest, MAX_FILE_BYTES);
+    } else if (!RevertPrelinkedProcessHash(path, image.digest)) {
+        moduleLog.Error("Revert prelinked process hash failed");
+        image.exemption = Exemption::PRELINK_NOT_UNDONE;
+        return image;
+    }
+    if (image.digest.empty()) {
+        image.exemption = Exemption::UNREADABLE;
+    }
+    return image;
+}
+
+void ProcessManager::CompleteRecord(ProcessInfo& info) const {
+    AntiransonwareProcessUtils::GetProcessNameFromImage(info);
+    if (info.cmdline.empty()) {
+        AntiransonwareProcessUtils::RetreiveProcessCmdLine(info);
+    }
+    AntiransonwareProcessUtils::CheckInterpreterProcess(info, GetInterpreterNames());
+}
+
+bool ProcessManager::IsBlockingInForce() const {
+    return ConfigManager::Instance()->GetActionBlock() == 1 && CountForBlockingFloor() > BLOCKING_FLOOR;
+}
+
+std::size_t ProcessManager::CountForBlockingFloor() const {
+    const std::size_t entries = CountLocalTrust() + CountOsPreset() + CountServicePreset();
+    // The server list counts by names.
+    const SDK::ReadGuard guard(serverTrustLock);
+    return entries + serverTrustMap.size();
+}
+
 // ---- Process tracking and enforcement --------------------------------------------------------------
 
 bool ProcessManager::OnProcessNotify(unsigned int kind, int pid, int ppid) {
@@ -730,11 +767,7 @@ bool ProcessManager::ProcessManageWithGlobalMod(int pid) {
         return false;
     }
     AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
-    AntiransonwareProcessUtils::GetProcessNameFromImage(info);
-    if (info.cmdline.empty()) {
-        AntiransonwareProcessUtils::RetreiveProcessCmdLine(info);
-    }
-    AntiransonwareProcessUtils::CheckInterpreterProcess(info, GetInterpreterNames());
+    CompleteRecord(info);
     const std::int64_t mod = ConfigManager::Instance()->GetMod();
     if (mod == MOD_LEARN) {
         LearnProcess(info);
@@ -758,7 +791,7 @@ void ProcessManager::LearnProcess(const ProcessInfo& info) {
 // isolated first.
 void ProcessManager::PunishProcess(const ProcessInfo& info) {
     bool isolated = false;
-    if (ConfigManager::Instance()->GetActionBlock() == 1 && IsBlockingAllowed()) {
+    if (IsBlockingInForce()) {
         isolated = Isolate(info).value_or(false);
     }
     ReportSuspiciousProcess(isolated, info);
@@ -777,16 +810,6 @@ std::optional<bool> ProcessManager::Isolate(const ProcessInfo& info) const {
     moduleLog.Information("isolate file [%s] ret :%s kill :%s chmod :%s", info.path, ToText(isolated), ToText(kill),
                           ToText(chmod));
     return isolated;
-}
-
-bool ProcessManager::IsBlockingAllowed() const {
-    std::size_t entries = CountLocalTrust() + CountOsPreset() + CountServicePreset();
-    {
-        // The server list counts by names.
-        const SDK::ReadGuard guard(serverTrustLock);
-        entries += serverTrustMap.size();
-    }
-    return entries > BLOCKING_FLOOR;
 }
 
 bool ProcessManager::OnProcessCreate(int pid) {
@@ -839,12 +862,11 @@ bool ProcessManager::AddToAllProcessMap(const ProcessInfo& info) {
 
 ProcessInfo* ProcessManager::GetProcessInfoFromID(int pid) {
     thread_local ProcessInfo copy;
-    const SDK::ReadGuard guard(allProcessLock);
-    const auto row = allProcessMap.find(pid);
-    if (row == allProcessMap.end()) {
+    std::optional<ProcessInfo> row = FindProcess(pid);
+    if (!row) {
         return nullptr;
     }
-    copy = row->second;
+    copy = std::move(*row);
     return &copy;
 }
 
@@ -1020,6 +1042,28 @@ ProcessManager::PresetMap ProcessManager::CopyOsPreset() const {
 ProcessManager::PresetMap ProcessManager::CopyServicePreset() const {
     const SDK::ReadGuard guard(presetLock);
     return servicePresetMap;
+}
+
+std::optional<ProcessInfo> ProcessManager::FindProcess(int pid) const {
+    const SDK::ReadGuard guard(allProcessLock);
+    const auto row = allProcessMap.find(pid);
+    return row == allProcessMap.end() ? std::nullopt : std::optional(row->second);
+}
+
+bool ProcessManager::IsNewlyLearned(const std::string& path) const {
+    const SDK::ReadGuard guard(increaseLock);
+    return increaseMap.count(path) != 0;
+}
+
+std::optional<PresetProcessInfo> ProcessManager::FindPresetNaming(TrustSource list, const std::string& path) const {
+    const std::string name = SDK::PathUtils::GetFileNameFromPath(path);
+    const SDK::ReadGuard guard(presetLock);
+    for (const auto& [digest, entry] : PresetOf(list)) {
+        if (entry.filename == path || entry.filename == name) {
+            return entry;
+        }
+    }
+    return std::nullopt;
 }
 
 std::size_t ProcessManager::CountLocalTrust() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +13,8 @@
 
 #include <json/value.h>
 
+#include "Exemption.h"
+#include "ListOpinion.h"
 #include "ProcessInfo.h"
 #include "framework/Task.h"
 #include "sdk/RwLock.h"
@@ -45,6 +48,10 @@ public:
 
     // Which list vouched for a digest.
     enum TrustSource { SOURCE_LOCAL = 1, SOURCE_SERVER = 2, SOURCE_OS_PRESET = 3, SOURCE_SERVICE_PRESET = 4 };
+
+    // The order in which a decision asks the lists; the first that vouches decides.
+    static constexpr std::array<TrustSource, 4> LIST_ORDER = {SOURCE_LOCAL, SOURCE_SERVER, SOURCE_OS_PRESET,
+                                                              SOURCE_SERVICE_PRESET};
 
     // More running processes than this and they are not looked at when the engine starts.
     static constexpr std::size_t MAX_RUNNING_PROCESSES = 100000;
@@ -133,9 +140,9 @@ public:
     bool VerifyImage(const std::string& path, std::string& digest, int& source);
 
     // True for a 64-bit ELF file that the prelink tool has rewritten.
-    bool IsPrelinkedProcess(const char* path);
+    bool IsPrelinkedProcess(const char* path) const;
     // The digest that the file had before prelink rewrote it.
-    bool RevertPrelinkedProcessHash(std::string path, std::string& sha256);
+    bool RevertPrelinkedProcessHash(std::string path, std::string& sha256) const;
 
     // Rebuilds the names of interpreters from /etc/shells, and "python".
     void GetInterpreterName();
@@ -143,6 +150,31 @@ public:
 
     // Adds the record to the local list unless its path is there already.
     void UpdateLocalProcessInfo(const ProcessInfo& info);
+
+    // ---- What the decisions are made of ----------------------------------------------------------------
+
+    // Each changes nothing, so that a decision can be explained by what takes it.
+
+    // What the list says of a record, as IsTrustProcess asks; fills the record's details where they are
+    // needed.
+    ListOpinion AskList(TrustSource list, ProcessInfo& info) const;
+    // What it says of the digest of the image at `path`, as IsWhiteHash asks.
+    ListOpinion AskList(TrustSource list, const std::string& sha256, const std::string& path) const;
+
+    // Whether ProcessVerify lets the process go whatever its image holds, and whether it does so for what
+    // the image holds.
+    Exemption FindExemption(int pid, const std::string& image) const;
+    ImageExamination ExamineImage(const std::string& path) const;
+
+    // Completes the record of a process whose image and digest are known: its name and, for an
+    // interpreter, the script in the interpreter's place.
+    void CompleteRecord(ProcessInfo& info) const;
+
+    // Whether an untrusted program is isolated in global mode: the policy asks for it, and the lists hold
+    // enough entries.
+    bool IsBlockingInForce() const;
+    // The entries of the four lists that count towards BLOCKING_FLOOR.
+    std::size_t CountForBlockingFloor() const;
 
     // ---- Process tracking and enforcement ------------------------------------------------------------
 
@@ -199,6 +231,16 @@ public:
     ServerTrustMap CopyServerTrust() const;
     PresetMap CopyOsPreset() const;
     PresetMap CopyServicePreset() const;
+
+    // The row of the pid.
+    std::optional<ProcessInfo> FindProcess(int pid) const;
+    // True for what was learned and is not in the local list yet.
+    bool IsNewlyLearned(const std::string& path) const;
+    // An entry of a preset list that names the file, by its path or its file name, whatever its digest.
+    std::optional<PresetProcessInfo> FindPresetNaming(TrustSource list, const std::string& path) const;
+    // False until the lists have been loaded for the first time.
+    bool AreListsLoaded() const { return localLoaded.load(); }
+
     std::size_t CountLocalTrust() const;
     std::size_t CountServerTrust() const; // entries, not names
     std::size_t CountOsPreset() const;
@@ -218,11 +260,12 @@ private:
 
     void ConsiderRunningProcess(ProcessInfo info);
     void Adopt(const ProcessInfo& info);
-    bool ReadImageDigest(const std::string& path, std::string& digest);
+    ListOpinion AskLocalList(ProcessInfo& info, const LocalTrustMap& byPath) const;
+    ListOpinion AskServerList(ProcessInfo& info) const;
+    ListOpinion AskPreset(const std::string& sha256, const PresetMap& preset) const;
 
     void LearnProcess(const ProcessInfo& info);
     void PunishProcess(const ProcessInfo& info);
-    bool IsBlockingAllowed() const;
 
     void SendReport(const char* type, const std::string& text) const;
     Json::Value DescribeProcess(bool block, const ProcessInfo& info) const;
@@ -231,6 +274,10 @@ private:
     PresetMap& OsPresetMap() NO_THREAD_SAFETY_ANALYSIS { return osPresetMap; }
     PresetMap& ServicePresetMap() NO_THREAD_SAFETY_ANALYSIS { return servicePresetMap; }
     LocalTrustMap& LocalTrust() NO_THREAD_SAFETY_ANALYSIS { return localTrustMap; }
+    const LocalTrustMap& LocalTrust() const NO_THREAD_SAFETY_ANALYSIS { return localTrustMap; }
+    const PresetMap& PresetOf(TrustSource list) const NO_THREAD_SAFETY_ANALYSIS {
+        return list == SOURCE_OS_PRESET ? osPresetMap : servicePresetMap;
+    }
 
     std::map<std::int32_t, ProcessInfo> allProcessMap GUARDED_BY(allProcessLock);
     mutable SDK::RwLock allProcessLock;
@@ -254,6 +301,7 @@ private:
     mutable SDK::RwLock localTrustLock;
     mutable SDK::RwLock reportTaskLock;
     mutable SDK::RwLock interpreterLock;
+    mutable std::mutex prelinkLock;       // one user of an undone image's temporary file at a time
     std::mutex persistLock;               // one writer of the local list's file at a time
     std::atomic<bool> localLoaded{false}; // the local list was loaded from its file at least once
 };

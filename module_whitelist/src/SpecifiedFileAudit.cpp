@@ -44,11 +44,6 @@ constexpr std::clock_t RATE_WINDOW_TICKS = 999999;
 constexpr std::int32_t MAX_MESSAGES_PER_WINDOW = 10000;
 constexpr std::clock_t SAMPLE_INTERVAL_TICKS = 1999;
 
-std::int32_t OwnPid() {
-    static const std::int32_t pid = getpid();
-    return pid;
-}
-
 // The inode of a file that may be audited: one that is there and no directory.
 std::optional<std::uint64_t> ReadInode(const std::string& path) {
     struct stat file {};
@@ -189,6 +184,17 @@ ProcessInfo* SpecifiedFileAudit::GetProcessInfo(int pid) {
     return &mProcesses.emplace(pid, std::move(info)).first->second;
 }
 
+void SpecifiedFileAudit::MatchByContent(ProcessInfo& info) {
+    if (!info.path.empty()) {
+        info.type = MATCH_HASH;
+    }
+}
+
+bool SpecifiedFileAudit::IsOwnProcess(int pid) {
+    static const int own = getpid();
+    return pid == own;
+}
+
 // ---- Rates -----------------------------------------------------------------------------------------
 
 bool SpecifiedFileAudit::IsTooManyMsg() {
@@ -213,16 +219,14 @@ bool SpecifiedFileAudit::SamplingNotifiesByInterval() {
 // ---- Events ----------------------------------------------------------------------------------------
 
 void SpecifiedFileAudit::OnFileRecordMsg(std::int32_t pid, const std::string& path) {
-    if (ConfigManager::Instance()->GetMod() == MOD_LEARNED || pid == OwnPid()) {
+    if (ConfigManager::Instance()->GetMod() == MOD_LEARNED || IsOwnProcess(pid)) {
         return;
     }
     ProcessInfo* info = GetProcessInfo(pid);
     if (info == nullptr || info->trusted) {
         return;
     }
-    if (!info->path.empty()) {
-        info->type = MATCH_HASH;
-    }
+    MatchByContent(*info);
     ++info->fileEventCount;
     const std::time_t now = SDK::TimeUtils::GetCurrentTimestampS();
     if (WasCheckedRecently(*info, now)) {
@@ -254,13 +258,17 @@ void SpecifiedFileAudit::FileLearnAndDetect(ProcessInfo* info) const {
         moduleLog.Debug("Credible process, let it go");
         return;
     }
-    if (ConfigManager::Instance()->GetActionBlock() != 1) {
+    if (!IsBlockingInForce()) {
         engine.ReportSuspiciousProcess(false, *info);
         return;
     }
     if (const std::optional<bool> isolated = engine.Isolate(*info)) {
         engine.ReportSuspiciousProcess(*isolated, *info);
     }
+}
+
+bool SpecifiedFileAudit::IsBlockingInForce() {
+    return ConfigManager::Instance()->GetActionBlock() == 1;
 }
 
 } // namespace Engine

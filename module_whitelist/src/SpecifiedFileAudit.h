@@ -77,6 +77,11 @@ public:
     // Null when the process is not known and cannot be looked up. Good until the next call.
     ProcessInfo* GetProcessInfo(int pid);
 
+    // The audit judges every process by content, also one that runs a script.
+    static void MatchByContent(ProcessInfo& info);
+    // The agent itself is never audited.
+    static bool IsOwnProcess(int pid);
+
     // ---- Rates -------------------------------------------------------------------------------------
 
     // Both measure the CPU time of the whole process. The event path does without them.
@@ -93,6 +98,8 @@ public:
     // Learns the process in learning mode; reports, and if the policy says so isolates, an untrusted one
     // in detection.
     void FileLearnAndDetect(ProcessInfo* info) const;
+    // Whether an untrusted process is isolated: the policy alone says so.
+    static bool IsBlockingInForce();
 
 private:
     SpecifiedFileAudit();

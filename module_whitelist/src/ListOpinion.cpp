@@ -1,0 +1,66 @@
+#include "ListOpinion.h"
+
+#include <algorithm>
+
+namespace Engine::list_opinion {
+
+namespace {
+
+using Reason = ListOpinion::Reason;
+
+bool IsSameKind(const ProcessInfo& entry, const ProcessInfo& info) {
+    return entry.type == info.type && (info.type == MATCH_HASH || info.type == MATCH_PATH);
+}
+
+Reason CompareRecord(const ProcessInfo& entry, const ProcessInfo& info) {
+    if (!IsSameKind(entry, info)) {
+        return Reason::OTHER_KIND;
+    }
+    if (info.type == MATCH_HASH) {
+        return entry.hash == info.hash ? Reason::VOUCHED_FOR : Reason::OTHER_DIGEST;
+    }
+    return entry.path == info.path ? Reason::VOUCHED_FOR : Reason::OTHER_PATH;
+}
+
+// Prefers the first entry that vouches, then the first of the record's kind, then the first of all.
+ListOpinion Prefer(ListOpinion best, Reason reason, const ProcessInfo& entry) {
+    const bool firstOfKind = best.reason == Reason::OTHER_KIND && reason != Reason::OTHER_KIND;
+    const bool better = !best.entry || (!best.Vouches() && (reason == Reason::VOUCHED_FOR || firstOfKind));
+    return better ? ListOpinion{reason, entry} : best;
+}
+
+} // namespace
+
+ListOpinion OnDigest(const ProcessInfo& entry, const std::string& sha256) {
+    return {entry.hash == sha256 ? Reason::VOUCHED_FOR : Reason::OTHER_DIGEST, entry};
+}
+
+ListOpinion OnDigest(const std::vector<ProcessInfo>& group, const std::string& sha256) {
+    const auto found =
+        std::find_if(group.begin(), group.end(), [&](const ProcessInfo& entry) { return entry.hash == sha256; });
+    if (found != group.end()) {
+        return OnDigest(*found, sha256);
+    }
+    return group.empty() ? ListOpinion{} : OnDigest(group.front(), sha256);
+}
+
+ListOpinion OnRecord(const ProcessInfo& entry, const ProcessInfo& info) {
+    if (info.type == MATCH_PATH) {
+        return {Reason::VOUCHED_FOR, entry};
+    }
+    return {CompareRecord(entry, info), entry};
+}
+
+ListOpinion OnRecord(const std::vector<ProcessInfo>& group, const ProcessInfo& info) {
+    ListOpinion best;
+    for (const ProcessInfo& entry : group) {
+        best = Prefer(std::move(best), CompareRecord(entry, info), entry);
+    }
+    return best;
+}
+
+bool HasSameKind(const std::vector<ProcessInfo>& group, const ProcessInfo& info) {
+    return std::any_of(group.begin(), group.end(), [&](const ProcessInfo& entry) { return IsSameKind(entry, info); });
+}
+
+} // namespace Engine::list_opinion
