@@ -19,6 +19,7 @@ void AddPolicyVerbs(CLI::App& app, const Context& context);
 void AddCommandVerbs(CLI::App& app, const Context& context);
 void AddTrustVerbs(CLI::App& app, const Context& context);
 void AddPresetVerbs(CLI::App& app, const Context& context);
+void AddExplainVerb(CLI::App& app, const Context& context);
 void AddReportVerbs(CLI::App& app, const Context& context);
 void AddTopVerb(CLI::App& app, const Context& context);
 void AddDoctorVerb(CLI::App& app, const Context& context);

@@ -30,6 +30,7 @@ void AddVerbs(CLI::App& app, Ctl::Context& context) {
     Ctl::AddCommandVerbs(app, context);
     Ctl::AddTrustVerbs(app, context);
     Ctl::AddPresetVerbs(app, context);
+    Ctl::AddExplainVerb(app, context);
     Ctl::AddReportVerbs(app, context);
     Ctl::AddTopVerb(app, context);
     Ctl::AddDoctorVerb(app, context);

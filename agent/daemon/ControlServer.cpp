@@ -140,6 +140,23 @@ void AnswerVerdict(const Framework::Engine& engine, const httplib::Request& requ
     AnswerOrRefuse(response, engine.Ask(WHITELIST_MODULE, question));
 }
 
+void AnswerExplanation(const Framework::Engine& engine, const httplib::Request& request, httplib::Response& response) {
+    Json::Value question(Json::objectValue);
+    question["query"] = "explain";
+    if (request.has_param("path") == request.has_param("pid")) {
+        Refuse(response, HTTP_BAD_REQUEST, "which program? either the parameter [path] or [pid] is needed");
+        return;
+    }
+    if (!CopyNumber(request, "pid", question)) {
+        Refuse(response, HTTP_BAD_REQUEST, "[" + request.get_param_value("pid") + "] is no process id");
+        return;
+    }
+    if (request.has_param("path")) {
+        question["path"] = request.get_param_value("path");
+    }
+    AnswerOrRefuse(response, engine.Ask(WHITELIST_MODULE, question));
+}
+
 void AnswerAlertSummary(const Framework::Engine& engine, const httplib::Request& request, httplib::Response& response) {
     Json::Value question(Json::objectValue);
     question["query"] = "alert_summary";
@@ -253,6 +270,8 @@ ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& delive
     server.Get("/reports/summary", [&engine](const Request& request, Response& response) {
         AnswerAlertSummary(engine, request, response);
     });
+    server.Get("/explain",
+               [&engine](const Request& request, Response& response) { AnswerExplanation(engine, request, response); });
     server.set_error_handler([](const Request&, Response& response) { DescribeError(response); });
     server.set_exception_handler([](const Request&, Response& response, const std::exception_ptr& exception) {
         DescribeException(response, exception);

@@ -20,6 +20,7 @@ namespace Daemon {
 //   GET  /trust?list=       local, server, os or service (default local)
 //                                                   {"process_info": [ENTRY…]}
 //   GET  /verdict?path=                             how the whitelist module would judge that image
+//   GET  /explain?path= or ?pid=                    everything that module's verdict rests on
 //   GET  /reports?type=&since=&after=&limit=        {"reports": [{"id", "time", "type", "data"}…]}
 //   GET  /reports/summary?since=                    {"programs": [PROGRAM…], "complete"}: who was alerted
 //                                                   about and not blocked

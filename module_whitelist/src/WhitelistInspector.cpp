@@ -3,27 +3,14 @@
 #include <string>
 
 #include "ConfigManager.h"
+#include "OperatorTerms.h"
 #include "ProcessManager.h"
+#include "TrustExplanation.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
 
 namespace {
-
-const char* GetModName(std::int64_t mod) {
-    switch (mod) {
-    case MOD_NONE:
-        return "stopped";
-    case MOD_LEARN:
-        return "learning";
-    case MOD_LEARNED:
-        return "learned";
-    case MOD_DETECT:
-        return "detecting";
-    default:
-        return "unknown";
-    }
-}
 
 Json::Value MakeError(const std::string& text) {
     Json::Value answer(Json::objectValue);
@@ -61,11 +48,7 @@ void AppendProcess(const ProcessInfo& info, Json::Value& list) {
 Json::Value ListPreset(const ProcessManager::PresetMap& preset) {
     Json::Value list(Json::arrayValue);
     for (const auto& [digest, info] : preset) {
-        Json::Value& entry = list.append(Json::Value(Json::objectValue));
-        entry["filename"] = info.filename;
-        entry["sha256"] = info.sha256;
-        entry["os"] = info.os;
-        entry["version"] = info.version;
+        list.append(DescribePresetEntry(info));
     }
     return list;
 }
@@ -104,21 +87,6 @@ Json::Value DescribeTrustList(const std::string& list) {
     return answer;
 }
 
-const char* GetListName(int source) {
-    switch (source) {
-    case ProcessManager::SOURCE_LOCAL:
-        return "local";
-    case ProcessManager::SOURCE_SERVER:
-        return "server";
-    case ProcessManager::SOURCE_OS_PRESET:
-        return "os";
-    case ProcessManager::SOURCE_SERVICE_PRESET:
-        return "service";
-    default:
-        return "none";
-    }
-}
-
 Json::Value DescribeVerdict(const std::string& path) {
     std::string digest;
     int source = 0;
@@ -128,6 +96,13 @@ Json::Value DescribeVerdict(const std::string& path) {
     answer["hash"] = digest;
     answer["list"] = GetListName(source);
     return answer;
+}
+
+Json::Value Explain(const Json::Value& request) {
+    if (request.isMember("pid")) {
+        return ExplainProcess(SDK::JsonUtils::GetInt64Value(request, "pid", 0));
+    }
+    return ExplainFile(SDK::JsonUtils::GetStringValue(request, "path", ""));
 }
 
 } // namespace
@@ -142,6 +117,9 @@ Json::Value WhitelistInspector::Ask(const Json::Value& request) {
     }
     if (query == "verdict") {
         return DescribeVerdict(SDK::JsonUtils::GetStringValue(request, "path", ""));
+    }
+    if (query == "explain") {
+        return Explain(request);
     }
     return MakeError("the module cannot answer the query \"" + query + "\"");
 }

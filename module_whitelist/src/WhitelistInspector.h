@@ -14,6 +14,8 @@ namespace Engine {
 //     {"query": "verdict", "path": IMAGE}
 //         {"path", "hash", "trusted", "list": "local" | "server" | "os" | "service" | "none"}
 //         how detection would decide on a process of this image
+//     {"query": "explain", "path": FILE} or {"query": "explain", "pid": PID}
+//         everything that the decision rests on: TrustExplanation.h
 class WhitelistInspector : public Framework::ModuleInspector {
 public:
     Json::Value Ask(const Json::Value& request) override;

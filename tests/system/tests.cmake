@@ -8,7 +8,7 @@ add_dependencies(system_harness corvalentd corvalentctl whitelist_module process
   isolate_module data_comm_module fork_sleepers)
 
 foreach(concern Learning Mode Policy PolicyCheck Detection Blocking Command Lifecycle Operator Directory Preset Trust
-    Doctor Top Metrics)
+    Doctor Top Metrics Explain)
   string(TOLOWER system_${concern}_test name)
   corvalent_add_test(${name} ${TEST_DIR}/${concern}Test.cpp LIBS system_harness LABELS system)
 endforeach()

@@ -40,12 +40,6 @@ bool NamesInterpreter(const std::string& entry, const std::string& imageName) {
     return entry == PYTHON ? imageName.compare(0, PYTHON.size(), PYTHON) == 0 : entry == imageName;
 }
 
-void BecomeScript(ProcessInfo& info, const std::string& path, const std::string& name) {
-    SDK::FileUtils::GetFileSha256(path, info.hash, MAX_FILE_BYTES);
-    info.path = path;
-    info.name = name;
-}
-
 // False for an error and for a target that does not fit.
 bool ReadLink(const std::string& link, std::string& target) {
     std::array<char, 4096> buffer{};
@@ -136,6 +130,12 @@ bool CheckInterpreterProcess(ProcessInfo& info, const std::vector<std::string>& 
         GetInterpreterInfo(info);
     }
     return true;
+}
+
+void BecomeScript(ProcessInfo& info, const std::string& path, const std::string& name) {
+    SDK::FileUtils::GetFileSha256(path, info.hash, MAX_FILE_BYTES);
+    info.path = path;
+    info.name = name;
 }
 
 bool GetInterpreterInfo(ProcessInfo& info) {

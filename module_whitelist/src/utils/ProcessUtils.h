@@ -44,6 +44,9 @@ bool IsInterpreterProcess(ProcessInfo& info, const std::vector<std::string>& int
 // interpreter's. True exactly when the process is an interpreter.
 bool CheckInterpreterProcess(ProcessInfo& info, const std::vector<std::string>& interpreterNames);
 
+// Puts the script in the interpreter's place: its path, name and digest.
+void BecomeScript(ProcessInfo& info, const std::string& path, const std::string& name);
+
 // Looks for the script in the command line, then among the open files. True when it was found.
 bool GetInterpreterInfo(ProcessInfo& info);
 

@@ -295,6 +295,68 @@ TEST_F(CtlProcessTest, AlertsArePrintedForProgramsOneAValue) {
     EXPECT_EQ(CountLines(out), 1);
 }
 
+TEST_F(CtlProcessTest, TheSummaryOfAlertsIsPrintedForPeopleAndForPrograms) {
+    const std::string seen = R"({"process_info":{"block":0,"process_hash":"abcd","process_path":"/a\nb",)"
+                             R"("process_uid":0,"process_username":"joe"}})";
+    Store({{0, 5, "whitelist_4", seen}, {0, 65, "whitelist_4", seen}, {0, 66, "whitelist_4", ALERT}});
+
+    EXPECT_EQ(Run({"alerts", "--summary"}), 0);
+    EXPECT_EQ(out, "COUNT  FIRST SEEN           LAST SEEN            USERS  SHA-256  PATH\n"
+                   "2      1970-01-01 00:00:05  1970-01-01 00:01:05  joe    abcd     /a\\nb\n");
+    EXPECT_EQ(Run({"alerts", "--summary", "--json", "--since", "6"}), 0);
+    EXPECT_EQ(out, R"({"count":1,"first_seen":65,"hash":"abcd","last_seen":65,"path":"/a\nb","users":["joe"]})"
+                   "\n");
+    EXPECT_EQ(Run({"alerts", "--summary", "--json", "--since", "1d"}), 0);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(err, "");
+}
+
+TEST_F(CtlProcessTest, ASummaryCannotBeFollowed) {
+    ExpectFailure({"alerts", "--summary", "--follow"}, 2, "--follow");
+    ExpectFailure({"alerts", "--follow", "--summary", "--json"}, 2, "--summary");
+    ExpectFailure({"reports", "--summary"}, 2, "--summary");
+    ExpectFailure({"alerts", "--summary", "--since", "x"}, 2, "[x] is no time");
+}
+
+TEST_F(CtlProcessTest, AnExplanationIsPrintedWithoutWhatCouldSteerATerminal) {
+    EXPECT_EQ(Run({"explain", "12"}), 0);
+    for (const char* part :
+         {"process      12\n", "image        /opt/\\x1b[31mtool\n",
+          "local           no       known, with another digest: /usr/bin/local\\ntool, sha256 aaaa",
+          "OS preset       no       known, with another digest: preset-of-os, Debian 12, sha256 bbbb",
+          "\nin detection  untrusted: reported only: the lists hold 7 entries, and nothing is blocked "
+          "up to 50\n",
+          "\nnote          one\\nnote\n"}) {
+        EXPECT_THAT(out, HasSubstr(part));
+    }
+    EXPECT_EQ(Run({"explain", "--json", "12"}), 0);
+    EXPECT_EQ(CountLines(out), 1);
+    EXPECT_THAT(out, HasSubstr("\"pid\":12,"));
+    EXPECT_EQ(err, "");
+}
+
+TEST_F(CtlProcessTest, AFileIsNamedToTheDaemonAsTheKernelWouldNameIt) {
+    const std::string folder = std::filesystem::canonical(streams.Path()).string();
+    streams.Write("123", "");
+    std::filesystem::create_symlink("123", streams / "link");
+    std::filesystem::current_path(folder);
+    for (const char* name : {"./123", "link", "../../tmp/../proc/self/cwd/link"}) {
+        EXPECT_EQ(Run({"explain", "--json", name}), 0) << name;
+        EXPECT_THAT(out, HasSubstr("\"file\":\"" + folder + "/123\"")) << name;
+    }
+    streams.Write("a &b\xff", "");
+    EXPECT_EQ(Run({"explain", "--json", "a &b\xff"}), 0);
+    EXPECT_THAT(out, HasSubstr("\"file\":\"" + folder + "/a &b\xff\""));
+}
+
+TEST_F(CtlProcessTest, WhatCannotBeExplainedSaysWhy) {
+    ExpectFailure({"explain", streams / "none"}, 1, "cannot find [" + (streams / "none") + "]: No such file");
+    ExpectFailure({"explain", "99999999999999999999"}, 1, "[99999999999999999999] is no process id");
+    ExpectFailure({"explain", ""}, 2, "an empty name is no file");
+    module->answers = false;
+    ExpectFailure({"explain", "12"}, 1, "not now");
+}
+
 TEST_F(CtlProcessTest, AnAlertThatIsIncompleteIsStillALine) {
     Store({{0, 6, "whitelist_4", "odd"}, {0, 7, "whitelist_4", R"({"process_info":[]})"}});
 
@@ -384,9 +446,19 @@ TEST_F(CtlProcessTest, WithoutADaemonEveryVerbIsStatus69) {
     const std::string file = streams.Write("policy.json", POLICY);
     const TestSupport::TempDir empty;
     const std::vector<std::vector<std::string>> verbs = {
-        {"status"},         {"policy", "apply", file}, {"policy", "show"}, {"command", "whitelist_10004"},
-        {"learn", "reset"}, {"detect", "start"},       {"trust", "list"},  {"alerts"},
-        {"reports"},        {"alerts", "--follow"},
+        {"status"},
+        {"policy", "apply", file},
+        {"policy", "show"},
+        {"command", "whitelist_10004"},
+        {"learn", "reset"},
+        {"detect", "start"},
+        {"trust", "list"},
+        {"alerts"},
+        {"reports"},
+        {"alerts", "--follow"},
+        {"explain", "1"},
+        {"explain", "/usr/bin/true"},
+        {"alerts", "--summary"},
     };
     for (std::vector<std::string> verb : verbs) {
         verb.insert(verb.end(), {"--root", empty.Path()});
@@ -421,6 +493,9 @@ TEST_F(CtlProcessTest, BadUsageIsStatusTwo) {
         {"trust", "list", "--list"},
         {"alerts", "--type", "x"},
         {"reports", "--since"},
+        {"explain"},
+        {"explain", "1", "2"},
+        {"explain", "1", "--since", "1d"},
         {"--root"},
     };
     for (const auto& usage : usages) {
@@ -431,7 +506,8 @@ TEST_F(CtlProcessTest, BadUsageIsStatusTwo) {
 
 TEST_F(CtlProcessTest, HelpAndVersionAreStatusZero) {
     EXPECT_EQ(Run({"--help"}), 0);
-    for (const char* verb : {"status", "policy", "command", "learn", "detect", "trust", "alerts", "reports"}) {
+    for (const char* verb :
+         {"status", "policy", "command", "learn", "detect", "trust", "explain", "alerts", "reports"}) {
         EXPECT_THAT(out, HasSubstr(std::string("\n  ") + verb));
     }
     EXPECT_EQ(Run({"alerts", "--help"}), 0);

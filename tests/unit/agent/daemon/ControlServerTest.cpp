@@ -241,6 +241,28 @@ TEST_F(ControlServerTest, ReportsAreAnsweredAsAskedFor) {
     EXPECT_EQ(Get("/reports?limit=1&newest_first").body["reports"][0]["id"].asInt(), 3);
 }
 
+TEST_F(ControlServerTest, AFileOrAProcessIsExplained) {
+    EXPECT_EQ(Get("/explain?path=%2Fa%20b%0A").body["file"], "/a b\n");
+    EXPECT_EQ(Get("/explain?pid=12").body["pid"], 12);
+    for (const char* query :
+         {"", "?", "?path=%2Fa&pid=1", "?file=%2Fa", "?pid=", "?pid=1x", "?pid=-1", "?pid=99999999999999999999"}) {
+        const Answer answer = Get(std::string("/explain") + query);
+        EXPECT_EQ(answer.status, 400) << query;
+        EXPECT_NE(answer.Error(), "<none>") << query;
+    }
+    module->answers = false;
+    EXPECT_EQ(Get("/explain?pid=12").status, 409);
+}
+
+TEST_F(ControlServerTest, AlertsAreSummedUp) {
+    const std::string alert = R"({"process_info":{"block":0,"process_hash":"aa","process_path":"/a"}})";
+    Store({{0, 10, "whitelist_4", alert}, {0, 20, "whitelist_4", alert}, {0, 30, "whitelist_6", "{}"}});
+
+    EXPECT_EQ(Get("/reports/summary").body["programs"][0]["count"], 2);
+    EXPECT_EQ(Get("/reports/summary?since=20").body["programs"][0]["count"], 1);
+    EXPECT_EQ(Get("/reports/summary?since=yesterday").status, 400);
+}
+
 TEST_F(ControlServerTest, AQuestionThatMakesNoSenseIsABadRequest) {
     for (const char* query : {"since=yesterday", "after=-1", "limit=1x", "limit=", "since=99999999999999999999"}) {
         EXPECT_EQ(Get(std::string("/reports?") + query).status, 400) << query;

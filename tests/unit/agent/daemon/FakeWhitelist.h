@@ -133,6 +133,8 @@ public:
         } else if (request["query"] == "trust_list") {
             answer["process_info"] = Json::Value(Json::arrayValue);
             answer["process_info"].append(MakeEntry(request["list"].asString()));
+        } else if (request["query"] == "explain") {
+            answer = Explain(request);
         } else {
             answer["error"] = "unknown query";
         }
@@ -140,6 +142,31 @@ public:
     }
 
 private:
+    // An untrusted program that the local list knows with another digest.
+    static Json::Value Explain(const Json::Value& request) {
+        Json::Value answer;
+        answer["pid"] = request["pid"];
+        answer["file"] = request["path"];
+        answer["image"] = "/opt/\x1b[31mtool";
+        answer["kind"] = "image";
+        answer["type"] = 1;
+        answer["directory_mode"] = false;
+        for (const char* list : {"local", "server", "os", "service"}) {
+            Json::Value& opinion = answer["lists"].append(Json::Value());
+            opinion["list"] = list;
+            opinion["vouches"] = false;
+            opinion["reason"] = "other_digest";
+            opinion["entry"] = MakeEntry(list);
+        }
+        answer["verdict"]["outcome"] = "untrusted";
+        answer["verdict"]["action"] = "report";
+        answer["blocking"]["policy"] = true;
+        answer["blocking"]["entries"] = 7;
+        answer["blocking"]["floor"] = 50;
+        answer["notes"].append("one\nnote");
+        return answer;
+    }
+
     static Json::Value MakeEntry(const std::string& list) {
         Json::Value entry(Json::objectValue);
         if (list == "os" || list == "service") {

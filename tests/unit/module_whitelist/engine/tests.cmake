@@ -4,7 +4,8 @@ corvalent_add_test(whitelist_presets_test ${TEST_DIR}/PresetListsTest.cpp
   LIBS whitelist_objects PkgConfig::HTTPLIB OpenSSL::SSL OpenSSL::Crypto)
 corvalent_add_test(whitelist_decision_test ${TEST_DIR}/TrustDecisionTest.cpp ${TEST_DIR}/PrelinkTest.cpp
   ${TEST_DIR}/InterpreterNamesTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
-corvalent_add_test(whitelist_explanation_test ${TEST_DIR}/ListOpinionTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
+corvalent_add_test(whitelist_explanation_test ${TEST_DIR}/ListOpinionTest.cpp ${TEST_DIR}/TrustExplanationTest.cpp
+  ${TEST_DIR}/ShebangTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
 corvalent_add_test(whitelist_tracking_test ${TEST_DIR}/RunningProcessesTest.cpp ${TEST_DIR}/ProcessTrackingTest.cpp
   ${TEST_DIR}/DetectionTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
 corvalent_add_test(whitelist_inspection_test ${TEST_DIR}/ProcessInspectionTest.cpp

@@ -1,0 +1,47 @@
+#include "OperatorTerms.h"
+
+#include "ConfigManager.h"
+#include "ProcessManager.h"
+
+namespace Engine {
+
+const char* GetModName(std::int64_t mod) {
+    switch (mod) {
+    case MOD_NONE:
+        return "stopped";
+    case MOD_LEARN:
+        return "learning";
+    case MOD_LEARNED:
+        return "learned";
+    case MOD_DETECT:
+        return "detecting";
+    default:
+        return "unknown";
+    }
+}
+
+const char* GetListName(int source) {
+    switch (source) {
+    case ProcessManager::SOURCE_LOCAL:
+        return "local";
+    case ProcessManager::SOURCE_SERVER:
+        return "server";
+    case ProcessManager::SOURCE_OS_PRESET:
+        return "os";
+    case ProcessManager::SOURCE_SERVICE_PRESET:
+        return "service";
+    default:
+        return "none";
+    }
+}
+
+Json::Value DescribePresetEntry(const PresetProcessInfo& info) {
+    Json::Value entry(Json::objectValue);
+    entry["filename"] = info.filename;
+    entry["sha256"] = info.sha256;
+    entry["os"] = info.os;
+    entry["version"] = info.version;
+    return entry;
+}
+
+} // namespace Engine
