@@ -6,6 +6,7 @@
 
 #include <elf.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "TrustEngineTest.h"
@@ -218,19 +219,28 @@ TEST_F(TrustExplanationTest, AnImageThatCannotBeReadIsLetGo) {
     EXPECT_TRUE(explanation["size"].isNull());
 }
 
-TEST_F(TrustExplanationTest, TheAgentsOwnProcessesAndThoseWithoutAnImageAreLetGo) {
-    const Json::Value own = Explain(getpid());
-    EXPECT_EQ(Outcome(own), "let_go");
-    EXPECT_EQ(Reason(own), "own_process");
-    EXPECT_TRUE(own["digest"].isString());
+TEST_F(TrustExplanationTest, TheAgentsOwnProcessesAreLetGo) {
+    const Json::Value explanation = Explain(getpid());
+    EXPECT_EQ(Outcome(explanation), "let_go");
+    EXPECT_EQ(Reason(explanation), "own_process");
+    EXPECT_TRUE(explanation["digest"].isString());
+}
 
-    constexpr int KTHREADD = 2;
-    if (std::filesystem::exists("/proc/2") && !std::filesystem::exists("/proc/2/exe")) {
-        const Json::Value thread = Explain(KTHREADD);
-        EXPECT_EQ(Reason(thread), "no_image");
-        EXPECT_TRUE(thread["image"].isNull());
-        EXPECT_TRUE(thread["kind"].isNull());
+TEST_F(TrustExplanationTest, AProcessWithoutAnImageIsLetGo) {
+    // One that has ended and has not been reaped.
+    const pid_t pid = fork();
+    if (pid == 0) {
+        _exit(0);
     }
+    siginfo_t ended{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT), 0);
+    const Json::Value explanation = Explain(pid);
+    waitpid(pid, nullptr, 0);
+    EXPECT_EQ(Outcome(explanation), "let_go");
+    EXPECT_EQ(Reason(explanation), "no_image");
+    EXPECT_EQ(Reasons(explanation), "not_asked not_asked not_asked not_asked");
+    EXPECT_TRUE(explanation["image"].isNull());
+    EXPECT_TRUE(explanation["kind"].isNull());
 }
 
 TEST_F(TrustExplanationTest, AProcessOutsideTheScopeIsNotJudged) {
