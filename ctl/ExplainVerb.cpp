@@ -37,16 +37,6 @@ std::string MakeQuery(const std::string& target) {
 
 // ---- For people ------------------------------------------------------------------------------------
 
-std::string Field(const Json::Value& object, const char* key) {
-    return Escape(FieldText(object, key));
-}
-
-Json::Value Member(const Json::Value& object, const char* key) {
-    Json::Value member;
-    JsonUtils::GetSubobjectValue(object, key, member);
-    return member;
-}
-
 bool Flag(const Json::Value& object, const char* key) {
     return JsonUtils::GetBoolValue(object, key, false);
 }
