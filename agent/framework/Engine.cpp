@@ -14,6 +14,7 @@
 #include "agent/sdk/LogCapture.h"
 #include "framework/Counters.h"
 #include "framework/Policy.h"
+#include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/RwLock.h"
@@ -342,6 +343,11 @@ Json::Value Engine::CollectStatus() const {
     for (const auto& [name, value] : Counters::Snapshot()) {
         counters[name] = Json::UInt64(value);
     }
+    // libsdk lies below the counters.
+    const SDK::DigestFigures digests = SDK::FileUtils::GetDigestFigures();
+    counters["digest.hit"] = Json::UInt64(digests.hits);
+    counters["digest.miss"] = Json::UInt64(digests.misses);
+    counters["digest.refused"] = Json::UInt64(digests.refused);
     Json::Value status(Json::objectValue);
     status["tasks"] = tasks;
     status["counters"] = counters;

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "agent/sdk/DigestCache.h"
 #include "agent/sdk/FileDescriptor.h"
 #include "agent/sdk/MessageDigest.h"
 #include "agent/sdk/ReplacingFile.h"
@@ -20,6 +21,7 @@ namespace SDK {
 namespace {
 
 constexpr std::size_t BUFFER_BYTES = 65536;
+constexpr const char* SHA256 = "SHA256";
 
 int CheckRegular(const struct stat& info) {
     if (S_ISDIR(info.st_mode)) {
@@ -118,19 +120,13 @@ int AppendToFile(const std::string& path, const char* data, std::size_t length) 
     return result == 0 ? WriteFully(file.Get(), data, length) : result;
 }
 
-int DigestFile(const std::string& path, const std::string& algorithm, std::string& digest, std::uint64_t maxBytes) {
+int DigestContent(int fd, const std::string& algorithm, std::string& digest, std::uint64_t maxBytes) {
     MessageDigest computation;
     if (!computation.Start(algorithm)) {
         return EINVAL;
     }
-    FileDescriptor file;
-    int result = OpenRegular(path, O_RDONLY, file);
-    if (result != 0) {
-        return result;
-    }
-    result = ReadPieces(file.Get(), maxBytes, [&](const char* data, std::size_t length) {
-        return computation.Update(data, length) ? 0 : EIO;
-    });
+    const int result = ReadPieces(
+        fd, maxBytes, [&](const char* data, std::size_t length) { return computation.Update(data, length) ? 0 : EIO; });
     if (result != 0) {
         return result;
     }
@@ -139,13 +135,27 @@ int DigestFile(const std::string& path, const std::string& algorithm, std::strin
 }
 
 // How long it took goes to the histogram "digest", failures excepted.
-int DigestFileTimed(const std::string& path, const std::string& algorithm, std::string& digest,
-                    std::uint64_t maxBytes) {
+int DigestContentTimed(int fd, const std::string& algorithm, std::string& digest, std::uint64_t maxBytes) {
     static Histogram& duration = Histograms::Of("digest");
     const std::uint64_t beginNs = TimeUtils::GetMonotonicNs();
-    const int result = DigestFile(path, algorithm, digest, maxBytes);
+    const int result = DigestContent(fd, algorithm, digest, maxBytes);
     if (result == 0) {
         duration.Record(TimeUtils::GetNsSince(beginNs));
+    }
+    return result;
+}
+
+// Calls `digestOpen(fd, digest)` with the regular file opened. `digest` is empty unless the result is 0.
+template <typename DigestOpen> int DigestFile(const std::string& path, std::string& digest, DigestOpen digestOpen) {
+    std::string computed;
+    const int result = WithoutThrowing([&] {
+        FileDescriptor file;
+        const int opened = OpenRegular(path, O_RDONLY, file);
+        return opened == 0 ? digestOpen(file.Get(), computed) : opened;
+    });
+    digest.swap(computed);
+    if (result != 0) {
+        digest.clear();
     }
     return result;
 }
@@ -183,18 +193,22 @@ int FileUtils::GetFileSize(const std::string& path, std::int64_t& size) {
 }
 
 int FileUtils::GetFileSha256(const std::string& path, std::string& digest, std::uint64_t maxBytes) {
-    return GetFileHash(path, "SHA256", digest, maxBytes);
+    return DigestFile(path, digest, [&](int fd, std::string& computed) {
+        return DigestCache::Instance().Get(
+            fd, maxBytes,
+            [&](int file, std::string& fresh) { return DigestContentTimed(file, SHA256, fresh, maxBytes); }, computed);
+    });
 }
 
 int FileUtils::GetFileHash(const std::string& path, const std::string& algorithm, std::string& digest,
                            std::uint64_t maxBytes) {
-    std::string computed;
-    const int result = WithoutThrowing([&] { return DigestFileTimed(path, algorithm, computed, maxBytes); });
-    digest.swap(computed);
-    if (result != 0) {
-        digest.clear();
-    }
-    return result;
+    return DigestFile(path, digest, [&](int fd, std::string& computed) {
+        return DigestContentTimed(fd, algorithm, computed, maxBytes);
+    });
+}
+
+DigestFigures FileUtils::GetDigestFigures() {
+    return DigestCache::Instance().GetFigures();
 }
 
 } // namespace SDK

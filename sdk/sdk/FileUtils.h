@@ -6,6 +6,13 @@
 
 namespace SDK {
 
+// What became of the requests for a file's SHA-256, since the start of the process.
+struct DigestFigures {
+    std::uint64_t hits = 0;    // known already
+    std::uint64_t misses = 0;  // computed
+    std::uint64_t refused = 0; // misses whose digest is not kept, because the file could change unnoticed
+};
+
 // Whole-file operations. Paths are bytes, sizes are bytes. Results of type int are 0 on success and
 // an errno value otherwise; outputs are untouched on failure unless said otherwise. Nothing throws.
 class FileUtils {
@@ -34,11 +41,16 @@ public:
     // The SHA-256 of at most the first `maxBytes` bytes of a regular file, as 64 lowercase
     // hexadecimal characters. The limit bounds the cost of a huge or sparse file; whoever compares
     // two digests must have used one limit for both. `digest` is cleared on failure.
+    //
+    // A file that has not changed since it was last asked for, as far as that can be known for certain, is
+    // not read again.
     static int GetFileSha256(const std::string& path, std::string& digest, std::uint64_t maxBytes);
 
     // The same with an algorithm named as OpenSSL names it ("SHA256"); EINVAL if there is none such.
     static int GetFileHash(const std::string& path, const std::string& algorithm, std::string& digest,
                            std::uint64_t maxBytes);
+
+    static DigestFigures GetDigestFigures();
 };
 
 } // namespace SDK
