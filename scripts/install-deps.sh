@@ -15,6 +15,8 @@ PACKAGES=(
     libvterm-dev ncurses-base
     # Measuring
     libbenchmark-dev
+    # Packaging, and testing the package (systemd only for systemd-analyze and systemctl)
+    dpkg-dev file lintian man-db bash-completion zsh systemd strace
 )
 
 is_installed() {

@@ -182,7 +182,6 @@ class Documentation(unittest.TestCase):
             "corvalentctl trust --root /etc li": {"list"},
             "corvalentctl command ": {f"whitelist_{number}" for number in range(10001, 10006)},
             "corvalentctl reports --type ": {f"whitelist_{number}" for number in range(2, 7)},
-            "corvalentctl learn reset ": set(),
         }
         files = ["policy apply", "policy check", "trust import", "preset apply", "explain", "policy init -o",
                  "preset build --verify", "command whitelist_10001"]

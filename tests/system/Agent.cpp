@@ -127,8 +127,9 @@ Agent::~Agent() = default;
 // ---- its life
 
 void Agent::Start() {
-    mDaemon = std::make_unique<Program>(std::vector<std::string>{mRoot / "bin/corvalentd", "--root", mRoot.Path()},
-                                        mWork / "daemon");
+    std::vector<std::string> words = mLauncher;
+    words.insert(words.end(), {mRoot / "bin/corvalentd", "--root", mRoot.Path()});
+    mDaemon = std::make_unique<Program>(words, mWork / "daemon");
     WaitUntilReady();
 }
 

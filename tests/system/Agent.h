@@ -5,6 +5,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -86,6 +87,10 @@ public:
     const TestSupport::TempDir& Work() const { return mWork; }
 
     // ---- its life
+
+    // From now on Start starts the daemon through a program that executes it in its own place, such as
+    // setpriv; the daemon's command line stands behind these words.
+    void SetLauncher(std::vector<std::string> words) { mLauncher = std::move(words); }
 
     // Starts the daemon and waits until it takes requests.
     void Start();
@@ -180,6 +185,7 @@ private:
     TestSupport::TempDir mWork;
     std::unique_ptr<TestSupport::TempCgroup> mScope;
     std::unique_ptr<Program> mDaemon;
+    std::vector<std::string> mLauncher;
     int mCounter = 0; // makes names unique
 };
 

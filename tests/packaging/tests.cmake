@@ -1,0 +1,13 @@
+# The Debian package, made once for the tests that look into it.
+add_test(NAME packaging.build
+  COMMAND ${CMAKE_CPACK_COMMAND} --config ${CMAKE_BINARY_DIR}/CPackConfig.cmake -B ${CMAKE_BINARY_DIR}/package)
+set_tests_properties(packaging.build PROPERTIES FIXTURES_SETUP package LABELS packaging TIMEOUT 300)
+foreach(script package package-life)
+  add_test(NAME packaging.${script} COMMAND ${TEST_DIR}/${script}.sh ${CMAKE_BINARY_DIR})
+  set_tests_properties(packaging.${script} PROPERTIES FIXTURES_REQUIRED package LABELS packaging TIMEOUT 300
+    SKIP_RETURN_CODE 77)
+endforeach()
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
+add_test(NAME packaging.documentation
+  COMMAND Python3::Interpreter ${TEST_DIR}/documentation.py ${CMAKE_RUNTIME_OUTPUT_DIRECTORY} ${CMAKE_SOURCE_DIR}/packaging)
+set_tests_properties(packaging.documentation PROPERTIES LABELS packaging TIMEOUT 60)
