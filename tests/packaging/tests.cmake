@@ -1,8 +1,8 @@
-# The Debian package, made once for the tests that look into it.
+# The Debian package, made once for the tests that look into it, and its unit.
 add_test(NAME packaging.build
   COMMAND ${CMAKE_CPACK_COMMAND} --config ${CMAKE_BINARY_DIR}/CPackConfig.cmake -B ${CMAKE_BINARY_DIR}/package)
 set_tests_properties(packaging.build PROPERTIES FIXTURES_SETUP package LABELS packaging TIMEOUT 300)
-foreach(script package package-life)
+foreach(script package package-life service)
   add_test(NAME packaging.${script} COMMAND ${TEST_DIR}/${script}.sh ${CMAKE_BINARY_DIR})
   set_tests_properties(packaging.${script} PROPERTIES FIXTURES_REQUIRED package LABELS packaging TIMEOUT 300
     SKIP_RETURN_CODE 77)
