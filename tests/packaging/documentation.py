@@ -39,14 +39,18 @@ class Help:
         self.verbs = []
         section = ""
         for line in run([PROGRAMS / program, *verb, "--help"]).splitlines():
-            if line and not line.startswith(" "):
-                section = line.rstrip(":")
-            # What is described begins at the third place; further lines of a description stand behind.
-            elif re.match(r"  \S", line):
+            # A group of options is indented, with a heading of its own.
+            heading = re.fullmatch(r" *(Options|Positionals|Subcommands):", line)
+            if heading:
+                section = heading[1]
+            elif line and not line.startswith(" "):
+                section = ""
+            # What is described begins at the third place, or the fifth; the rest of a description behind.
+            elif re.match(r" {2,4}\S", line):
                 self.take(section, line.split()[0])
 
     def take(self, section, word):
-        if section == "Options":
+        if section == "Options" and word.startswith("-"):
             self.options.add(frozenset(word.split(",")))
         elif section == "Positionals":
             self.arguments.append(word)
@@ -184,7 +188,7 @@ class Documentation(unittest.TestCase):
             "corvalentctl reports --type ": {f"whitelist_{number}" for number in range(2, 7)},
         }
         files = ["policy apply", "policy check", "trust import", "preset apply", "explain", "policy init -o",
-                 "preset build --verify", "command whitelist_10001"]
+                 "preset build --verify", "trust export --output", "trust export -o", "command whitelist_10001"]
         lines = [f"corvalentctl {words} /etc/passw" for words in files]
         for shell in ("bash", "zsh"):
             offers = complete(shell, [*expected, *lines])
