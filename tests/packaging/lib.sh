@@ -1,4 +1,5 @@
 # What the scripts of this folder begin with; sourced, not run.
+# shellcheck shell=bash disable=SC2034
 
 set -euo pipefail
 

@@ -82,7 +82,7 @@ state_of_package() { system dpkg-query -W -f '${db:Status-Status} ${Version}' co
 
 # Without --root, as an operator would.
 ctl() { system corvalentctl "$@"; }
-status() { ctl status --json | jq -r "$1"; }
+status() { ctl status --json 2>/dev/null | jq -r "$1"; }
 status_is() { [[ $(status "$1") == "$2" ]]; }
 pid() { cat "$SYSTEM/tmp/service.pid" 2>/dev/null || echo none; }
 is_running() { [[ $(pid) != none ]] && kill -0 "$(pid)"; }

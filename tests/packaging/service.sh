@@ -22,6 +22,7 @@ WORK=$(mktemp -d /tmp/corvalent-service-XXXXXX)
 ROOT=$WORK/root
 NAME=corvalent-service-$$
 SCOPE=$GROUP_MOUNT/$NAME-scope
+WATCHDOG_S=4
 # Where the manager keeps its services: the unified hierarchy and, beside it, systemd's own older one.
 HIERARCHIES=("$GROUP_MOUNT")
 [[ ! -d /sys/fs/cgroup/systemd ]] || HIERARCHIES+=(/sys/fs/cgroup/systemd)
@@ -81,7 +82,7 @@ count_bits() {
 # ---- the agent --------------------------------------------------------------------------------------
 
 ctl() { "$ROOT/bin/corvalentctl" --root "$ROOT" "$@"; }
-status_is() { [[ $(ctl status --json | jq -r "$1") == "$2" ]]; }
+status_is() { [[ $(ctl status --json 2>/dev/null | jq -r "$1") == "$2" ]]; }
 
 make_root() {
     mkdir -p "$ROOT"/{conf,run} "$WORK"/{units,run,home,programs,watched}
@@ -96,10 +97,11 @@ make_root() {
     printf '[Driver]\nLearnTime=43200\nLearnMod=2\n' >"$ROOT/conf/modwhitelist.ini"
 }
 
-# Other folders than those of the package; all else is the unit's own.
+# Other folders than those of the package, and shorter times; all else is the unit's own.
 make_units() {
-    sed "s|^ExecStart=.*|ExecStart=$ROOT/bin/corvalentd --root $ROOT|" "$SOURCE/packaging/corvalent.service" \
-        >"$WORK/units/corvalent.service"
+    sed "s|^ExecStart=.*|ExecStart=$ROOT/bin/corvalentd --root $ROOT|
+        s|^WatchdogSec=.*|WatchdogSec=$WATCHDOG_S|; s|^RestartSec=.*|RestartSec=1|" \
+        "$SOURCE/packaging/corvalent.service" >"$WORK/units/corvalent.service"
     for target in default basic shutdown; do
         printf '[Unit]\nDefaultDependencies=no\n' >"$WORK/units/$target.target"
     done
@@ -155,12 +157,22 @@ until_true status_is '"\(.files.marks) \(.mode)"' "1 3" || fail "it does not wat
 expect_killed "an unknown reader" tail -f "$WORK/watched/file"
 expect "what was not permitted" "" "$(grep 'not permitted' "$ROOT/log/corvalent.log" || true)"
 
+# expect_restarted TIMES: it runs again, and detects.
+expect_restarted() {
+    until_true property_is NRestarts "$1" || fail "it is not started again"
+    until_true property_is ActiveState active || fail "it does not become ready again"
+    until_true status_is '"\(.mode) \(.files.marks)"' "3 1" || fail "it does not detect again: $(ctl status)"
+}
+
 echo "== it comes back after a crash, and detects again"
-before=$(pid)
-kill -SEGV "$before"
-until_true property_is NRestarts 1 || fail "it is not started again"
-until_true property_is ActiveState active || fail "it does not become ready again"
-until_true status_is '"\(.mode) \(.files.marks)"' "3 1" || fail "it does not detect again: $(ctl status)"
+kill -SEGV "$(pid)"
+expect_restarted 1
+
+echo "== while it is alive the watchdog leaves it alone; when it hangs it is started anew"
+has_been_up() { status_is ".uptime_seconds > $1" true; }
+until_true has_been_up $((WATCHDOG_S + 1)) || fail "it is not left alone: $(systemctl --user status corvalent.service)"
+kill -STOP "$(pid)"
+expect_restarted 2
 
 echo "== it stops in order"
 service stop

@@ -1,6 +1,10 @@
+# Not under a sanitizer, whose run-time makes other system calls, and needs more memory, than what is shipped.
+if(CORVALENT_SANITIZER)
+  return()
+endif()
+
 # The Debian package, made once for the tests that look into it, and its unit.
-add_test(NAME packaging.build
-  COMMAND ${CMAKE_CPACK_COMMAND} --config ${CMAKE_BINARY_DIR}/CPackConfig.cmake -B ${CMAKE_BINARY_DIR}/package)
+add_test(NAME packaging.build COMMAND ${TEST_DIR}/build-package.sh ${CMAKE_BINARY_DIR} ${CMAKE_CPACK_COMMAND})
 set_tests_properties(packaging.build PROPERTIES FIXTURES_SETUP package LABELS packaging TIMEOUT 300)
 foreach(script package package-life service)
   add_test(NAME packaging.${script} COMMAND ${TEST_DIR}/${script}.sh ${CMAKE_BINARY_DIR})
