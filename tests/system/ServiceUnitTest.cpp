@@ -300,6 +300,17 @@ Trace ReadTrace(const std::string& path) {
     return trace;
 }
 
+// strace has written that the daemon ended; the process id is padded.
+bool IsComplete(const std::string& path, pid_t daemon) {
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        if (line.ends_with(" +++ exited with 0 +++") && std::stoi(line) == daemon) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // Has the daemon do everything that it can.
 void Exercise(Agent& agent, WebServer& server) {
     const std::string program = agent.MakeProgram("unknown");
@@ -333,9 +344,9 @@ TEST(ServiceUnitFilter, NothingThatTheAgentDoesIsWithheldFromIt) {
     // -D: the daemon keeps the process id and the parent that it would have.
     agent.SetLauncher({"/usr/bin/strace", "-D", "-f", "-q", "-o", file, "--"});
     Exercise(agent, server);
-    const std::string end = std::to_string(agent.GetPid()) + " +++ exited with 0 +++";
+    const pid_t daemon = agent.GetPid();
     agent.Stop();
-    ASSERT_TRUE(WaitFor([&] { return TestSupport::TempDir::ReadText(file).find(end) != std::string::npos; }));
+    ASSERT_TRUE(WaitFor([&] { return IsComplete(file, daemon); }));
 
     const Trace trace = ReadTrace(file);
     EXPECT_TRUE(trace.calls.contains("fanotify_mark") && trace.calls.contains("pidfd_send_signal"));
