@@ -146,7 +146,7 @@ TEST(ModeTest, LearningBeginsAnewWhenTheTimeLearnedIsSetBackWhileTheAgentIsStopp
     EXPECT_EQ(status["mode"].asInt(), LEARNING);
     EXPECT_EQ(status["learned_minutes"].asInt(), 0);
     EXPECT_FALSE(status["desired_detect"].asBool());
-    EXPECT_GE(status["lists"]["local"].asInt(), 60);
+    EXPECT_TRUE(WaitFor([&] { return agent.Status()["lists"]["local"].asInt() >= 60; }));
 }
 
 // Detection was on; then a policy came with a longer learning period than has been learned.

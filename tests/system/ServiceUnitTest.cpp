@@ -222,6 +222,35 @@ TEST_F(ServiceUnit, WithoutFownerAnotherUsersProgramStaysExecutableAndTheLogSays
     EXPECT_EQ(ModeOf(program), 0700U);
 }
 
+// A file that has just changed is not remembered for some seconds, whatever the rights.
+bool IsRememberedAfterAWhile(Agent& agent, const std::string& program) {
+    return WaitFor([&] {
+        EXPECT_EQ(agent.Ctl({"explain", program}).status, 0);
+        return agent.Status()["counters"]["digest.hit"].asInt() > 0;
+    });
+}
+
+TEST_F(ServiceUnit, DigestsOfOtherUsersProgramsAreRemembered) {
+    agent.Start();
+    EXPECT_TRUE(IsRememberedAfterAWhile(agent, MakeProgramOfNobody("program")));
+    agent.Stop();
+}
+
+TEST_F(ServiceUnit, WithoutLeaseDigestsOfOtherUsersProgramsAreComputedAnew) {
+    const std::string program = MakeProgramOfNobody("program");
+    const std::string own = agent.MakeProgram("own");
+    agent.SetLauncher(WithTheUnitsCapabilities("lease"));
+    agent.Start();
+    // The later of the two can be remembered, so time is no reason any more why the other could not.
+    EXPECT_TRUE(IsRememberedAfterAWhile(agent, own));
+    const Json::Value before = agent.Status()["counters"];
+    agent.Ctl({"explain", program});
+    agent.Ctl({"explain", program});
+    const Json::Value after = agent.Status()["counters"];
+    EXPECT_EQ(after["digest.hit"], before["digest.hit"]);
+    EXPECT_EQ(after["digest.refused"].asInt(), before["digest.refused"].asInt() + 2);
+}
+
 // ---- what else the unit withholds
 
 // `systemd-analyze syscall-filter`: the groups of system calls by name, "@…", each with its calls and groups.
