@@ -4,14 +4,13 @@
 #include <iostream>
 #include <memory>
 
-#include <unistd.h>
-
 #include "ctl/Client.h"
 #include "ctl/Failure.h"
-#include "ctl/Interrupt.h"
+#include "ctl/Interrupts.h"
 #include "ctl/Output.h"
 #include "ctl/SinceTime.h"
 #include "ctl/Verbs.h"
+#include "modules/ReportTypes.h"
 #include "sdk/JsonUtils.h"
 
 namespace Ctl {
@@ -20,7 +19,6 @@ namespace {
 
 using SDK::JsonUtils;
 
-constexpr const char* ALERT_TYPE = "whitelist_4";
 constexpr std::chrono::milliseconds FOLLOW_INTERVAL{300};
 constexpr std::size_t HASH_PREFIX = 12;
 
@@ -31,12 +29,6 @@ struct HistoryOptions {
     bool summary = false;
     bool json = false;
 };
-
-// Another round is wanted, after a pause.
-bool PauseUntilNextRound() {
-    usleep(static_cast<useconds_t>(std::chrono::microseconds(FOLLOW_INTERVAL).count()));
-    return !IsInterrupted();
-}
 
 std::int64_t Now() {
     return std::time(nullptr);
@@ -94,14 +86,17 @@ std::int64_t ReadSince(const HistoryOptions& options) {
 
 void PrintHistory(const Context& context, const HistoryOptions& options, const Printer& print) {
     const std::int64_t since = ReadSince(options);
-    if (options.follow) {
-        WatchForInterrupt();
-    }
     const Client client(context.root);
     std::int64_t after = 0;
-    do {
+    if (!options.follow) {
         PrintNew(client, options, since, print, after);
-    } while (options.follow && PauseUntilNextRound());
+        return;
+    }
+    const Interrupts interrupts;
+    while (!Interrupts::AreThere()) {
+        PrintNew(client, options, since, print, after);
+        interrupts.Wait(-1, FOLLOW_INTERVAL);
+    }
 }
 
 void PrintAlertLine(const Json::Value& report) {
@@ -190,7 +185,7 @@ CLI::Option* AddHistoryOptions(CLI::App& verb, HistoryOptions& options) {
 
 void AddReportVerbs(CLI::App& app, const Context& context) {
     const auto alertOptions = std::make_shared<HistoryOptions>();
-    alertOptions->type = ALERT_TYPE;
+    alertOptions->type = Engine::REPORT_ALERT;
     CLI::App* alerts = app.add_subcommand("alerts", "Print the alerts, oldest first: time, pid, blocked or only seen, "
                                                     "user, hash, event id, path");
     CLI::Option* follow = AddHistoryOptions(*alerts, *alertOptions);

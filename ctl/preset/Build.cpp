@@ -6,7 +6,7 @@
 
 #include "ctl/Document.h"
 #include "ctl/Failure.h"
-#include "ctl/Interrupt.h"
+#include "ctl/Interrupts.h"
 #include "ctl/Output.h"
 #include "ctl/preset/HostRoot.h"
 #include "ctl/preset/OsRelease.h"
@@ -151,7 +151,7 @@ void PrintFindings(const std::vector<Finding>& findings, const BuildOptions& opt
 
 void BuildPreset(const BuildOptions& options) {
     CheckDestination(options.output);
-    WatchForInterrupt();
+    const Interrupts interrupts;
     HostRoot host(options.hostRoot);
     BuildOptions complete = options;
     if (complete.sources.empty()) {
@@ -176,7 +176,7 @@ void BuildPreset(const BuildOptions& options) {
 }
 
 void VerifyPreset(const BuildOptions& options) {
-    WatchForInterrupt();
+    const Interrupts interrupts;
     HostRoot host(options.hostRoot);
     const std::vector<Entry> entries = FromDocument(ReadPresetFile(options.document), options.document);
     std::vector<Finding> findings = CompareWithDisk(host, entries, options.jobs);

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "ctl/Failure.h"
-#include "ctl/Interrupt.h"
+#include "ctl/Interrupts.h"
 
 namespace Ctl::Preset {
 
@@ -26,7 +26,7 @@ public:
     // A thread's whole life.
     void Work() {
         try {
-            for (std::size_t i = mNext++; i < mCount && !mStopped && !IsInterrupted(); i = mNext++) {
+            for (std::size_t i = mNext++; i < mCount && !mStopped && !Interrupts::AreThere(); i = mNext++) {
                 mWork(i);
             }
         } catch (...) {
@@ -99,7 +99,7 @@ void ForEach(std::size_t count, unsigned threads, const std::function<void(std::
 }
 
 void ThrowIfInterrupted() {
-    if (IsInterrupted()) {
+    if (Interrupts::AreThere()) {
         throw Failure("interrupted, nothing was written");
     }
 }

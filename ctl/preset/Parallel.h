@@ -12,7 +12,7 @@ namespace Ctl::Preset {
 void ForEach(std::size_t count, unsigned threads, const std::function<void(std::size_t)>& work,
              const std::function<void()>& look);
 
-// Throws Failure when the program has been interrupted (ctl/Interrupt.h).
+// Throws Failure when the program has been interrupted (ctl/Interrupts.h).
 void ThrowIfInterrupted();
 
 } // namespace Ctl::Preset

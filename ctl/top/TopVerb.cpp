@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include "ctl/Client.h"
+#include "ctl/Interrupts.h"
 #include "ctl/Output.h"
 #include "ctl/Verbs.h"
-#include "ctl/top/Interrupts.h"
 #include "ctl/top/TopLines.h"
 #include "ctl/top/TopPainter.h"
 #include "ctl/top/TopSampler.h"
@@ -55,10 +55,10 @@ std::chrono::milliseconds Until(Clock::time_point time) {
 
 // False when the program is to end before the time has come.
 bool WaitUntil(const Interrupts& interrupts, Clock::time_point time) {
-    while (!Interrupts::WantsEnd() && Clock::now() < time) {
+    while (!Interrupts::AreThere() && Clock::now() < time) {
         interrupts.Wait(-1, Until(time));
     }
-    return !Interrupts::WantsEnd();
+    return !Interrupts::AreThere();
 }
 
 void PrintLines(TopSampler& sampler, const TopOptions& options) {
@@ -103,7 +103,7 @@ private:
         while (!mRefresh && (mPaused || Clock::now() < mNext)) {
             const auto wait = mPaused ? std::chrono::milliseconds(std::chrono::hours(1)) : Until(mNext);
             const Interrupts::Wake wake = interrupts.Wait(mKeys, wait);
-            if (Interrupts::WantsEnd() || wake == Interrupts::Wake::GONE) {
+            if (Interrupts::AreThere() || wake == Interrupts::Wake::GONE) {
                 return false;
             }
             if (wake != Interrupts::Wake::TIME) {

@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ctl/Failure.h"
-#include "ctl/Interrupt.h"
+#include "ctl/Interrupts.h"
 
 namespace Ctl::Preset {
 namespace {
@@ -59,7 +59,7 @@ TEST(ParallelTest, WhatThePiecesThrowComesOut) {
 }
 
 TEST(ParallelTest, AnInterruptEndsItEarly) {
-    WatchForInterrupt();
+    const Interrupts interrupts;
     std::atomic<std::size_t> done{0};
     EXPECT_THROW(ForEach(
                      1000000, 2,
