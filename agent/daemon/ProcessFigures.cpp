@@ -1,8 +1,7 @@
 #include "agent/daemon/ProcessFigures.h"
 
-#include <ctime>
+#include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <limits>
 
@@ -10,6 +9,7 @@
 #include <unistd.h>
 
 #include "sdk/ProcStat.h"
+#include "sdk/ProcessUtils.h"
 #include "sdk/TimeUtils.h"
 
 namespace Daemon {
@@ -18,21 +18,9 @@ namespace {
 
 constexpr double NOT_KNOWN = std::numeric_limits<double>::quiet_NaN();
 
-double ReadClock(clockid_t clock) {
-    constexpr double NS_PER_SECOND = 1e9;
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / NS_PER_SECOND;
-}
-
-// The kernel counts from the boot (proc(5), field 22 of stat).
 double ReadStartTime() {
-    SDK::ProcStat stat;
-    if (SDK::ProcStat::Read(getpid(), stat) != 0) {
-        return NOT_KNOWN;
-    }
-    const double sinceBoot = static_cast<double>(stat.startTime) / static_cast<double>(sysconf(_SC_CLK_TCK));
-    return ReadClock(CLOCK_REALTIME) - ReadClock(CLOCK_BOOTTIME) + sinceBoot;
+    std::int64_t seconds = 0;
+    return SDK::ProcessUtils::GetProcessStartTime(getpid(), seconds) == 0 ? static_cast<double>(seconds) : NOT_KNOWN;
 }
 
 double CountOpenFds() {
@@ -60,16 +48,11 @@ ProcessFigures ProcessFigures::Read() {
     constexpr double TICKS_PER_SECOND = 1e6;
     // Once, so that a clock that is set does not move it.
     static const double startTime = ReadStartTime();
-    // proc(5), statm: all pages, then the resident ones.
-    std::ifstream statm("/proc/self/statm");
-    double virtualPages = NOT_KNOWN;
-    double residentPages = NOT_KNOWN;
-    if (!(statm >> virtualPages >> residentPages)) {
-        virtualPages = residentPages = NOT_KNOWN;
-    }
+    SDK::ProcStat stat;
+    const bool known = SDK::ProcStat::Read(getpid(), stat) == 0;
     const auto pageBytes = static_cast<double>(sysconf(_SC_PAGESIZE));
-    return {residentPages * pageBytes,
-            virtualPages * pageBytes,
+    return {known ? static_cast<double>(stat.residentPages) * pageBytes : NOT_KNOWN,
+            known ? static_cast<double>(stat.virtualBytes) : NOT_KNOWN,
             static_cast<double>(SDK::TimeUtils::GetCurrentSystemTickUsed()) / TICKS_PER_SECOND,
             CountOpenFds(),
             ReadMaxFds(),

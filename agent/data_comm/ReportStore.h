@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/data_comm/AlertSummary.h"
+#include "modules/ReportTypes.h"
 
 struct sqlite3;
 
@@ -49,7 +50,7 @@ struct ReportCounts {
 class ReportStore {
 public:
     // The type of the reports that are alerts.
-    static constexpr const char* ALERT_TYPE = "whitelist_4";
+    static constexpr const char* ALERT_TYPE = REPORT_ALERT;
 
     // Nothing is touched before Open.
     explicit ReportStore(std::string path) : mPath(std::move(path)) {}

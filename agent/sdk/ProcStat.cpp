@@ -53,7 +53,9 @@ bool ProcStat::Parse(std::string_view text, ProcStat& stat) {
     Fields fields;
     ProcStat read;
     if (!Split(text, fields) || fields[3].size() != 1 || !ReadNumber(fields[4], read.ppid) ||
-        !ReadNumber(fields[9], read.flags) || !ReadNumber(fields[22], read.startTime) ||
+        !ReadNumber(fields[9], read.flags) || !ReadNumber(fields[14], read.userTicks) ||
+        !ReadNumber(fields[15], read.kernelTicks) || !ReadNumber(fields[22], read.startTime) ||
+        !ReadNumber(fields[23], read.virtualBytes) || !ReadNumber(fields[24], read.residentPages) ||
         !ReadNumber(fields[28], read.startStack)) {
         return false;
     }

@@ -4,14 +4,15 @@
 #include <ctime>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <utility>
 
 #include <unistd.h>
 
 #include "ctl/Failure.h"
 #include "ctl/Output.h"
+#include "modules/ReportTypes.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/ProcStat.h"
 
 namespace Ctl::Top {
 
@@ -72,17 +73,11 @@ void AddLearned(const Json::Value& report, std::vector<Learned>& learned) {
     }
 }
 
-// The fields of proc(5)'s stat behind the program's name, which may hold anything: the first is `state`,
-// the third of the page.
-std::vector<std::string> ReadStatFields(const std::string& path) {
+std::optional<SDK::ProcStat> ReadStat(const std::string& path) {
     std::ifstream file(path);
     const std::string text(std::istreambuf_iterator<char>(file), {});
-    const std::size_t nameEnd = text.rfind(')');
-    if (nameEnd == std::string::npos) {
-        return {};
-    }
-    std::istringstream fields(text.substr(nameEnd + 1));
-    return {std::istream_iterator<std::string>(fields), {}};
+    SDK::ProcStat stat;
+    return SDK::ProcStat::Parse(text, stat) ? std::optional(stat) : std::nullopt;
 }
 
 } // namespace
@@ -149,16 +144,13 @@ void TopSampler::TakeStatus(double seconds) {
 
 // Nothing where the daemon's process cannot be seen, in a container for instance.
 void TopSampler::TakeUsage(Sample& sample) {
-    constexpr std::size_t UTIME = 14 - 3; // the fields' numbers in proc(5), from `state` on
-    constexpr std::size_t STIME = 15 - 3;
-    constexpr std::size_t RSS = 24 - 3; // in pages
     constexpr std::int64_t KIB = 1024;
-    const std::vector<std::string> fields = ReadStatFields(mProc + std::to_string(sample.pid) + "/stat");
-    if (fields.size() <= RSS) {
+    const std::optional<SDK::ProcStat> stat = ReadStat(mProc + std::to_string(sample.pid) + "/stat");
+    if (!stat) {
         return;
     }
-    sample.cpuTicks = std::atoll(fields[UTIME].c_str()) + std::atoll(fields[STIME].c_str());
-    Usage usage{std::atoll(fields[RSS].c_str()) * (sysconf(_SC_PAGESIZE) / KIB)};
+    sample.cpuTicks = static_cast<std::int64_t>(stat->userTicks + stat->kernelTicks);
+    Usage usage{stat->residentPages * (sysconf(_SC_PAGESIZE) / KIB)};
     if (mLast && mLast->cpuTicks) {
         constexpr double PERCENT = 100;
         const auto ticks = static_cast<double>(*sample.cpuTicks - *mLast->cpuTicks);
@@ -172,12 +164,12 @@ void TopSampler::TakeUsage(Sample& sample) {
 void TopSampler::TakeHistory() {
     try {
         std::vector<Alert> alerts;
-        for (const Json::Value& report : TakeNew("whitelist_4", MAX_SHOWN, mLastAlertId)) {
+        for (const Json::Value& report : TakeNew(Engine::REPORT_ALERT, MAX_SHOWN, mLastAlertId)) {
             alerts.push_back(ReadAlert(report));
         }
         PutBefore(mAlerts, alerts);
         std::vector<Learned> learned;
-        for (const Json::Value& report : TakeNew("whitelist_3", MAX_LEARNED_REPORTS, mLastLearnedId)) {
+        for (const Json::Value& report : TakeNew(Engine::REPORT_NEW_PROCESSES, MAX_LEARNED_REPORTS, mLastLearnedId)) {
             AddLearned(report, learned);
         }
         PutBefore(mLearned, learned);

@@ -13,11 +13,15 @@ struct ProcStat {
     static constexpr std::uint32_t FLAG_FORKNOEXEC = 0x00000040; // forked, and no exec since
     static constexpr std::uint32_t FLAG_KTHREAD = 0x00200000;
 
-    char state = 0;               // field 3
-    std::int32_t ppid = 0;        // field 4
-    std::uint32_t flags = 0;      // field 9
-    std::uint64_t startTime = 0;  // field 22, clock ticks since boot; with the pid it names a process
-    std::uint64_t startStack = 0; // field 28; every exec draws a new one at random, a fork keeps it
+    char state = 0;                 // field 3
+    std::int32_t ppid = 0;          // field 4
+    std::uint32_t flags = 0;        // field 9
+    std::uint64_t userTicks = 0;    // field 14, clock ticks
+    std::uint64_t kernelTicks = 0;  // field 15, clock ticks
+    std::uint64_t startTime = 0;    // field 22, clock ticks since boot; with the pid it names a process
+    std::uint64_t virtualBytes = 0; // field 23
+    std::int64_t residentPages = 0; // field 24
+    std::uint64_t startStack = 0;   // field 28; every exec draws a new one at random, a fork keeps it
 
     bool IsKernelThread() const { return (flags & FLAG_KTHREAD) != 0; }
     bool HasExecuted() const { return (flags & FLAG_FORKNOEXEC) == 0; }

@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "modules/ReportTypes.h"
 #include "modules/TrustLists.h"
 
 namespace Engine {
@@ -33,13 +34,6 @@ inline constexpr const char* ISOLATE_TASK = "isolate_task";
 inline constexpr const char* PROCS_REAL_TASK = "procs_real_task";
 inline constexpr const char* PROCS_FULL_TASK = "procs_full_task";
 inline constexpr const char* FILE_NOTIFY_TASK = "filenotify_task";
-
-// The types of the reports to the server.
-inline constexpr const char* REPORT_FULL_LIST = "whitelist_2";
-inline constexpr const char* REPORT_NEW_PROCESSES = "whitelist_3";
-inline constexpr const char* REPORT_ALERT = "whitelist_4";
-inline constexpr const char* REPORT_RUN_ERROR = "whitelist_5";
-inline constexpr const char* REPORT_LEARN_STATUS = "whitelist_6";
 
 // No file is read, and no digest covers, more than this.
 inline constexpr std::uint64_t MAX_FILE_BYTES = TRUST_MAX_FILE_BYTES;

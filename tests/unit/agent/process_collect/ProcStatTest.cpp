@@ -24,7 +24,11 @@ TEST(ProcStatTest, TheFieldsAreFoundByTheirNumbers) {
     EXPECT_EQ(stat.state, 'S');
     EXPECT_EQ(stat.ppid, 17);
     EXPECT_EQ(stat.flags, 4194368u);
+    EXPECT_EQ(stat.userTicks, 12u);
+    EXPECT_EQ(stat.kernelTicks, 13u);
     EXPECT_EQ(stat.startTime, 987654u);
+    EXPECT_EQ(stat.virtualBytes, 21u);
+    EXPECT_EQ(stat.residentPages, 22);
     EXPECT_EQ(stat.startStack, 140722222222224u);
     EXPECT_FALSE(stat.HasExecuted());
     EXPECT_FALSE(stat.IsKernelThread());

@@ -51,7 +51,7 @@ protected:
     void WriteStat(int ticks) const {
         // A name may hold blanks and brackets; utime and stime are the 14th and 15th field, rss the 24th.
         proc.Write("4711/stat", "4711 (a ) b) S 1 1 1 0 -1 4194560 0 0 0 0 " + std::to_string(ticks) +
-                                    " 5 0 0 20 0 9 0 100 1000000 256 18446744073709551615\n");
+                                    " 5 0 0 20 0 9 0 100 1000000 256 18446744073709551615 1 1 0\n");
     }
 
     TestSupport::TempDir proc;
