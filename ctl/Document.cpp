@@ -1,17 +1,16 @@
 #include "ctl/Document.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <string_view>
 #include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "agent/sdk/FileDescriptor.h"
 #include "ctl/Failure.h"
 #include "ctl/Output.h"
 #include "sdk/FileUtils.h"
@@ -40,18 +39,6 @@ std::string ReadAll(std::istream& input, const std::string& name) {
     return text;
 }
 
-// False, with errno set, when it cannot.
-bool WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno != EINTR) {
-            return false;
-        }
-        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
-    return true;
-}
-
 } // namespace
 
 std::string ReadDocument(const std::string& file) {
@@ -71,10 +58,11 @@ void WriteNewDocument(const std::string& file, const std::string& text) {
     if (fd < 0) {
         throw Failure("cannot make [" + file + "]: " + std::strerror(errno));
     }
-    const bool written = WriteAll(fd, text);
-    const int writeError = errno;
-    if (close(fd) != 0 || !written) {
-        const int error = written ? errno : writeError;
+    int error = SDK::WriteFully(fd, text.data(), text.size());
+    if (close(fd) != 0 && error == 0) {
+        error = errno;
+    }
+    if (error != 0) {
         unlink(file.c_str());
         throw Failure("cannot write [" + file + "]: " + std::strerror(error));
     }
