@@ -47,6 +47,16 @@ std::string DescribeFiles(const Json::Value& files) {
            DescribeFailures(files, "overflow", "overflows") + ", " + DescribeFailures(files, "lost", "lost");
 }
 
+std::string DescribeBlocking(const Json::Value& blocking) {
+    if (!blocking.isObject()) {
+        return "not known";
+    }
+    const std::string policy = JsonUtils::GetBoolValue(blocking, "policy", false) ? "asked for" : "not asked for";
+    const std::string fact = JsonUtils::GetBoolValue(blocking, "in_force", false) ? "in force" : "not in force";
+    return policy + ", " + fact + "; " + Field(blocking, "entries") + " entries count, more than " +
+           Field(blocking, "floor") + " needed";
+}
+
 std::string DescribeScope(const Json::Value& status) {
     const std::string cgroup = JsonUtils::GetStringValue(status, "scope", "");
     return cgroup.empty() ? "the whole machine" : "control group " + Escape(cgroup);
@@ -61,6 +71,7 @@ Rows DescribeAgent(const Json::Value& status) {
         {"policy", DescribePolicy(Member(status, "policy"))},
         {"lists", Field(lists, "local") + " local, " + Field(lists, "server") + " server, " +
                       Field(lists, "os_preset") + " OS preset, " + Field(lists, "service_preset") + " service preset"},
+        {"blocking", DescribeBlocking(Member(status, "blocking"))},
         {"events", DescribeEvents(Member(status, "events"))},
         {"files", DescribeFiles(Member(status, "files"))},
         {"alerts", Field(status, "alerts")},

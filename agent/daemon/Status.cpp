@@ -46,7 +46,7 @@ Json::Value Status::Collect() const {
 
 void Status::AddMode(Json::Value& status) const {
     const Json::Value answer = AskModule(mEngine, WHITELIST_MODULE);
-    for (const char* key : {"mode", "mode_name", "learned_minutes", "learn_period_minutes", "lists"}) {
+    for (const char* key : {"mode", "mode_name", "learned_minutes", "learn_period_minutes", "lists", "blocking"}) {
         status[key] = answer.get(key, Json::nullValue);
     }
     if (answer.isMember("error")) {

@@ -12,8 +12,8 @@ namespace Daemon {
 
 // Gathers what an operator wants to know about the whole agent:
 //
-//   mode, mode_name, learned_minutes, learn_period_minutes, lists   as the whitelist module says; null
-//                                                                   and "mode_error" when it cannot
+//   mode, mode_name, learned_minutes, learn_period_minutes, lists,
+//   blocking    as the whitelist module says; null and "mode_error" when it cannot
 //   events      {"exec", "fork", "exit", "judged", "lost"}: since the start
 //   alerts      stored in the history, all time; null when it cannot be read
 //   tasks       [{"name", "state", "depth", "capacity", "lost"}]

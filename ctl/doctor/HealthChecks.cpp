@@ -63,25 +63,20 @@ Finding CheckDetection(const Subject& subject) {
 }
 
 Finding CheckBlocking(const Subject& subject) {
-    // So many entries the lists together must exceed before anything is killed in global mode.
-    constexpr std::int64_t FLOOR = 50;
-    if (!subject.policy.blocks) {
+    const Json::Value blocking = Member(subject.status, "blocking");
+    if (!blocking.isObject()) {
+        return Warning("not known: the whitelist module does not say", "see log/corvalent.log");
+    }
+    if (!JsonUtils::GetBoolValue(blocking, "policy", false)) {
         return Ok("off: untrusted programs are reported, and run");
     }
-    if (subject.policy.directoryMode) {
-        return Ok("on: untrusted programs that touch a watched file are killed");
-    }
-    const Json::Value lists = Member(subject.status, "lists");
-    std::int64_t entries = 0;
-    for (const char* list : {"local", "server", "os_preset", "service_preset"}) {
-        entries += JsonUtils::GetInt64Value(lists, list, 0);
-    }
-    if (entries <= FLOOR) {
-        return Warning("on, but the lists hold only " + std::to_string(entries) + " entries: nothing is killed up to " +
-                           std::to_string(FLOOR),
+    if (!JsonUtils::GetBoolValue(blocking, "in_force", false)) {
+        return Warning("on, but the lists hold only " + FieldText(blocking, "entries") +
+                           " entries that count: nothing is killed up to " + FieldText(blocking, "floor"),
                        "learn longer, or deliver preset lists");
     }
-    return Ok("on: untrusted programs are killed");
+    return Ok(subject.policy.directoryMode ? "on: untrusted programs that touch a watched file are killed"
+                                           : "on: untrusted programs are killed");
 }
 
 // ---- how it is doing

@@ -2,6 +2,7 @@
 
 #include "ConfigManager.h"
 #include "ProcessManager.h"
+#include "SpecifiedFileAudit.h"
 
 namespace Engine {
 
@@ -35,6 +36,15 @@ const char* GetListName(int source) {
     }
 }
 
+Json::Value DescribeEntry(const ProcessInfo& info) {
+    Json::Value entry(Json::objectValue);
+    ProcessManager::Instance()->ProcessInfo2Json(info, entry);
+    if (entry["size"] == 0) {
+        entry["size"] = static_cast<Json::Int64>(info.size);
+    }
+    return entry;
+}
+
 Json::Value DescribePresetEntry(const PresetProcessInfo& info) {
     Json::Value entry(Json::objectValue);
     entry["filename"] = info.filename;
@@ -42,6 +52,19 @@ Json::Value DescribePresetEntry(const PresetProcessInfo& info) {
     entry["os"] = info.os;
     entry["version"] = info.version;
     return entry;
+}
+
+bool IsBlockingInForce(bool directoryMode) {
+    return directoryMode ? SpecifiedFileAudit::IsBlockingInForce() : ProcessManager::Instance()->IsBlockingInForce();
+}
+
+Json::Value DescribeBlocking(bool directoryMode) {
+    Json::Value blocking(Json::objectValue);
+    blocking["policy"] = ConfigManager::Instance()->GetActionBlock() == 1;
+    blocking["entries"] = Json::UInt64{ProcessManager::Instance()->CountForBlockingFloor()};
+    blocking["floor"] = Json::UInt64{directoryMode ? 0 : ProcessManager::BLOCKING_FLOOR};
+    blocking["in_force"] = IsBlockingInForce(directoryMode);
+    return blocking;
 }
 
 } // namespace Engine

@@ -75,14 +75,11 @@ ListOpinion LookForOlderContent(ProcessManager::TrustSource list, const Explaine
     return opinion;
 }
 
-Json::Value DescribeEntry(const ListOpinion& opinion) {
-    Json::Value entry;
+Json::Value DescribeNearestEntry(const ListOpinion& opinion) {
     if (opinion.entry) {
-        Manager().ProcessInfo2Json(*opinion.entry, entry);
-    } else if (opinion.presetEntry) {
-        entry = DescribePresetEntry(*opinion.presetEntry);
+        return DescribeEntry(*opinion.entry);
     }
-    return entry;
+    return opinion.presetEntry ? DescribePresetEntry(*opinion.presetEntry) : Json::Value();
 }
 
 // Sets `deciding` to the first list that vouches.
@@ -98,7 +95,7 @@ Json::Value AskLists(const ExplainedProgram& program, int& deciding) {
             const ListOpinion opinion = LookForOlderContent(list, program, Ask(list, program));
             answer["vouches"] = opinion.Vouches();
             answer["reason"] = NameReason(list, opinion.reason);
-            answer["entry"] = DescribeEntry(opinion);
+            answer["entry"] = DescribeNearestEntry(opinion);
             deciding = deciding == 0 && opinion.Vouches() ? list : deciding;
         }
     }
@@ -125,10 +122,6 @@ const char* NameExemption(Exemption exemption) {
     return "";
 }
 
-bool IsBlockingInForce(const ExplainedProgram& program) {
-    return program.directoryMode ? SpecifiedFileAudit::IsBlockingInForce() : Manager().IsBlockingInForce();
-}
-
 Json::Value DescribeVerdict(const ExplainedProgram& program, int deciding) {
     Json::Value verdict(Json::objectValue);
     verdict["list"] = GetListName(0);
@@ -145,18 +138,9 @@ Json::Value DescribeVerdict(const ExplainedProgram& program, int deciding) {
         verdict["list"] = GetListName(deciding);
     } else {
         verdict["outcome"] = "untrusted";
-        verdict["action"] = IsBlockingInForce(program) ? "kill" : "report";
+        verdict["action"] = IsBlockingInForce(program.directoryMode) ? "kill" : "report";
     }
     return verdict;
-}
-
-Json::Value DescribeBlocking(const ExplainedProgram& program) {
-    Json::Value blocking(Json::objectValue);
-    blocking["policy"] = ConfigManager::Instance()->GetActionBlock() == 1;
-    blocking["entries"] = Json::UInt64{Manager().CountForBlockingFloor()};
-    blocking["floor"] = Json::UInt64{program.directoryMode ? 0 : ProcessManager::BLOCKING_FLOOR};
-    blocking["in_force"] = IsBlockingInForce(program);
-    return blocking;
 }
 
 // ---- The whole -------------------------------------------------------------------------------------
@@ -239,7 +223,7 @@ Json::Value Explain(const ExplainedProgram& program) {
     answer["judged"] = DescribeJudged(program);
     answer["lists"] = AskLists(program, deciding);
     answer["verdict"] = DescribeVerdict(program, deciding);
-    answer["blocking"] = DescribeBlocking(program);
+    answer["blocking"] = DescribeBlocking(program.directoryMode);
     answer["notes"] = MakeNotes(program, deciding);
     return answer;
 }

@@ -32,17 +32,8 @@ Json::Value DescribeStatus() {
     lists["server"] = static_cast<Json::UInt64>(manager.CountServerTrust());
     lists["os_preset"] = static_cast<Json::UInt64>(manager.CountOsPreset());
     lists["service_preset"] = static_cast<Json::UInt64>(manager.CountServicePreset());
+    answer["blocking"] = DescribeBlocking(config.GetDirMod());
     return answer;
-}
-
-// A list that is exported may speak of files that are on other hosts only: an entry of size 0 would not be
-// taken back.
-void AppendProcess(const ProcessInfo& info, Json::Value& list) {
-    Json::Value& entry = list.append(Json::Value(Json::objectValue));
-    ProcessManager::Instance()->ProcessInfo2Json(info, entry);
-    if (entry["size"] == 0) {
-        entry["size"] = static_cast<Json::Int64>(info.size);
-    }
 }
 
 Json::Value ListPreset(const ProcessManager::PresetMap& preset) {
@@ -56,7 +47,7 @@ Json::Value ListPreset(const ProcessManager::PresetMap& preset) {
 Json::Value ListLocalTrust() {
     Json::Value list(Json::arrayValue);
     for (const auto& [path, info] : ProcessManager::Instance()->CopyLocalTrust()) {
-        AppendProcess(info, list);
+        list.append(DescribeEntry(info));
     }
     return list;
 }
@@ -65,7 +56,7 @@ Json::Value ListServerTrust() {
     Json::Value list(Json::arrayValue);
     for (const auto& [name, group] : ProcessManager::Instance()->CopyServerTrust()) {
         for (const ProcessInfo& info : group) {
-            AppendProcess(info, list);
+            list.append(DescribeEntry(info));
         }
     }
     return list;

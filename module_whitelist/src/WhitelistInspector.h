@@ -8,7 +8,8 @@ namespace Engine {
 //
 //     {"query": "status"}
 //         {"mode", "mode_name", "learned_minutes", "learn_period_minutes",
-//          "lists": {"local", "server", "os_preset", "service_preset"}}    entry counts
+//          "lists": {"local", "server", "os_preset", "service_preset"},    entry counts
+//          "blocking": OperatorTerms.h}
 //     {"query": "trust_list", "list": "local" | "server" | "os" | "service"}
 //         {"process_info": [ENTRY, …]}    in the form in which the list is stored
 //     {"query": "verdict", "path": IMAGE}

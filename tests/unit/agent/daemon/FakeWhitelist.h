@@ -130,6 +130,10 @@ public:
             for (const char* list : {"local", "server", "os_preset", "service_preset"}) {
                 answer["lists"][list] = 5;
             }
+            answer["blocking"]["policy"] = true;
+            answer["blocking"]["entries"] = 20;
+            answer["blocking"]["floor"] = 50;
+            answer["blocking"]["in_force"] = false;
         } else if (request["query"] == "trust_list") {
             answer["process_info"] = Json::Value(Json::arrayValue);
             answer["process_info"].append(MakeEntry(request["list"].asString()));

@@ -46,15 +46,15 @@ TEST_F(HealthChecksTest, DetectionIsComparedWithTheWish) {
 
 TEST_F(HealthChecksTest, BlockingNeedsListsAboveTheFloorInGlobalMode) {
     ExpectOk("blocking", "off");
-    subject.policy.blocks = true;
+    Json::Value& blocking = subject.status["blocking"];
+    blocking["policy"] = true;
+    ExpectWarning("blocking", "only 50 entries that count: nothing is killed up to 50");
+    blocking["in_force"] = true;
     ExpectOk("blocking", "on: untrusted programs are killed");
-    subject.status["lists"]["local"] = 50;
-    ExpectWarning("blocking", "only 50 entries");
-    subject.status["lists"]["server"] = 1;
-    ExpectOk("blocking");
-    subject.status["lists"] = Json::nullValue;
     subject.policy.directoryMode = true;
     ExpectOk("blocking", "touch a watched file");
+    blocking = Json::nullValue;
+    ExpectWarning("blocking", "not known");
 }
 
 TEST_F(HealthChecksTest, ATaskThatDoesNotRunIsAFailure) {

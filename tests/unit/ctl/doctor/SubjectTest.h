@@ -151,6 +151,7 @@ private:
             "mode_name": "detecting", "desired_detect": true,
             "policy": {"hash": "h1", "enabled": true},
             "lists": {"local": 60, "server": 0, "os_preset": 0, "service_preset": 0},
+            "blocking": {"policy": false, "entries": 50, "floor": 50, "in_force": false},
             "files": {"marks": 2, "failed_marks": 0},
             "tasks": [{"name": "a_task", "state": "running", "depth": 1, "capacity": 1024}],
             "counters": {"events.lost": 0}})",
