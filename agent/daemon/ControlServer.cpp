@@ -164,7 +164,7 @@ void AnswerAlertSummary(const Framework::Engine& engine, const httplib::Request&
         Refuse(response, HTTP_BAD_REQUEST, "since is not a whole number of at least 0");
         return;
     }
-    AnswerOrRefuse(response, engine.Ask("data_comm_module", question));
+    AnswerOrRefuse(response, engine.Ask(REPORTS_MODULE, question));
 }
 
 void AnswerPolicy(const Deliveries& deliveries, httplib::Response& response) {
@@ -235,11 +235,10 @@ struct ControlServer::Http {
     std::string socketPath;
 };
 
-ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& deliveries)
+ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& deliveries, const Status& status)
     : mHttp(std::make_unique<Http>()) {
     using httplib::Request;
     using httplib::Response;
-    const auto status = std::make_shared<const Status>(engine, deliveries);
     httplib::Server& server = mHttp->server;
     server.set_address_family(AF_UNIX);
     server.set_payload_max_length(MAX_BODY_BYTES);
@@ -249,9 +248,9 @@ ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& delive
     server.set_write_timeout(SILENCE_SECONDS);
     server.new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
 
-    server.Get("/status", [status](const Request&, Response& response) { Answer(response, status->Collect()); });
-    server.Get("/metrics", [status](const Request&, Response& response) {
-        response.set_content(RenderMetrics(status->Collect()), Exposition::CONTENT_TYPE);
+    server.Get("/status", [&status](const Request&, Response& response) { Answer(response, status.Collect()); });
+    server.Get("/metrics", [&status](const Request&, Response& response) {
+        response.set_content(RenderMetrics(status.Collect()), Exposition::CONTENT_TYPE);
     });
     server.Get("/policy", [&deliveries](const Request&, Response& response) { AnswerPolicy(deliveries, response); });
     server.Post("/policy", [&deliveries](const Request&, Response& response, const httplib::ContentReader& reader) {

@@ -33,7 +33,8 @@ public:
     // Trust and preset documents may be tens of megabytes.
     static constexpr std::size_t MAX_BODY_BYTES = 64U << 20U;
 
-    ControlServer(const Framework::Engine& engine, Deliveries& deliveries);
+    // All three outlive this.
+    ControlServer(const Framework::Engine& engine, Deliveries& deliveries, const Status& status);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;

@@ -43,6 +43,14 @@ std::string AbsoluteRoot(const std::string& root) {
     return (error ? fs::path(root) : absolute / "").lexically_normal().string();
 }
 
+sigset_t StopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
 bool IsFolder(const std::string& path) {
     std::error_code error;
     return fs::is_directory(path, error);
@@ -65,6 +73,11 @@ std::size_t PlaceOf(const std::string& fileName) {
 } // namespace
 
 Daemon::Daemon(const std::string& root, bool console) : mRoot(AbsoluteRoot(root)), mConsole(console) {}
+
+void Daemon::BlockStopSignals() {
+    const sigset_t signals = StopSignals();
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+}
 
 int Daemon::Run() {
     if (const int status = Prepare(); status != 0) {
@@ -212,7 +225,7 @@ int Daemon::Serve(Framework::Engine& engine) const {
         return Fail(EXIT_CANNOT_CREATE, reason);
     }
     deliveries.Restore();
-    ControlServer server(engine, deliveries);
+    ControlServer server(engine, deliveries, status);
     if (!server.Start(mRoot + "run/agent.sock", reason)) {
         return Fail(EXIT_CANNOT_CREATE, reason);
     }
@@ -240,10 +253,7 @@ bool Daemon::ServeMetrics(MetricsServer& metrics, std::string& reason) const {
 }
 
 void Daemon::WaitForStop() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
+    const sigset_t signals = StopSignals();
     int signal = 0;
     sigwait(&signals, &signal);
     moduleLog.Notice("stopping on signal %d", signal);

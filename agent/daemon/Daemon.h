@@ -24,7 +24,7 @@ enum ExitStatus : int {
 
 // The agent as a process: everything from the check of the root to the orderly end, in the foreground.
 //
-// SIGTERM and SIGINT must be blocked in the whole process before it runs; it takes them with sigwait.
+// SIGTERM and SIGINT end it; it takes them with sigwait.
 // What an operator must know at once goes to standard error, one line each: that the daemon is ready,
 // or why it ends. The rest is in the log.
 class Daemon {
@@ -32,6 +32,10 @@ public:
     // `root` without regard to a trailing "/". `console` sends the log to standard error, too, whatever
     // the settings say.
     Daemon(const std::string& root, bool console);
+
+    // Blocks the signals that end the daemon in the whole process. Called before it runs and before any
+    // other thread is there.
+    static void BlockStopSignals();
 
     // The whole life of the daemon; returns its exit status.
     int Run();

@@ -12,17 +12,6 @@ namespace {
 
 constexpr int EXIT_USAGE = 2;
 
-// Before any thread is there, so that every thread inherits it and sigwait gets the signals.
-void SetUpSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    // A peer that closed its end shows as an error of the write.
-    std::signal(SIGPIPE, SIG_IGN);
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -45,7 +34,9 @@ int main(int argc, char** argv) {
         std::cerr << "corvalentd: " << error.what() << "\n";
         return EXIT_USAGE;
     }
-    SetUpSignals();
+    Daemon::Daemon::BlockStopSignals();
+    // A peer that closed its end shows as an error of the write.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         return Daemon::Daemon(root, console).Run();
     } catch (const std::exception& error) {

@@ -100,13 +100,15 @@ protected:
         engine.AddModule(new TestSupport::FakeWhitelist(module), new TestSupport::FakeWhitelistInspector(module));
         EXPECT_EQ(engine.InitModules(), 0);
         deliveries = std::make_unique<Daemon::Deliveries>(engine, root.Path() + "/conf/");
-        server = std::make_unique<Daemon::ControlServer>(engine, *deliveries);
+        statusSource = std::make_unique<Daemon::Status>(engine, *deliveries);
+        server = std::make_unique<Daemon::ControlServer>(engine, *deliveries, *statusSource);
         std::string reason;
         EXPECT_TRUE(server->Start(root / "run/agent.sock", reason)) << reason;
     }
     ~CtlProcessTest() override {
         deliveries->Stop();
         server.reset();
+        statusSource.reset();
         deliveries.reset();
         engine.UnInitModules();
     }
@@ -141,6 +143,7 @@ protected:
     Framework::Engine engine;
     TestSupport::LogRecorder log; // behind the engine, which leads all loggers to the console
     std::unique_ptr<Daemon::Deliveries> deliveries;
+    std::unique_ptr<Daemon::Status> statusSource;
     std::unique_ptr<Daemon::ControlServer> server;
     std::string out;
     std::string err;
@@ -169,6 +172,7 @@ TEST_F(CtlProcessTest, StatusSaysTheSameForPeopleAndForPrograms) {
     EXPECT_EQ(Run({"status"}), 0);
     for (const char* part : {"mode       1 (other)\n", "learned    17 of 10080 minutes\n", "detection  not wished\n",
                              "hash h1", "lists      5 local, 5 server, 5 OS preset, 5 service preset\n",
+                             "blocking   asked for, not in force; 20 entries count, more than 50 needed\n",
                              "events     0 exec, 0 fork", "alerts     0\n", "scope      the whole machine\n",
                              "data_comm_report_task  running  0       10240     0\n"}) {
         EXPECT_THAT(out, HasSubstr(part));

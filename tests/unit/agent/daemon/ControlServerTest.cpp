@@ -37,13 +37,15 @@ protected:
         engine.AddModule(new TestSupport::FakeWhitelist(module), new TestSupport::FakeWhitelistInspector(module));
         EXPECT_EQ(engine.InitModules(), 0);
         deliveries = std::make_unique<Deliveries>(engine, root.Path() + "/conf/");
-        server = std::make_unique<ControlServer>(engine, *deliveries);
+        statusSource = std::make_unique<Daemon::Status>(engine, *deliveries);
+        server = std::make_unique<ControlServer>(engine, *deliveries, *statusSource);
         std::string reason;
         EXPECT_TRUE(server->Start(socketPath, reason)) << reason;
     }
     ~ControlServerTest() override {
         deliveries->Stop();
         server.reset();
+        statusSource.reset();
         deliveries.reset();
         engine.UnInitModules();
     }
@@ -88,6 +90,7 @@ protected:
     Framework::Engine engine;
     TestSupport::LogRecorder log; // behind the engine, which leads all loggers to the console
     std::unique_ptr<Deliveries> deliveries;
+    std::unique_ptr<Daemon::Status> statusSource;
     std::unique_ptr<ControlServer> server;
 };
 
@@ -113,6 +116,8 @@ TEST_F(ControlServerTest, StatusTellsEverythingThatAnOperatorAsksFor) {
     EXPECT_EQ(status["learn_period_minutes"], 10080);
     EXPECT_EQ(SDK::JsonUtils::JsonToString(status["lists"]),
               R"({"local":5,"os_preset":5,"server":5,"service_preset":5})");
+    EXPECT_EQ(SDK::JsonUtils::JsonToString(status["blocking"]),
+              R"({"entries":20,"floor":50,"in_force":false,"policy":true})");
     EXPECT_THAT(status["events"].getMemberNames(), ElementsAre("exec", "exit", "fork", "judged", "lost"));
     EXPECT_EQ(status["alerts"], 1);
     ASSERT_EQ(status["tasks"].size(), 1U);
@@ -312,13 +317,13 @@ TEST_F(ControlServerTest, ASocketThatWasLeftBehindIsReplaced) {
     ASSERT_EQ(bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     close(dead);
 
-    ControlServer other(engine, *deliveries);
+    ControlServer other(engine, *deliveries, *statusSource);
     std::string reason;
     EXPECT_TRUE(other.Start(left, reason)) << reason;
 }
 
 TEST_F(ControlServerTest, APathThatNoSocketCanHaveIsRefused) {
-    ControlServer other(engine, *deliveries);
+    ControlServer other(engine, *deliveries, *statusSource);
     std::string reason;
 
     EXPECT_FALSE(other.Start("/tmp/" + std::string(200, 'x'), reason));
