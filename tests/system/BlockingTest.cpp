@@ -7,9 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "sdk/JsonUtils.h"
 #include "support/ScopedProcess.h"
 #include "system/Agent.h"
+#include "system/PresetDelivery.h"
 #include "system/WebServer.h"
 
 namespace SystemTest {
@@ -31,25 +31,6 @@ unsigned ModeOf(const std::string& path) {
 
 int BlockOf(const Json::Value& alert) {
     return alert["process_info"]["block"].asInt();
-}
-
-Json::Value MakePresetEntry(const std::string& path) {
-    Json::Value entry;
-    entry["filename"] = fs::path(path).filename().string();
-    entry["sha256"] = Sha256Of(path);
-    entry["os"] = "debian";
-    entry["version"] = "12";
-    return entry;
-}
-
-// Delivers a preset list with one program through a web server, as the server would.
-void SendPreset(Agent& agent, WebServer& server, const std::string& key, const std::string& program) {
-    const std::string document = MakeListDocument({MakePresetEntry(program)});
-    Json::Value command;
-    command["url"] = server.Put(key, document);
-    command["hash"] = Sha256Of(agent.Work().Write("document", document));
-    const Result sent = agent.Command(key, SDK::JsonUtils::JsonToString(command));
-    EXPECT_EQ(sent.status, 0) << sent.err;
 }
 
 void ExpectKilledAndMadeUnexecutable(const Agent& agent, ScopedProcess& process, const std::string& image) {

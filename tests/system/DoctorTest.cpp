@@ -1,14 +1,13 @@
 #include <map>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "sdk/JsonUtils.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
+#include "system/CtlOutput.h"
 
 namespace SystemTest {
 namespace {
@@ -21,15 +20,12 @@ using testing::Not;
 // What `doctor --json` found, by the name of the check.
 std::map<std::string, Json::Value> FindingsOf(const Result& doctor) {
     std::map<std::string, Json::Value> findings;
-    std::istringstream lines(doctor.out);
-    for (std::string line; std::getline(lines, line);) {
-        Json::Value finding;
-        EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(line, finding), 0) << line;
+    for (const Json::Value& finding : ParseLines(doctor.out)) {
         const std::string name = finding["check"].asString();
         EXPECT_FALSE(findings.contains(name)) << name;
         // Who is warned is told what to do.
-        EXPECT_EQ(finding["result"] == "ok", finding["remedy"].asString().empty()) << line;
-        EXPECT_NE(finding["found"].asString(), "") << line;
+        EXPECT_EQ(finding["result"] == "ok", finding["remedy"].asString().empty()) << name;
+        EXPECT_NE(finding["found"].asString(), "") << name;
         findings[name] = finding;
     }
     return findings;

@@ -6,9 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "sdk/JsonUtils.h"
 #include "support/ScopedProcess.h"
 #include "system/Agent.h"
+#include "system/CtlOutput.h"
+#include "system/PresetDelivery.h"
 #include "system/WebServer.h"
 
 namespace SystemTest {
@@ -23,10 +24,8 @@ namespace fs = std::filesystem;
 
 Json::Value Explain(Agent& agent, const std::string& target) {
     const Result result = agent.Ctl({"explain", target, "--json"});
-    Json::Value explanation;
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(result.out, explanation), 0) << result.out;
-    return explanation;
+    return Parse(result.out);
 }
 
 Json::Value Explain(Agent& agent, int pid) {
@@ -49,21 +48,6 @@ std::string ReasonsOf(const Json::Value& explanation) {
         reasons += (reasons.empty() ? "" : " ") + list["reason"].asString();
     }
     return reasons;
-}
-
-// Delivers a preset list with one program.
-void SendPreset(Agent& agent, WebServer& server, const std::string& key, const std::string& program) {
-    Json::Value entry;
-    entry["filename"] = program;
-    entry["sha256"] = Sha256Of(program);
-    entry["os"] = "debian";
-    entry["version"] = "12";
-    const std::string document = MakeListDocument({entry});
-    Json::Value command;
-    command["url"] = server.Put(key, document);
-    command["hash"] = Sha256Of(agent.Work().Write("document", document));
-    const Result sent = agent.Command(key, SDK::JsonUtils::JsonToString(command));
-    EXPECT_EQ(sent.status, 0) << sent.err;
 }
 
 // Everything of the agent's that an explanation must leave as it is, and of the test's programs.
@@ -330,8 +314,7 @@ TEST(SeenProgramsTest, EachProgramSeenInDetectionIsCountedOnce) {
     const Result json = agent.Ctl({"alerts", "--summary", "--json"});
     EXPECT_EQ(json.status, 0);
     EXPECT_EQ(json.err, "");
-    Json::Value program;
-    ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(json.out.substr(0, json.out.find('\n')), program), 0) << json.out;
+    const Json::Value program = Parse(json.out.substr(0, json.out.find('\n')));
     EXPECT_EQ(program["path"], twice);
     EXPECT_EQ(program["hash"], Sha256Of(twice));
     EXPECT_EQ(program["count"].asInt(), 2);

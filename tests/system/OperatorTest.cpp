@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <csignal>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,6 +9,7 @@
 #include "support/ScopedProcess.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
+#include "system/CtlOutput.h"
 #include "system/WebServer.h"
 
 namespace SystemTest {
@@ -21,17 +21,6 @@ using testing::Not;
 using TestSupport::DEADLINE;
 using TestSupport::ScopedProcess;
 using TestSupport::WaitFor;
-
-std::vector<Json::Value> ParseLines(const std::string& text) {
-    std::vector<Json::Value> values;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        Json::Value value;
-        EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(line, value), 0) << line;
-        values.push_back(value);
-    }
-    return values;
-}
 
 TEST(OperatorTest, StatusTellsTheSameToPeopleAndToPrograms) {
     Agent agent;

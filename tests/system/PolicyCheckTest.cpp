@@ -7,6 +7,7 @@
 #include "sdk/JsonUtils.h"
 #include "support/PolicyCases.h"
 #include "system/Agent.h"
+#include "system/CtlOutput.h"
 
 namespace SystemTest {
 namespace {
@@ -14,19 +15,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-std::vector<Json::Value> ReadLines(const std::string& text) {
-    std::vector<Json::Value> values;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        Json::Value value;
-        EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(line, value), 0) << line;
-        values.push_back(value);
-    }
-    return values;
-}
-
 bool HasRefusal(const std::string& jsonLines) {
-    const std::vector<Json::Value> problems = ReadLines(jsonLines);
+    const std::vector<Json::Value> problems = ParseLines(jsonLines);
     return std::any_of(problems.begin(), problems.end(),
                        [](const Json::Value& problem) { return problem["refused"].asBool(); });
 }
@@ -70,7 +60,7 @@ TEST(PolicyCheckTest, ErrorsArePrintedWithTheirPlacesAndAreStatusOne) {
     const Result json = agent.Ctl({"policy", "check", "-", "--json"}, policy);
     EXPECT_EQ(json.status, 1);
     EXPECT_EQ(json.err, checked.err);
-    const std::vector<Json::Value> problems = ReadLines(json.out);
+    const std::vector<Json::Value> problems = ParseLines(json.out);
     ASSERT_EQ(problems.size(), 2U);
     EXPECT_EQ(problems[0]["severity"].asString(), "error");
     EXPECT_EQ(problems[0]["pointer"].asString(), "/content/full_proc_task/task_condition/period");
@@ -102,7 +92,7 @@ TEST(PolicyCheckTest, WhatIsNoJsonIsShownByLineAndColumnAlsoBehindComments) {
     EXPECT_EQ(checked.status, 1);
     EXPECT_THAT(checked.out, StartsWith("error   the document, line 3, column 24: no JSON: Missing ','"));
 
-    const std::vector<Json::Value> problems = ReadLines(agent.Ctl({"policy", "check", "-", "--json"}, policy).out);
+    const std::vector<Json::Value> problems = ParseLines(agent.Ctl({"policy", "check", "-", "--json"}, policy).out);
     ASSERT_EQ(problems.size(), 1U);
     EXPECT_EQ(problems[0]["pointer"].asString(), "");
     EXPECT_EQ(problems[0]["line"].asInt(), 3);

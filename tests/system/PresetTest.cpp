@@ -1,52 +1,25 @@
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "sdk/JsonUtils.h"
 #include "support/ScopedProcess.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
+#include "system/CtlOutput.h"
 
 namespace SystemTest {
 namespace {
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::StartsWith;
 using TestSupport::DEADLINE;
 using TestSupport::ScopedProcess;
 using TestSupport::WaitFor;
 
 namespace fs = std::filesystem;
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(text, value), 0) << text;
-    return value;
-}
-
-std::vector<Json::Value> ParseLines(const std::string& text) {
-    std::vector<Json::Value> values;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        values.push_back(Parse(line));
-    }
-    return values;
-}
-
-// Its status, nothing on standard output, one line that says what and why.
-void ExpectFailure(const Result& result, int status, const std::string& part) {
-    EXPECT_EQ(result.status, status) << result.err;
-    EXPECT_EQ(result.out, "");
-    EXPECT_THAT(result.err, StartsWith("corvalentctl: "));
-    EXPECT_THAT(result.err, HasSubstr(part));
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-}
 
 class PresetTest : public testing::Test {
 protected:

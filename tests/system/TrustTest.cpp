@@ -1,16 +1,14 @@
-#include <algorithm>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "sdk/JsonUtils.h"
 #include "system/Agent.h"
+#include "system/CtlOutput.h"
 
 namespace SystemTest {
 namespace {
 
 using testing::HasSubstr;
-using testing::StartsWith;
 
 const std::string DIGEST(64, 'a');
 
@@ -35,17 +33,7 @@ Json::Value With(Json::Value entry, const char* key, const Json::Value& value) {
 }
 
 Json::Value EntriesIn(const std::string& document) {
-    Json::Value value;
-    EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(document, value), 0) << document;
-    return value["process_info"];
-}
-
-void ExpectFailure(const Result& result, int status, const std::string& part) {
-    EXPECT_EQ(result.status, status) << result.err;
-    EXPECT_EQ(result.out, "");
-    EXPECT_THAT(result.err, StartsWith("corvalentctl: "));
-    EXPECT_THAT(result.err, HasSubstr(part));
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    return Parse(document)["process_info"];
 }
 
 TEST(TrustTest, TheLocalListOfOneAgentBecomesTheServerListOfAnother) {
