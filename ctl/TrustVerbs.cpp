@@ -175,16 +175,15 @@ void AddTrustVerbs(CLI::App& app, const Context& context) {
     list->callback([&context, options] { ListTrust(context, *options); });
 
     const auto file = std::make_shared<std::string>();
-    CLI::App* import = trust->add_subcommand("import", "Check a document and replace the server list with it");
-    import->add_option("FILE", *file, "The document, - for standard input")->required();
-    import->callback([&context, file] { ImportTrust(context, *file);
-});
+    CLI::App* importing = trust->add_subcommand("import", "Check a document and replace the server list with it");
+    importing->add_option("FILE", *file, "The document, - for standard input")->required();
+    importing->callback([&context, file] { ImportTrust(context, *file); });
 
-CLI::App* exporting = trust->add_subcommand("export", "Write one of the four trust lists as a document");
-AddListOption(*exporting, *options);
-exporting->add_option("-o,--output", options->output, "Where it goes, - for standard output, the default")
-    ->type_name("FILE");
-exporting->callback([&context, options] { ExportTrust(context, *options); });
-} // namespace Ctl
+    CLI::App* exporting = trust->add_subcommand("export", "Write one of the four trust lists as a document");
+    AddListOption(*exporting, *options);
+    exporting->add_option("-o,--output", options->output, "Where it goes, - for standard output, the default")
+        ->type_name("FILE");
+    exporting->callback([&context, options] { ExportTrust(context, *options); });
+}
 
 } // namespace Ctl

@@ -146,7 +146,7 @@ std::vector<Mount> ReadMounts(const Machine& machine) {
         std::string type;
         std::string superOptions;
         if (fields >> type >> skipped >> superOptions) {
-            mounts.push_back({Unescape(point), type, options + "," + superOptions});
+            mounts.push_back({Unescape(point), type, options.append(",").append(superOptions)});
         }
     }
     return mounts;

@@ -32,6 +32,10 @@ std::string FindFault(const Json::Value& entry) {
     return "";
 }
 
+[[noreturn]] void Refuse(const std::string& name, const std::string& fault) {
+    throw Failure("[" + name + "] is no preset list: " + fault);
+}
+
 } // namespace
 
 std::string ToDocument(const std::vector<Entry>& entries) {
@@ -58,7 +62,7 @@ std::vector<Entry> FromDocument(const std::string& text, const std::string& name
     for (const Json::Value& object : ParseListDocument(text, name)) {
         const std::string fault = FindFault(object);
         if (!fault.empty()) {
-            throw Failure("[" + name + "] is no preset list: " + NameEntry(object, index, "filename") + ": " + fault);
+            Refuse(name, NameEntry(object, index, "filename") + ": " + fault);
         }
         entries.push_back({JsonUtils::GetStringValue(object, "filename", ""),
                            JsonUtils::GetStringValue(object, "sha256", ""), JsonUtils::GetStringValue(object, "os", ""),

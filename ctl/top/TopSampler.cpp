@@ -185,9 +185,9 @@ void TopSampler::TakeHistory() {
 
 // The reports of that type that are newer than `lastId`, newest first; moves `lastId` to the newest.
 Json::Value TopSampler::TakeNew(const char* type, std::size_t limit, std::int64_t& lastId) const {
-    const Json::Value reports = Member(mSource("/reports?newest_first&after=" + std::to_string(lastId) +
-                                               "&limit=" + std::to_string(limit) + "&type=" + type),
-                                       "reports");
+    Json::Value reports = Member(mSource("/reports?newest_first&after=" + std::to_string(lastId) +
+                                         "&limit=" + std::to_string(limit) + "&type=" + type),
+                                 "reports");
     for (const Json::Value& report : reports) {
         lastId = std::max(lastId, Number(report, "id"));
     }
