@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "support/ScopedProcess.h"
+#include "support/Terminal.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
 #include "system/CtlOutput.h"
@@ -13,8 +14,11 @@
 namespace SystemTest {
 namespace {
 
+using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
 using TestSupport::DEADLINE;
 using TestSupport::ScopedProcess;
 using TestSupport::WaitFor;
@@ -122,6 +126,16 @@ TEST_F(PresetTest, BadUsageIsStatusTwo) {
     ExpectFailure(agent.Ctl({"preset", "apply"}), 2, "FILE");
     ExpectFailure(agent.Ctl({"preset", "apply", ListFile(), "--list", "local"}), 2, "local");
     EXPECT_FALSE(fs::exists(ListFile()));
+}
+
+TEST_F(PresetTest, ATerminalShowsTheProgressAndIsLeftWithTheSummary) {
+    MakeTool("tool");
+    const std::string program = agent.Root() / "bin/corvalentctl";
+    TestSupport::Terminal terminal({program, "preset", "build", "--from", ToolFolder(), "-o", ListFile()}, {20, 120});
+    EXPECT_EQ(terminal.Wait(), 0);
+    const std::string full = "  [" + std::string(30, '#') + "] 100 %  ";
+    EXPECT_THAT(terminal.Raw(), AllOf(HasSubstr("files" + full + "1 of 1 files"), HasSubstr("digests" + full)));
+    EXPECT_THAT(terminal.Text(), AllOf(StartsWith("preset list  " + ListFile() + "\n"), Not(HasSubstr("%"))));
 }
 
 TEST_F(PresetTest, AnInterruptLeavesNoHalfFile) {

@@ -12,9 +12,11 @@ foreach(concern Learning Mode Policy PolicyCheck Detection Blocking Command Life
   string(TOLOWER system_${concern}_test name)
   corvalent_add_test(${name} ${TEST_DIR}/${concern}Test.cpp LIBS system_harness LABELS system)
 endforeach()
-# A terminal that the test looks at.
+# A terminal that the tests look at.
 pkg_check_modules(VTERM REQUIRED IMPORTED_TARGET vterm)
-target_link_libraries(system_top_test PRIVATE PkgConfig::VTERM)
+foreach(name system_top_test system_preset_test)
+  target_link_libraries(${name} PRIVATE PkgConfig::VTERM)
+endforeach()
 target_compile_definitions(system_metrics_test PRIVATE LINT_METRICS="${CMAKE_SOURCE_DIR}/tests/tools/lint_metrics.py")
 # The daemon under what its systemd unit takes away from it; a sanitizer's run-time wants more than that.
 if(NOT CORVALENT_SANITIZER)

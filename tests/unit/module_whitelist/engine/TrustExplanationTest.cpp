@@ -266,6 +266,16 @@ TEST_F(TrustExplanationTest, NothingIsKilledUpToTheBlockingFloor) {
     }
 }
 
+TEST_F(TrustExplanationTest, TheStatusSaysTheSameOfBlocking) {
+    Configure(Engine::MOD_DETECT, false, true);
+    ASSERT_TRUE(ParseLocal(List(FillerEntries(49, "local"))));
+    SyncServer(List({Entry("/opt/tool", "one", 1), Entry("/opt/tool", "another", 1)}));
+    const Json::Value status = Engine::WhitelistInspector().Ask(Parse(R"({"query":"status"})"));
+    EXPECT_EQ(status["lists"]["server"].asInt(), 2);
+    EXPECT_EQ(status["blocking"]["entries"].asInt(), 50);
+    EXPECT_EQ(status["blocking"], ExplainFile(program)["blocking"]);
+}
+
 TEST_F(TrustExplanationTest, WhatWasLearnedButIsNotInTheListYetIsSaid) {
     Configure(Engine::MOD_LEARN);
     const ForeignProcess process({.words = {program, "1000"}});
