@@ -22,11 +22,10 @@ Reason CompareRecord(const ProcessInfo& entry, const ProcessInfo& info) {
     return entry.path == info.path ? Reason::VOUCHED_FOR : Reason::OTHER_PATH;
 }
 
-// Prefers the first entry that vouches, then the first of the record's kind, then the first of all.
-ListOpinion Prefer(ListOpinion best, Reason reason, const ProcessInfo& entry) {
+// The first entry that vouches comes before the first of the record's kind, and that before the first of all.
+bool IsBetter(Reason reason, const ListOpinion& best) {
     const bool firstOfKind = best.reason == Reason::OTHER_KIND && reason != Reason::OTHER_KIND;
-    const bool better = !best.entry || (!best.Vouches() && (reason == Reason::VOUCHED_FOR || firstOfKind));
-    return better ? ListOpinion{reason, entry} : best;
+    return !best.entry || (!best.Vouches() && (reason == Reason::VOUCHED_FOR || firstOfKind));
 }
 
 } // namespace
@@ -54,7 +53,10 @@ ListOpinion OnRecord(const ProcessInfo& entry, const ProcessInfo& info) {
 ListOpinion OnRecord(const std::vector<ProcessInfo>& group, const ProcessInfo& info) {
     ListOpinion best;
     for (const ProcessInfo& entry : group) {
-        best = Prefer(std::move(best), CompareRecord(entry, info), entry);
+        const Reason reason = CompareRecord(entry, info);
+        if (IsBetter(reason, best)) {
+            best = {reason, entry};
+        }
     }
     return best;
 }
