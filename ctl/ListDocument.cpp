@@ -1,6 +1,7 @@
 #include "ctl/ListDocument.h"
 
 #include "ctl/Failure.h"
+#include "ctl/Output.h"
 #include "sdk/JsonUtils.h"
 
 namespace Ctl {
@@ -18,9 +19,8 @@ Json::Value ParseListDocument(const std::string& text, const std::string& name) 
     if (JsonUtils::ParseJsonStr(text, document) != 0) {
         throw Failure("[" + name + "] is not a JSON document");
     }
-    Json::Value entries;
-    if (!JsonUtils::IsArrayValue(document, LIST_KEY.c_str()) ||
-        !JsonUtils::GetSubobjectValue(document, LIST_KEY.c_str(), entries)) {
+    Json::Value entries = Member(document, LIST_KEY.c_str());
+    if (!entries.isArray()) {
         throw Failure("[" + name + "] is no list document: it has no array \"" + LIST_KEY + "\"");
     }
     return entries;

@@ -72,7 +72,7 @@ void ApplyPreset(const Context& context, const ApplyOptions& options) {
     }
     const std::string done = std::string(options.list == "os" ? "OS" : "service") +
                              " preset list applied: " + std::to_string(digests.size()) + " digests";
-    PrintAccepted(done.c_str(), answer);
+    PrintAccepted(done, answer);
 }
 
 void AddBuild(CLI::App& preset) {

@@ -59,8 +59,7 @@ using Printer = std::function<void(const Json::Value& report)>;
 void PrintNew(const Client& client, const HistoryOptions& options, std::int64_t since, const Printer& print,
               std::int64_t& after) {
     for (;;) {
-        Json::Value reports;
-        JsonUtils::GetSubobjectValue(client.Get(MakeQuery(options, since, after)), "reports", reports);
+        const Json::Value reports = Member(client.Get(MakeQuery(options, since, after)), "reports");
         if (reports.empty()) {
             return;
         }
@@ -100,23 +99,20 @@ void PrintHistory(const Context& context, const HistoryOptions& options, const P
 }
 
 void PrintAlertLine(const Json::Value& report) {
-    Json::Value alert;
-    JsonUtils::GetSubobjectValue(report, "data", alert);
-    Json::Value process;
-    JsonUtils::GetSubobjectValue(alert, "process_info", process);
+    const Json::Value alert = Member(report, "data");
+    const Json::Value process = Member(alert, "process_info");
     const std::int64_t stored = JsonUtils::GetInt64Value(report, "time", 0);
     const bool blocked = JsonUtils::GetIntValue(process, "block", 0) == 1;
     const std::string action = blocked ? Paint(Pad("blocked", 8), Colour::RED) : Paint(Pad("seen", 8), Colour::YELLOW);
     PrintLine(FormatTime(JsonUtils::GetInt64Value(alert, "occur_time", stored)) + "  " +
-              Pad(FieldText(process, "process_pid"), 8) + action +
-              Pad(Escape(FieldText(process, "process_username")), 12) + "  " +
+              Pad(FieldText(process, "process_pid"), 8) + action + Pad(Field(process, "process_username"), 12) + "  " +
               Pad(Escape(FieldText(process, "process_hash").substr(0, HASH_PREFIX)), HASH_PREFIX) + "  " +
-              Pad(Escape(FieldText(alert, "event_id")), 36) + "  " + Escape(FieldText(process, "process_path")));
+              Pad(Field(alert, "event_id"), 36) + "  " + Field(process, "process_path"));
 }
 
 void PrintReportLine(const Json::Value& report) {
     PrintLine(FormatTime(JsonUtils::GetInt64Value(report, "time", 0)) + "  " + Pad(FieldText(report, "id"), 8) +
-              Pad(Escape(FieldText(report, "type")), 14) + Escape(FieldText(report, "data")));
+              Pad(Field(report, "type"), 14) + Field(report, "data"));
 }
 
 std::string JoinTexts(const Json::Value& texts) {
@@ -130,11 +126,10 @@ std::string JoinTexts(const Json::Value& texts) {
 void PrintProgramTable(const Json::Value& programs) {
     std::vector<std::vector<std::string>> rows = {{"COUNT", "FIRST SEEN", "LAST SEEN", "USERS", "SHA-256", "PATH"}};
     for (const Json::Value& program : programs) {
-        Json::Value users;
-        JsonUtils::GetSubobjectValue(program, "users", users);
+        const Json::Value users = Member(program, "users");
         rows.push_back({FieldText(program, "count"), FormatTime(JsonUtils::GetInt64Value(program, "first_seen", 0)),
                         FormatTime(JsonUtils::GetInt64Value(program, "last_seen", 0)), JoinTexts(users),
-                        Escape(FieldText(program, "hash")), Escape(FieldText(program, "path"))});
+                        Field(program, "hash"), Field(program, "path")});
     }
     PrintTable(rows);
 }
@@ -142,8 +137,7 @@ void PrintProgramTable(const Json::Value& programs) {
 void ShowSummary(const Context& context, const HistoryOptions& options) {
     const Json::Value summary =
         Client(context.root).Get("/reports/summary?since=" + std::to_string(ReadSince(options)));
-    Json::Value programs;
-    JsonUtils::GetSubobjectValue(summary, "programs", programs);
+    const Json::Value programs = Member(summary, "programs");
     if (options.json) {
         for (const Json::Value& program : programs) {
             PrintJson(program);

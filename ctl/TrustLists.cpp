@@ -1,7 +1,7 @@
 #include "ctl/TrustLists.h"
 
 #include "ctl/Failure.h"
-#include "sdk/JsonUtils.h"
+#include "ctl/Output.h"
 
 namespace Ctl {
 
@@ -10,18 +10,15 @@ bool IsPresetList(const std::string& list) {
 }
 
 Json::Value AskForTrustList(const Client& client, const std::string& list) {
-    const Json::Value answer = client.Get("/trust?list=" + list);
-    Json::Value entries;
-    if (!SDK::JsonUtils::IsArrayValue(answer, "process_info") ||
-        !SDK::JsonUtils::GetSubobjectValue(answer, "process_info", entries)) {
+    Json::Value entries = Member(client.Get("/trust?list=" + list), "process_info");
+    if (!entries.isArray()) {
         throw Failure("the daemon's answer holds no list");
     }
     return entries;
 }
 
 std::string ExplainRefusal(const Json::Value& answer, const std::string& fallback) {
-    Json::Value notes;
-    SDK::JsonUtils::GetSubobjectValue(answer, "notes", notes);
+    const Json::Value notes = Member(answer, "notes");
     std::string reasons;
     if (notes.isArray()) {
         for (const Json::Value& note : notes) {

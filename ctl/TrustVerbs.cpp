@@ -42,7 +42,7 @@ void PrintEntries(const Json::Value& entries, const Columns& columns) {
     for (const Json::Value& entry : entries) {
         std::vector<std::string>& row = rows.emplace_back();
         for (const auto& [key, heading] : columns) {
-            row.push_back(Escape(FieldText(entry, key)));
+            row.push_back(Field(entry, key));
         }
     }
     PrintTable(rows);
@@ -127,7 +127,7 @@ void ImportTrust(const Context& context, const std::string& file) {
     }
     const std::string done =
         "server list replaced: " + std::to_string(taken) + " of " + std::to_string(entries.size()) + " entries taken";
-    PrintAccepted(done.c_str(), answer);
+    PrintAccepted(done, answer);
 }
 
 // What an import would leave out is left out here, and named.

@@ -76,8 +76,8 @@ void PrintSummary(std::ostream& stream, const Json::Value& summary) {
     }};
     constexpr std::size_t HEADING_WIDTH = 13;
     for (const Line& line : LINES) {
-        stream << Pad(line.heading, HEADING_WIDTH) << Escape(FieldText(summary, line.key))
-               << (line.text[0] == '\0' ? "" : " ") << line.text << '\n';
+        stream << Pad(line.heading, HEADING_WIDTH) << Field(summary, line.key) << (line.text[0] == '\0' ? "" : " ")
+               << line.text << '\n';
     }
     stream << Pad("not there", HEADING_WIDTH) << FieldText(summary, "absent") << " files of packages\n";
 }
