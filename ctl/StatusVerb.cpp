@@ -51,10 +51,13 @@ std::string DescribeBlocking(const Json::Value& blocking) {
     if (!blocking.isObject()) {
         return "not known";
     }
-    const std::string policy = JsonUtils::GetBoolValue(blocking, "policy", false) ? "asked for" : "not asked for";
-    const std::string fact = JsonUtils::GetBoolValue(blocking, "in_force", false) ? "in force" : "not in force";
-    return policy + ", " + fact + "; " + Field(blocking, "entries") + " entries count, more than " +
-           Field(blocking, "floor") + " needed";
+    std::string text = JsonUtils::GetBoolValue(blocking, "policy", false) ? "asked for" : "not asked for";
+    text += JsonUtils::GetBoolValue(blocking, "in_force", false) ? ", in force" : ", not in force";
+    // Directory mode has no floor.
+    if (JsonUtils::GetInt64Value(blocking, "floor", 0) > 0) {
+        text += "; " + Field(blocking, "entries") + " entries count, more than " + Field(blocking, "floor") + " needed";
+    }
+    return text;
 }
 
 std::string DescribeScope(const Json::Value& status) {
