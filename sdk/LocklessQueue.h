@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <memory>
 #include <thread>
+#include <typeinfo>
+#include <utility>
 #include <vector>
 
 namespace SDK {
@@ -28,6 +30,11 @@ namespace SDK {
 // those that reserved before it. So a thread that is descheduled between reserving and committing
 // holds up later threads of its own side, never the other side.
 //
+// Beside its head each side remembers how far the head may go: the tail of the other side when last
+// looked at, which may have moved on since, but never back. Only a thread that wants more than that looks
+// again. Heads and tails have cache lines of their own, so that as long as there is room on the one side
+// and something to take on the other, producers and consumers pass on no lines but those of the slots.
+//
 // Nothing blocks and nothing fails: a full queue takes fewer elements than offered, possibly none, an
 // empty queue gives none; callers look at the count. The queue never grows.
 template <typename T> class LocklessQueue {
@@ -41,10 +48,10 @@ public:
     // four indices begin.
     explicit LocklessQueue(std::uint32_t capacity, bool singleProducer = false, bool singleConsumer = false,
                            bool releaseOnDequeue = true, std::uint32_t startIndex = 0)
-        : mProducerHead(startIndex), mProducerTail(startIndex), mConsumerHead(startIndex), mConsumerTail(startIndex),
-          mSingleProducer(singleProducer), mSingleConsumer(singleConsumer),
-          mSize(capacity == 0 ? 0 : std::bit_ceil(capacity)), mMask(mSize - 1), mCapacity(capacity),
-          mReleaseOnDequeue(releaseOnDequeue), mSlots(mSize == 0 ? nullptr : new T[mSize]) {}
+        : mProducers{{Reach{startIndex, startIndex + capacity}}, {startIndex}},
+          mConsumers{{Reach{startIndex, startIndex}}, {startIndex}}, mSingleProducer(singleProducer),
+          mSingleConsumer(singleConsumer), mSize(capacity == 0 ? 0 : std::bit_ceil(capacity)), mMask(mSize - 1),
+          mCapacity(capacity), mReleaseOnDequeue(releaseOnDequeue), mSlots(mSize == 0 ? nullptr : new T[mSize]) {}
 
     // Releases the slots' values from the last slot to the first. No thread may use the queue any more.
     virtual ~LocklessQueue() = default;
@@ -52,10 +59,14 @@ public:
     LocklessQueue(const LocklessQueue&) = delete;
     LocklessQueue& operator=(const LocklessQueue&) = delete;
 
-    // True when the element was taken.
+    // True when the element was taken. Allocates nothing, unless the queue is of a derived class: then the
+    // element goes through EnqueueBulk, which may have been replaced, in a vector of its own.
     virtual bool Enqueue(const T& element) {
         if (!mSlots) {
             return false;
+        }
+        if (IsNotDerived()) {
+            return EnqueueOne(element);
         }
         return EnqueueBulk(std::vector<T>{element}, 1) == 1;
     }
@@ -73,20 +84,24 @@ public:
             return 0;
         }
         _EnqueueElements(start, elements, count);
-        Commit(mProducerTail, start, count, mSingleProducer);
+        Commit(mProducers.tail, start, count, mSingleProducer);
         return count;
     }
 
-    // Takes the oldest element out. False, `element` untouched, when there is none.
+    // Takes the oldest element out. False, `element` untouched, when there is none. Allocates nothing, unless
+    // the queue is of a derived class, as with Enqueue.
     virtual bool Dequeue(T& element) {
         if (!mSlots) {
             return false;
+        }
+        if (IsNotDerived()) {
+            return DequeueOne(element);
         }
         std::vector<T> taken;
         if (DequeueBulk(taken, 1) != 1) {
             return false;
         }
-        element = taken.front();
+        element = std::move(taken.front());
         return true;
     }
 
@@ -101,14 +116,16 @@ public:
             return 0;
         }
         _DequeueElements(start, elements, count);
-        Commit(mConsumerTail, start, count, mSingleConsumer);
+        Commit(mConsumers.tail, start, count, mSingleConsumer);
         return count;
     }
 
     // How many committed elements wait now. A snapshot: it may be out of date at once.
     std::uint32_t GetDepth() const {
-        const std::uint32_t head = mConsumerHead.load(std::memory_order_acquire);
-        const std::uint32_t depth = mProducerTail.load(std::memory_order_acquire) - head;
+        // Acquire, and before the producer tail is read: it pairs with the release that wrote this head, so
+        // the tail read below is no older than the limit that the head kept to.
+        const std::uint32_t head = mConsumers.reach.load(std::memory_order_acquire).head;
+        const std::uint32_t depth = mProducers.tail.load(std::memory_order_acquire) - head;
         return std::min(depth, mCapacity);
     }
 
@@ -121,6 +138,8 @@ protected:
     void _EnqueueElements(std::uint32_t start, const std::vector<T>& elements, std::uint32_t count) {
         const std::uint32_t slot = start & mMask;
         const std::uint32_t untilEnd = std::min(count, mSize - slot);
+        FetchSlots(slot, untilEnd);
+        FetchSlots(0, count - untilEnd);
         ForEach(untilEnd, [&](std::uint32_t i) { mSlots[slot + i] = elements[i]; });
         ForEach(count - untilEnd, [&](std::uint32_t i) { mSlots[i] = elements[untilEnd + i]; });
     }
@@ -129,68 +148,144 @@ protected:
     void _DequeueElements(std::uint32_t start, std::vector<T>& elements, std::uint32_t count) {
         const std::uint32_t slot = start & mMask;
         const std::uint32_t untilEnd = std::min(count, mSize - slot);
-        elements.reserve(elements.size() + count);
-        ForEach(untilEnd, [&](std::uint32_t i) { TakeSlot(slot + i, elements); });
-        ForEach(count - untilEnd, [&](std::uint32_t i) { TakeSlot(i, elements); });
+        FetchSlots(slot, untilEnd);
+        FetchSlots(0, count - untilEnd);
+        const std::size_t before = elements.size();
+        elements.resize(before + count);
+        const auto to = elements.begin() + static_cast<std::ptrdiff_t>(before);
+        ForEach(untilEnd, [&](std::uint32_t i) { to[i] = TakeSlot(slot + i); });
+        ForEach(count - untilEnd, [&](std::uint32_t i) { to[untilEnd + i] = TakeSlot(i); });
     }
 
 private:
     // How often a thread looks again with a pause in between before it gives up its time slice: with
-    // more threads than cores the one it waits for may not be running.
-    static constexpr int SPINS_BEFORE_YIELD = 128;
+    // more threads than cores the one it waits for may not be running. About a microsecond; a thread that
+    // is running has committed by then.
+    static constexpr int SPINS_BEFORE_YIELD = 16;
+    // How often a thread gives up its time slice to those that reserved before it before it reserves
+    // behind them all the same.
+    static constexpr int YIELDS_BEFORE_RESERVING = 4;
 
-    // Sets `start` to the first reserved index and returns how many of `wanted` were reserved.
+    // Given, not asked of the compiler: the layout must not depend on what a module was compiled for.
+    static constexpr std::size_t CACHE_LINE = 64;
+
+    // A head, and the index that it may not pass, as far as its side knows. They change together, in one
+    // exchange: of the two the limit would else be the older one now and then, their difference would
+    // wrap, and look like room.
+    struct Reach {
+        std::uint32_t head;
+        std::uint32_t limit;
+    };
+    static_assert(std::atomic<Reach>::is_always_lock_free);
+
+    struct Side {
+        alignas(CACHE_LINE) std::atomic<Reach> reach;
+        alignas(CACHE_LINE) std::atomic<std::uint32_t> tail;
+    };
+
+    // Whether the bulk operations are certain to be those of this class, so that nobody can tell whether a
+    // single element goes through them.
+    bool IsNotDerived() const { return typeid(*this) == typeid(LocklessQueue); }
+
+    bool EnqueueOne(const T& element) {
+        std::uint32_t start = 0;
+        if (ReserveForProducing(1, start) == 0) {
+            return false;
+        }
+        mSlots[start & mMask] = element;
+        Commit(mProducers.tail, start, 1, mSingleProducer);
+        return true;
+    }
+
+    bool DequeueOne(T& element) {
+        std::uint32_t start = 0;
+        if (ReserveForConsuming(1, start) == 0) {
+            return false;
+        }
+        // What `element` held before is released only after the commit: its destructor may run for long, or
+        // use this queue.
+        T taken = TakeSlot(start & mMask);
+        Commit(mConsumers.tail, start, 1, mSingleConsumer);
+        element = std::move(taken);
+        return true;
+    }
+
     std::uint32_t ReserveForProducing(std::uint32_t wanted, std::uint32_t& start) {
-        // Acquire, and before the consumer tail is read: it pairs with the release of the exchange
-        // that wrote this head, so the tail read below is no older than the one that exchange was
-        // computed from. An older tail would make the difference wrap and look like free space.
-        std::uint32_t head = mProducerHead.load(std::memory_order_acquire);
+        return Reserve(mProducers, mConsumers.tail, mCapacity, wanted, mSingleProducer, start);
+    }
+
+    std::uint32_t ReserveForConsuming(std::uint32_t wanted, std::uint32_t& start) {
+        return Reserve(mConsumers, mProducers.tail, 0, wanted, mSingleConsumer, start);
+    }
+
+    // Reserves up to `wanted` indices of one side, whose head may be `ahead` of the other side's tail. Sets
+    // `start` to the first of them and returns how many.
+    static std::uint32_t Reserve(Side& side, const std::atomic<std::uint32_t>& otherTail, std::uint32_t ahead,
+                                 std::uint32_t wanted, bool single, std::uint32_t& start) {
+        // Acquire: pairs with the release of the exchange that wrote this reach, and through it with all
+        // before. Whatever tail its limit came from was read before that, so what the other side did to
+        // the slots up to the limit is over for this thread too, and the tail that this thread may read
+        // below is no older than that one.
+        Reach reach = side.reach.load(std::memory_order_acquire);
+        bool mayWait = !single;
         for (;;) {
-            // Acquire: pairs with the release in Commit by the consumer that freed the slots, whose
-            // reads of them are thereby over before they are written again.
-            const std::uint32_t freeSpace = mConsumerTail.load(std::memory_order_acquire) + mCapacity - head;
-            const std::uint32_t count = std::min(wanted, freeSpace);
+            Reach next = reach;
+            if (reach.limit - reach.head < wanted) {
+                // Acquire: pairs with the release in Commit by the other side, whose copies into or out of
+                // the slots are thereby over before this side uses them.
+                next.limit = otherTail.load(std::memory_order_acquire) + ahead;
+            }
+            const std::uint32_t count = std::min(wanted, next.limit - reach.head);
             if (count == 0) {
                 return 0;
             }
-            if (Advance(mProducerHead, head, count, mSingleProducer)) {
-                start = head;
+            if (mayWait && WaitedForOthers(side.tail, reach.head)) {
+                mayWait = false;
+                reach = side.reach.load(std::memory_order_acquire); // as above
+                continue;
+            }
+            next.head += count;
+            if (Advance(side.reach, reach, next, single)) {
+                start = reach.head;
                 return count;
             }
         }
     }
 
-    std::uint32_t ReserveForConsuming(std::uint32_t max, std::uint32_t& start) {
-        // Acquire, for the same reason as on the producers' side.
-        std::uint32_t head = mConsumerHead.load(std::memory_order_acquire);
-        for (;;) {
-            // Acquire: pairs with the release in Commit by the producer, which makes the elements in
-            // the slots visible.
-            const std::uint32_t available = mProducerTail.load(std::memory_order_acquire) - head;
-            const std::uint32_t count = std::min(max, available);
-            if (count == 0) {
-                return 0;
-            }
-            if (Advance(mConsumerHead, head, count, mSingleConsumer)) {
-                start = head;
-                return count;
-            }
-        }
-    }
-
-    // Moves a head from `expected` by `count`. False, `expected` set to the present value, when
-    // another thread was faster.
-    static bool Advance(std::atomic<std::uint32_t>& head, std::uint32_t& expected, std::uint32_t count, bool single) {
+    // Moves a head. False, `expected` set to the present value, when another thread was faster.
+    static bool Advance(std::atomic<Reach>& reach, Reach& expected, Reach next, bool single) {
         if (single) {
-            // Nobody else writes this head. Release pairs with the acquire in GetDepth: who sees this
+            // Nobody else writes this reach. Release pairs with the acquire in GetDepth: who sees this
             // head must not go on to see a tail older than the one it was computed from.
-            head.store(expected + count, std::memory_order_release);
+            reach.store(next, std::memory_order_release);
             return true;
         }
-        // A full barrier. Its release half pairs with the acquire load of the head above; on failure
-        // the present value is acquired for the next round.
-        return head.compare_exchange_strong(expected, expected + count, std::memory_order_seq_cst,
-                                            std::memory_order_acquire);
+        // A full barrier. Its release half pairs with the acquire loads of the reach in Reserve and
+        // GetDepth; on failure the present value is acquired for the next round.
+        return reach.compare_exchange_strong(expected, next, std::memory_order_seq_cst, std::memory_order_acquire);
+    }
+
+    // Lets those that reserved before this thread commit before it reserves, for a bounded time. False, at
+    // once, when there are none.
+    //
+    // A thread that is descheduled while it holds a reservation would else find all others of its side
+    // queued up behind it when it runs again, each descheduled in turn because it waits for the one before.
+    // And such a queue does not dissolve: whoever commits reserves again at its end, and from then on every
+    // single element costs a switch of threads. Who waits here holds nothing that others wait for. That a
+    // tail moves shows that its threads are running; it is then enough to wait in Commit.
+    static bool WaitedForOthers(const std::atomic<std::uint32_t>& tail, std::uint32_t head) {
+        // Relaxed, also below: it only decides when to try. What is done then rests on the loads in Reserve.
+        const std::uint32_t seen = tail.load(std::memory_order_relaxed);
+        if (seen == head) {
+            return false;
+        }
+        for (int tries = 0; tries < SPINS_BEFORE_YIELD + YIELDS_BEFORE_RESERVING; ++tries) {
+            PauseOrYield(tries);
+            if (tail.load(std::memory_order_relaxed) != seen) {
+                break;
+            }
+        }
+        return true;
     }
 
     // Moves a tail over the range once all ranges reserved before it have been committed.
@@ -198,22 +293,26 @@ private:
         if (!single) {
             // Acquire: what the earlier threads of this side did to their slots is passed on by the
             // release below to whoever reads the tail.
-            for (int spins = 0; tail.load(std::memory_order_acquire) != start; ++spins) {
-                if (spins < SPINS_BEFORE_YIELD) {
-                    PauseCpu();
-                } else {
-                    std::this_thread::yield();
-                }
+            for (int tries = 0; tail.load(std::memory_order_acquire) != start;) {
+                PauseOrYield(tries);
+                tries = std::min(tries + 1, SPINS_BEFORE_YIELD);
             }
         }
         // Release: orders this thread's copies before the other side's acquire load of the tail.
         tail.store(start + count, std::memory_order_release);
     }
 
-    void TakeSlot(std::uint32_t slot, std::vector<T>& elements) {
-        elements.push_back(mSlots[slot]);
-        if (mReleaseOnDequeue) {
-            mSlots[slot] = T();
+    T TakeSlot(std::uint32_t slot) { return mReleaseOnDequeue ? std::exchange(mSlots[slot], T()) : mSlots[slot]; }
+
+    // Asks for the slots' cache lines, to be written, all at once. The copies would ask for them one after
+    // the other: an atomic count that goes up with each copy lets none begin before the one before is done.
+    void FetchSlots(std::uint32_t slot, std::uint32_t count) const {
+        const std::size_t slotsPerLine = std::max<std::size_t>(CACHE_LINE / sizeof(T), 1);
+        for (std::size_t i = 0; i < count; i += slotsPerLine) {
+            FetchForWriting(&mSlots[slot + i]);
+        }
+        if (count != 0) {
+            FetchForWriting(&mSlots[slot + count - 1]);
         }
     }
 
@@ -231,6 +330,24 @@ private:
         }
     }
 
+    static void FetchForWriting(const T* slot) {
+#if defined(__x86_64__)
+        // What __builtin_prefetch becomes on this processor, unless the compiler is told of a newer one,
+        // fetches for reading: the line would be asked for a second time when it is written.
+        asm volatile("prefetchw %0" : : "m"(*slot));
+#else
+        __builtin_prefetch(slot, 1);
+#endif
+    }
+
+    static void PauseOrYield(int tries) {
+        if (tries < SPINS_BEFORE_YIELD) {
+            PauseCpu();
+        } else {
+            std::this_thread::yield();
+        }
+    }
+
     static void PauseCpu() {
 #if defined(__x86_64__) || defined(__i386__)
         __builtin_ia32_pause();
@@ -239,11 +356,10 @@ private:
 #endif
     }
 
-    std::atomic<std::uint32_t> mProducerHead;
-    std::atomic<std::uint32_t> mProducerTail;
-    std::atomic<std::uint32_t> mConsumerHead;
-    std::atomic<std::uint32_t> mConsumerTail;
-    const bool mSingleProducer;
+    Side mProducers;
+    Side mConsumers;
+    // From here on nothing changes: these share a line with each other, and with none of the above.
+    alignas(CACHE_LINE) const bool mSingleProducer;
     const bool mSingleConsumer;
     const std::uint32_t mSize;
     const std::uint32_t mMask;

@@ -1,10 +1,13 @@
 // The product, twice: as a queue of which nothing is declared, and with each side that has one thread
-// declared so.
+// declared so. A slot that held a shared pointer is emptied when its message is taken; nothing is to be
+// released of a plain pointer, and no peer empties the slot it took one from.
 
 #include "LocklessQueue.h"
 
 #include "queue/Allocations.h"
 #include "queue/Series.h"
+
+#include <type_traits>
 
 namespace {
 
@@ -13,7 +16,8 @@ using namespace Bench;
 template <typename Handle, bool DECLARED> class Product {
 public:
     explicit Product(const Load& load)
-        : mQueue(load.capacity, DECLARED && load.producers == 1, DECLARED && load.consumers == 1) {}
+        : mQueue(load.capacity, DECLARED && load.producers == 1, DECLARED && load.consumers == 1,
+                 /*releaseOnDequeue=*/!std::is_trivially_destructible_v<Handle>) {}
 
     class Producer {
     public:

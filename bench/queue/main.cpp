@@ -30,6 +30,7 @@ struct Options {
     unsigned int round = 0;
     unsigned int durationMs = 80;
     std::string only;
+    std::string series;
 };
 
 std::string PortionName(std::size_t portion) {
@@ -73,9 +74,12 @@ void MeasureCase(const Options& options, const Shape& shape, Element element, co
     }
     std::vector<const Series*> series;
     for (const Series& one : AllSeries()) {
-        if (one.element == element) {
+        if (one.element == element && one.name.find(options.series) != std::string::npos) {
             series.push_back(&one);
         }
+    }
+    if (series.empty()) {
+        return;
     }
     std::rotate(series.begin(), series.begin() + options.round % series.size(), series.end());
     for (const Series* one : series) {
@@ -123,10 +127,11 @@ int Main(int argc, char** argv) {
     CLI::App app("One round of the queue's figures, as lines of JSON.");
     app.add_option("--round", options.round, "the number of this round: another series begins in each");
     app.add_option("--only", options.only, "measure the cases whose name contains this");
+    app.add_option("--series", options.series, "measure the queues whose name contains this");
     app.add_option("--duration-ms", options.durationMs, "how long each queue runs");
     CLI11_PARSE(app, argc, argv);
     MeasureThroughput(options);
-    if (options.only.empty()) {
+    if (options.only.empty() && options.series.empty()) {
         MeasureAllocations();
     }
     return EXIT_SUCCESS;
