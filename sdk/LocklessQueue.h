@@ -159,11 +159,12 @@ protected:
 
 private:
     // How often a thread looks again with a pause in between before it gives up its time slice: with
-    // more threads than cores the one it waits for may not be running. About a microsecond; a thread that
-    // is running has committed by then.
-    static constexpr int SPINS_BEFORE_YIELD = 16;
-    // How often a thread gives up its time slice to those that reserved before it before it reserves
-    // behind them all the same.
+    // more threads than cores the one it waits for may not be running. A pause is some 50 ns; a thread that
+    // is running has committed before these are over.
+    static constexpr int SPINS_BEFORE_COMMIT = 16;
+    // The same for a thread that has reserved nothing yet: the sooner it steps aside, the fewer lines pass
+    // between the cores. After so many yields it reserves behind the others all the same.
+    static constexpr int SPINS_BEFORE_RESERVING = 4;
     static constexpr int YIELDS_BEFORE_RESERVING = 4;
 
     // Given, not asked of the compiler: the layout must not depend on what a module was compiled for.
@@ -279,8 +280,8 @@ private:
         if (seen == head) {
             return false;
         }
-        for (int tries = 0; tries < SPINS_BEFORE_YIELD + YIELDS_BEFORE_RESERVING; ++tries) {
-            PauseOrYield(tries);
+        for (int tries = 0; tries < SPINS_BEFORE_RESERVING + YIELDS_BEFORE_RESERVING; ++tries) {
+            PauseOrYield(tries < SPINS_BEFORE_RESERVING);
             if (tail.load(std::memory_order_relaxed) != seen) {
                 break;
             }
@@ -293,9 +294,9 @@ private:
         if (!single) {
             // Acquire: what the earlier threads of this side did to their slots is passed on by the
             // release below to whoever reads the tail.
-            for (int tries = 0; tail.load(std::memory_order_acquire) != start;) {
-                PauseOrYield(tries);
-                tries = std::min(tries + 1, SPINS_BEFORE_YIELD);
+            for (int spins = 0; tail.load(std::memory_order_acquire) != start;) {
+                PauseOrYield(spins < SPINS_BEFORE_COMMIT);
+                spins = std::min(spins + 1, SPINS_BEFORE_COMMIT);
             }
         }
         // Release: orders this thread's copies before the other side's acquire load of the tail.
@@ -340,8 +341,8 @@ private:
 #endif
     }
 
-    static void PauseOrYield(int tries) {
-        if (tries < SPINS_BEFORE_YIELD) {
+    static void PauseOrYield(bool pause) {
+        if (pause) {
             PauseCpu();
         } else {
             std::this_thread::yield();
