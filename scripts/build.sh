@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # scripts/build.sh [BUILD_DIR [CMAKE_OPTION…]]: configures and builds; "build" unless told otherwise.
+# BUILD_TARGETS in the environment: what to build, everything unless told otherwise.
 . "$(dirname "$0")/lib/common.sh"
 
 build_dir=${1:-build}
@@ -9,4 +10,5 @@ if command -v ccache >/dev/null; then
 fi
 
 run_quietly "configuring $build_dir" cmake -S . -B "$build_dir" "${options[@]}"
-run_quietly "building $build_dir" cmake --build "$build_dir"
+read -ra targets <<<"${BUILD_TARGETS:-all}"
+run_quietly "building $build_dir" cmake --build "$build_dir" --target "${targets[@]}"

@@ -2,6 +2,7 @@
 # Installs what building, checking and testing need on a bare Debian 12. Does nothing, and needs no
 # network, when all of it is there.
 . "$(dirname "$0")/lib/common.sh"
+. scripts/lib/packages.sh
 
 PACKAGES=(
     # Building
@@ -19,24 +20,4 @@ PACKAGES=(
     dpkg-dev file lintian man-db bash-completion zsh systemd strace
 )
 
-is_installed() {
-    [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
-}
-
-missing=()
-for package in "${PACKAGES[@]}"; do
-    is_installed "$package" || missing+=("$package")
-done
-if ((${#missing[@]} == 0)); then
-    exit 0
-fi
-
-as_root=()
-if ((EUID != 0)); then
-    command -v sudo >/dev/null || fail "not root, and no sudo, to install: ${missing[*]}"
-    as_root=(sudo)
-fi
-export DEBIAN_FRONTEND=noninteractive
-run_quietly "fetching the lists of packages" "${as_root[@]}" apt-get -q update
-run_quietly "installing ${missing[*]}" \
-    "${as_root[@]}" apt-get -q install --yes --no-install-recommends "${missing[@]}"
+install_packages "${PACKAGES[@]}"
