@@ -229,8 +229,8 @@ def plot_script(figure, target):
     yield f"set output {quoted(str(target))}"
     yield f"set title {quoted(figure['figure'])} noenhanced"
     yield f"set ylabel {quoted(figure['unit'])} noenhanced"
-    yield "set key outside right noenhanced"
-    yield "set grid ytics lc rgb '#dddddd'"
+    yield "set key outside below horizontal noenhanced"
+    yield "set grid ytics back lc rgb '#dddddd' lw 1"
     yield f"set yrange [0:{'*' if most > 0 else 1}]"
     if curves:
         yield "set logscale x"

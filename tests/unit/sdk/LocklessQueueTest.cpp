@@ -454,6 +454,55 @@ TEST(LocklessQueueLifetime, DestructionGoesBySlotNotByAge) {
     EXPECT_THAT(released, ElementsAre(3, 2, 1, 0));
 }
 
+// A message that was the last to refer to another one may be anything, also one whose end takes from this
+// queue.
+TEST(LocklessQueueLifetime, WhatTheOutputHeldBeforeMayUseTheQueueWhenItIsReleased) {
+    MessageQueue queue(4);
+    Message takenAtTheEnd;
+    Message output(new int(0), [&](const int* number) {
+        queue.Dequeue(takenAtTheEnd);
+        delete number;
+    });
+    queue.Enqueue(std::make_shared<int>(1));
+    queue.Enqueue(std::make_shared<int>(2));
+
+    ASSERT_TRUE(queue.Dequeue(output));
+    EXPECT_EQ(*output, 1);
+    ASSERT_NE(takenAtTheEnd, nullptr);
+    EXPECT_EQ(*takenAtTheEnd, 2);
+}
+
+// --- What a side remembers of the other
+
+TEST(LocklessQueue, ABulkIsAsLargeAsWhatIsThereNotAsWhatWasSeenLast) {
+    NumberQueue queue(8);
+    Put(queue, {1, 2, 3});
+    Numbers taken;
+    EXPECT_EQ(queue.DequeueBulk(taken, 2), 2U);
+    Put(queue, {4, 5});
+    EXPECT_EQ(queue.DequeueBulk(taken, 3), 3U);
+    EXPECT_EQ(taken, CountFrom(1, 5));
+}
+
+TEST(LocklessQueue, ABulkFillsTheRoomThatIsThereNotThatWasSeenLast) {
+    NumberQueue queue(4);
+    EXPECT_EQ(Put(queue, {1, 2, 3}), 3U);
+    Numbers taken;
+    EXPECT_EQ(queue.DequeueBulk(taken, 2), 2U);
+    EXPECT_EQ(Put(queue, {4, 5, 6, 7}), 3U);
+    EXPECT_EQ(TakeAll(queue), CountFrom(3, 4));
+}
+
+TEST(LocklessQueue, EveryRoomAndEveryPortionKeepOrderWhereverTheIndicesWrap) {
+    for (std::uint32_t before = 0; before < 12; ++before) {
+        for (const bool single : {false, true}) {
+            const auto queue = Make<NumberQueue>(
+                {.capacity = 5, .singleProducer = single, .singleConsumer = single, .startIndex = LAST_INDEX - before});
+            ExpectOrderThroughManyRounds(*queue);
+        }
+    }
+}
+
 // --- A derived queue
 
 // Puts nothing into the ring: it remembers what the bulk operations were asked, and answers as told.
@@ -520,6 +569,40 @@ TEST(DerivedLocklessQueue, WithoutStorageTheBulkOperationsAreNotEvenAsked) {
     EXPECT_FALSE(queue.Dequeue(taken));
     EXPECT_EQ(taken, nullptr);
     EXPECT_EQ(queue.askedAtMost, 0);
+}
+
+// Counts the bulk operations and leaves them as they are.
+class CountingQueue : public NumberQueue {
+public:
+    using NumberQueue::NumberQueue;
+
+    unsigned int EnqueueBulk(const std::vector<int>& elements, int count) override {
+        ++bulksIn;
+        return NumberQueue::EnqueueBulk(elements, count);
+    }
+
+    unsigned int DequeueBulk(std::vector<int>& elements, int max) override {
+        ++bulksOut;
+        return NumberQueue::DequeueBulk(elements, max);
+    }
+
+    int bulksIn = 0;
+    int bulksOut = 0;
+};
+
+TEST(DerivedLocklessQueue, EverySingleElementGoesThroughTheBulkOperations) {
+    CountingQueue queue(2);
+    EXPECT_TRUE(queue.Enqueue(1));
+    EXPECT_TRUE(queue.Enqueue(2));
+    EXPECT_FALSE(queue.Enqueue(3));
+    int taken = 0;
+    EXPECT_TRUE(queue.Dequeue(taken));
+    EXPECT_EQ(taken, 1);
+    EXPECT_TRUE(queue.Dequeue(taken));
+    EXPECT_EQ(taken, 2);
+    EXPECT_FALSE(queue.Dequeue(taken));
+    EXPECT_EQ(queue.bulksIn, 3);
+    EXPECT_EQ(queue.bulksOut, 3);
 }
 
 TEST(DerivedLocklessQueue, IsDestroyedThroughItsBase) {

@@ -1,4 +1,6 @@
 corvalent_add_test(lockless_queue_test ${TEST_DIR}/LocklessQueueTest.cpp LIBS sdk_headers)
+corvalent_add_test(lockless_queue_hold_up_test ${TEST_DIR}/LocklessQueueHoldUpTest.cpp LIBS sdk_headers)
+corvalent_add_test(lockless_queue_allocation_test ${TEST_DIR}/LocklessQueueAllocationTest.cpp LIBS sdk_headers)
 corvalent_add_test(lockless_queue_stress_test ${TEST_DIR}/LocklessQueueStressTest.cpp LIBS sdk_headers TIMEOUT 300)
 
 # The stress test once more under the thread sanitizer, whatever the rest is built with. All that counts

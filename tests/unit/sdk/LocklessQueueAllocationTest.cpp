@@ -1,0 +1,102 @@
+// What the queue allocates, counted by an operator new of this program's own.
+
+#include "LocklessQueue.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+thread_local std::size_t allocations = 0;
+
+} // namespace
+
+void* operator new(std::size_t size) {
+    ++allocations;
+    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+using Message = std::shared_ptr<int>;
+using MessageQueue = SDK::LocklessQueue<Message>;
+
+template <typename Call> std::size_t CountAllocations(const Call& call) {
+    const std::size_t before = allocations;
+    call();
+    return allocations - before;
+}
+
+void ExpectNoAllocationForSingleElements(MessageQueue& queue) {
+    const auto message = std::make_shared<int>(1);
+    Message taken;
+    EXPECT_EQ(CountAllocations([&] {
+                  for (int i = 0; i < 100; ++i) {
+                      ASSERT_TRUE(queue.Enqueue(message));
+                      ASSERT_TRUE(queue.Enqueue(message));
+                      ASSERT_TRUE(queue.Dequeue(taken));
+                      ASSERT_TRUE(queue.Dequeue(taken));
+                      ASSERT_FALSE(queue.Dequeue(taken));
+                  }
+              }),
+              0U);
+}
+
+TEST(LocklessQueueAllocation, TheCounterSeesAnAllocation) {
+    EXPECT_EQ(CountAllocations([] { const auto kept = std::make_unique<int>(1); }), 1U);
+}
+
+TEST(LocklessQueueAllocation, ASingleElementCostsNoneOnEitherSide) {
+    MessageQueue queue(3);
+    ExpectNoAllocationForSingleElements(queue);
+}
+
+TEST(LocklessQueueAllocation, ASingleElementCostsNoneWithOneThreadPerSide) {
+    MessageQueue queue(3, /*singleProducer=*/true, /*singleConsumer=*/true);
+    ExpectNoAllocationForSingleElements(queue);
+}
+
+TEST(LocklessQueueAllocation, ASingleElementCostsNoneInSlotsThatKeepTheirCopies) {
+    MessageQueue queue(3, false, false, /*releaseOnDequeue=*/false);
+    ExpectNoAllocationForSingleElements(queue);
+}
+
+TEST(LocklessQueueAllocation, ARefusedElementCostsNone) {
+    MessageQueue queue(1);
+    const auto message = std::make_shared<int>(1);
+    queue.Enqueue(message);
+    EXPECT_EQ(CountAllocations([&] { EXPECT_FALSE(queue.Enqueue(message)); }), 0U);
+}
+
+TEST(LocklessQueueAllocation, ABulkCostsNoneWhenItsVectorHasRoom) {
+    MessageQueue queue(64);
+    const std::vector<Message> messages(40, std::make_shared<int>(1));
+    std::vector<Message> taken;
+    taken.reserve(40);
+    EXPECT_EQ(CountAllocations([&] {
+                  for (int i = 0; i < 10; ++i) {
+                      ASSERT_EQ(queue.EnqueueBulk(messages, 40), 40U);
+                      ASSERT_EQ(queue.DequeueBulk(taken, 40), 40U);
+                      taken.clear();
+                  }
+              }),
+              0U);
+}
+
+} // namespace
