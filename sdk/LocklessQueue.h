@@ -173,7 +173,7 @@ private:
     // A head, and the index that it may not pass, as far as its side knows. They change together, in one
     // exchange: of the two the limit would else be the older one now and then, their difference would
     // wrap, and look like room.
-    struct Reach {
+    struct alignas(2 * sizeof(std::uint32_t)) Reach {
         std::uint32_t head;
         std::uint32_t limit;
     };
