@@ -262,7 +262,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--rounds", type=int, default=7, help="how often each bench is repeated")
     parser.add_argument("--programs", type=Path, required=True, help="the folder in which the benches were built")
-    parser.add_argument("names", nargs="+", help="the benches")
+    parser.add_argument("names", nargs="*", help="the benches; none: what was measured before is written anew")
     arguments = parser.parse_args()
 
     results = json.loads(RESULTS_JSON.read_text()) if RESULTS_JSON.exists() else {}
@@ -271,9 +271,10 @@ def main():
         date = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
         figures = summarise(measure(name, arguments.programs / name, arguments.rounds))
         results[name] = {"date": date, "rounds": arguments.rounds, "machine": on, "figures": figures}
-        draw(figures)
         RESULTS_JSON.write_text(json.dumps(results, indent=1, ensure_ascii=False) + "\n")
-        write_markdown(results)
+    for result in results.values():
+        draw(result["figures"])
+    write_markdown(results)
     print(f"== written: {RESULTS_MD.relative_to(Path.cwd())}, results.json and plots/ beside it")
 
 
