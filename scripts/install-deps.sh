@@ -14,8 +14,6 @@ PACKAGES=(
     # Testing
     libgtest-dev libgmock-dev groff-base curl jq openssl sqlite3 procps python3 python3-prometheus-client
     libvterm-dev ncurses-base
-    # Measuring
-    libbenchmark-dev
     # Packaging, and testing the package (systemd only for systemd-analyze and systemctl)
     dpkg-dev file lintian man-db bash-completion zsh systemd strace
 )

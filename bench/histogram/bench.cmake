@@ -1,0 +1,1 @@
+corvalent_add_bench(histogram ${BENCH_DIR}/main.cpp LIBS sdk)
