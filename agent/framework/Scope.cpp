@@ -1,8 +1,13 @@
 #include "framework/Scope.h"
 
-#include <fstream>
+#include <algorithm>
+#include <array>
+#include <cstdio>
 #include <string_view>
 
+#include <fcntl.h>
+
+#include "agent/sdk/FileDescriptor.h"
 #include "sdk/RwLock.h"
 
 namespace Framework {
@@ -34,15 +39,38 @@ bool IsAtOrBelow(std::string_view cgroup, std::string_view limit) {
     return cgroup.starts_with(limit) && (cgroup.size() == limit.size() || cgroup[limit.size()] == '/');
 }
 
-// The process's v2 group; empty when the process is gone or has none.
-std::string ReadCgroup(int pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/cgroup");
-    for (std::string line; std::getline(file, line);) {
+// A line for the v2 hierarchy, whose path has at most PATH_MAX bytes, and one for each v1 hierarchy.
+constexpr std::size_t MAX_CGROUP_BYTES = 16384;
+
+// Calls for every process that starts, hence without streams. The file comes in one read(2).
+std::optional<std::string_view> ReadCgroups(int pid, std::array<char, MAX_CGROUP_BYTES>& buffer) {
+    std::array<char, 32> path{};
+    std::snprintf(path.data(), path.size(), "/proc/%d/cgroup", pid);
+    const SDK::FileDescriptor file(open(path.data(), O_RDONLY | O_CLOEXEC));
+    const ssize_t size = file.IsOpen() ? SDK::ReadRetrying(file.Get(), buffer.data(), buffer.size()) : -1;
+    if (size <= 0) {
+        return std::nullopt;
+    }
+    return std::string_view(buffer.data(), static_cast<std::size_t>(size));
+}
+
+// The v2 group among the lines of the file; empty when there is none.
+std::string_view FindV2Group(std::string_view lines) {
+    while (!lines.empty()) {
+        const std::size_t end = std::min(lines.find('\n'), lines.size());
+        const std::string_view line = lines.substr(0, end);
         if (line.starts_with(V2_PREFIX)) {
             return line.substr(V2_PREFIX.size());
         }
+        lines.remove_prefix(std::min(end + 1, lines.size()));
     }
-    return "";
+    return {};
+}
+
+bool IsInLimit(std::string_view cgroup) {
+    Limit& limit = TheLimit();
+    const SDK::ReadGuard guard(limit.lock);
+    return limit.cgroup.empty() || IsAtOrBelow(cgroup, limit.cgroup);
 }
 
 } // namespace
@@ -64,16 +92,26 @@ std::string Scope::GetCgroup() {
 }
 
 bool Scope::IsLimited() {
-    return !GetCgroup().empty();
+    Limit& limit = TheLimit();
+    const SDK::ReadGuard guard(limit.lock);
+    return !limit.cgroup.empty();
+}
+
+std::optional<bool> Scope::Ask(int pid) {
+    if (!IsLimited()) {
+        return true;
+    }
+    std::array<char, MAX_CGROUP_BYTES> buffer; // NOLINT(*-member-init): read fills what is used
+    const std::optional<std::string_view> groups = ReadCgroups(pid, buffer);
+    return groups ? std::optional(IsInLimit(FindV2Group(*groups))) : std::nullopt;
 }
 
 bool Scope::Contains(int pid) {
-    return !IsLimited() || ContainsCgroup(ReadCgroup(pid));
+    return Ask(pid).value_or(false);
 }
 
 bool Scope::ContainsCgroup(const std::string& cgroup) {
-    const std::string limit = GetCgroup();
-    return limit.empty() || IsAtOrBelow(cgroup, limit);
+    return IsInLimit(cgroup);
 }
 
 } // namespace Framework

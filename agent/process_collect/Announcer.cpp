@@ -71,17 +71,30 @@ void Announcer::Subscribe(unsigned int kind, const std::string& name, std::uint6
     UpdateDebts();
 }
 
+bool Announcer::Knows(int pid) const {
+    const SDK::ReadGuard guard(mLock);
+    return mTable.contains(pid);
+}
+
+// A process that is gone already leaves `stat` as it is: it is announced all the same, its exit follows.
 void Announcer::OnExec(const ProcEvent& event, int forkedBy) {
     const SDK::WriteGuard guard(mLock);
     if (IsCovered(event)) {
         return;
     }
     SDK::ProcStat stat;
-    stat.ppid = forkedBy;
-    // A process that is gone already leaves `stat` as it is: it is announced all the same, its exit
-    // follows.
+    ProcEvent begin{ProcsMessage::KIND_EXEC, event.pid, forkedBy, event.timestampNs};
+    if (forkedBy != 0) {
+        // The judges first: they are to see the program while it runs. What the table wants to know is for
+        // later comparisons.
+        AnnounceBegin(begin, Record(event.pid, stat));
+        SDK::ProcStat::Read(event.pid, stat);
+        Record(event.pid, stat);
+        return;
+    }
     SDK::ProcStat::Read(event.pid, stat);
-    AnnounceBegin({ProcsMessage::KIND_EXEC, event.pid, stat.ppid, event.timestampNs}, Record(event.pid, stat));
+    begin.parentPid = stat.ppid;
+    AnnounceBegin(begin, Record(event.pid, stat));
 }
 
 void Announcer::OnFork(const ProcEvent& event) {

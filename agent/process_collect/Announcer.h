@@ -49,6 +49,9 @@ public:
     // earlier instance was told of executions, the new one is first told, as kind 1, of what is owed.
     void Subscribe(unsigned int kind, const std::string& name, std::uint64_t instance);
 
+    // True while the process is in the table.
+    bool Knows(int pid) const;
+
     // An exec in scope. `forkedBy` is the parent when the fork is known and was held back, else 0.
     void OnExec(const ProcEvent& event, int forkedBy);
 

@@ -180,7 +180,9 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event) {
 
 void ProcsRealTask::HandleExec(const ProcEvent& event) {
     const std::optional<ProcEvent> fork = mForks.Take(event.pid);
-    if (!Framework::Scope::Contains(event.pid)) {
+    // Of a process that is gone already it is still known whether it was in scope before.
+    const std::optional<bool> inScope = Framework::Scope::Ask(event.pid);
+    if (!(inScope ? *inScope : fork || mAnnouncer.Knows(event.pid))) {
         return;
     }
     mExecs.Add();
@@ -191,7 +193,9 @@ void ProcsRealTask::HandleExec(const ProcEvent& event) {
 }
 
 void ProcsRealTask::HandleFork(const ProcEvent& event) {
-    if (Framework::Scope::Contains(event.pid)) {
+    // A child that is gone already was where its parent is.
+    const std::optional<bool> inScope = Framework::Scope::Ask(event.pid);
+    if (inScope ? *inScope : Framework::Scope::Contains(event.parentPid)) {
         mForkCount.Add();
         mForks.Hold(event, Clock::now());
     }

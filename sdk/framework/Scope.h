@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace Framework {
@@ -18,7 +19,11 @@ public:
 
     static bool IsLimited();
 
-    // False for a process that is gone, when the scope is limited.
+    // Whether the process is in scope; nothing when the scope is limited and the process is gone, so that
+    // nobody can tell.
+    static std::optional<bool> Ask(int pid);
+
+    // The same with a process that is gone taken for one outside.
     static bool Contains(int pid);
 
     // The limit alone, for a group path that is already known: "/a" holds "/a" and "/a/b", not "/ab".

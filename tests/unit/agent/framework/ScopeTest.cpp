@@ -4,6 +4,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -185,4 +186,14 @@ TEST_F(ScopeTest, AProcessThatIsGoneIsContainedOnlyWithoutALimit) {
     EXPECT_TRUE(Scope::Contains(child.Pid()));
     Scope::SetCgroup("/");
     EXPECT_FALSE(Scope::Contains(child.Pid()));
+}
+
+TEST_F(ScopeTest, OfAProcessThatIsGoneNobodyCanTellWithALimit) {
+    IdleChild child;
+    Scope::SetCgroup("/");
+    EXPECT_EQ(Scope::Ask(child.Pid()), std::optional(Scope::Contains(child.Pid())));
+    child.End();
+    EXPECT_EQ(Scope::Ask(child.Pid()), std::nullopt);
+    Scope::SetCgroup("");
+    EXPECT_EQ(Scope::Ask(child.Pid()), std::optional(true));
 }

@@ -12,6 +12,7 @@
 
 #include "framework/Counters.h"
 #include "framework/Scope.h"
+#include "sdk/ProcStat.h"
 #include "tests/unit/agent/process_collect/Receiver.h"
 
 using namespace TestSupport;
@@ -71,6 +72,12 @@ protected:
 
 std::uint64_t Count(const std::string& counter) {
     return Framework::Counters::Of(counter).Get();
+}
+
+bool IsStopped(int pid) {
+    constexpr char STOPPED = 'T';
+    SDK::ProcStat stat;
+    return SDK::ProcStat::Read(pid, stat) == 0 && stat.state == STOPPED;
 }
 
 } // namespace
@@ -286,6 +293,39 @@ TEST_F(ProcsRealTaskTest, ProcessesThatRanBeforeAreNotTold) {
     ASSERT_TRUE(AwaitLive(*late));
     EXPECT_TRUE(late->EventsOf(child.Pid()).empty());
     EXPECT_TRUE(late->EventsOf(getpid()).empty());
+}
+
+// Their group cannot be asked any more; that they were forked in it is known.
+TEST(ProcsRealTaskBacklogTest, ProgramsThatAreGoneWhenTheirEventsAreReadCountWhereTheyWereForked) {
+    if (const std::string reason = geteuid() != 0 ? "the proc connector needs root" : WhyNoCgroup(); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    constexpr int STARTS = 50;
+    auto connector = std::make_unique<ProcConnector>();
+    std::string problem;
+    ASSERT_TRUE(connector->Open(problem)) << problem;
+    const TempCgroup group;
+    // In a process that is in the group, so that all of them are from birth; it stays, as a shell would.
+    ChildProcess starter = ChildProcess::ForkIn(group, [] {
+        for (int i = 0; i < STARTS; ++i) {
+            ChildProcess::Spawn({"/bin/true"}).Wait();
+        }
+        raise(SIGSTOP);
+    });
+    ASSERT_TRUE(WaitFor([&] { return IsStopped(starter.Pid()); }));
+    const std::uint64_t execs = Count("events.exec");
+    const std::uint64_t forks = Count("events.fork");
+    Framework::Scope::SetCgroup(group.Name());
+    {
+        const Framework::Engine engine;
+        TaskHolder holder("test_collector");
+        holder.Start(new ProcsRealTask(std::move(connector)));
+        EXPECT_TRUE(WaitFor([&] { return Count("events.exec") >= execs + STARTS; }));
+    }
+    EXPECT_EQ(Count("events.exec"), execs + STARTS);
+    // The starter is one more.
+    EXPECT_EQ(Count("events.fork"), forks + STARTS + 1);
+    Framework::Scope::SetCgroup("");
 }
 
 // Once out of three, so that a machine that is busy elsewhere does not decide.
