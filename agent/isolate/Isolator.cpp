@@ -1,9 +1,11 @@
 #include "agent/isolate/Isolator.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <optional>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,7 +27,7 @@ namespace {
 constexpr mode_t NOT_EXECUTABLE = S_IRUSR;
 
 // Deeper than any real chain of parents; a longer one is taken for inconclusive.
-constexpr int MAX_ANCESTORS = 1024;
+constexpr std::size_t MAX_ANCESTORS = 1024;
 
 // By number: Debian 12's C library has the wrappers, older ones do not.
 int OpenPidfd(int pid) {
@@ -35,23 +37,35 @@ bool SendSignal(int pidfd, int signal) {
     return syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) == 0;
 }
 
-// Also true when the chain of parents cannot be followed to its end: what cannot be ruled out counts.
-bool MayBeAncestor(int pid) {
-    int ancestor = getpid();
-    for (int steps = 0; steps < MAX_ANCESTORS; ++steps) {
+// The parents of the agent up to init; nothing when the way up cannot be followed to its end.
+std::optional<std::vector<int>> FindAncestors() {
+    std::vector<int> ancestors;
+    int pid = getpid();
+    while (pid > 1 && ancestors.size() < MAX_ANCESTORS) {
         SDK::ProcStat stat;
-        if (SDK::ProcStat::Read(ancestor, stat) != 0) {
-            return true;
+        if (SDK::ProcStat::Read(pid, stat) != 0) {
+            return std::nullopt;
         }
-        ancestor = stat.ppid;
-        if (ancestor == pid) {
-            return true;
-        }
-        if (ancestor <= 1) {
-            return false;
-        }
+        pid = stat.ppid;
+        ancestors.push_back(pid);
     }
-    return true;
+    return pid <= 1 ? std::optional(ancestors) : std::nullopt;
+}
+
+bool Contains(const std::vector<int>& pids, int pid) {
+    return std::find(pids.begin(), pids.end(), pid) != pids.end();
+}
+
+// Also true when that cannot be told: what cannot be ruled out counts. Whoever is no ancestor at first will
+// never be one, for a parent that ends leaves its children to one of its own; so only of those that were is
+// it asked again.
+bool MayBeAncestor(int pid) {
+    static const std::optional<std::vector<int>> atFirst = FindAncestors();
+    if (atFirst && !Contains(*atFirst, pid)) {
+        return false;
+    }
+    const std::optional<std::vector<int>> now = FindAncestors();
+    return !now || Contains(*now, pid);
 }
 
 // Why nobody may isolate what bears this number, seen from the number alone; null when nothing
@@ -70,10 +84,10 @@ const char* FindObjectionToPid(int pid) {
 }
 
 // The same for the process that has the number now. A process that is gone is no objection; the
-// signal will not find it.
-const char* FindObjectionToProcess(int pid) {
+// signal will not find it. Kernel threads have no image.
+const char* FindObjectionToProcess(int pid, bool hasImage) {
     SDK::ProcStat stat;
-    if (SDK::ProcStat::Read(pid, stat) == 0 && stat.IsKernelThread()) {
+    if (!hasImage && SDK::ProcStat::Read(pid, stat) == 0 && stat.IsKernelThread()) {
         return "it is a kernel thread";
     }
     if (MayBeAncestor(pid)) {
@@ -158,10 +172,10 @@ IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, b
         moduleLog.Error("process [%d] [%s] could not be isolated: %s", pid, path, std::strerror(errno));
         return result;
     }
-    if (const char* objection = FindObjectionToProcess(pid)) {
+    const std::optional<FileIdentity> image = GetImage(pid);
+    if (const char* objection = FindObjectionToProcess(pid, image.has_value())) {
         return Refuse(pid, path, objection);
     }
-    const std::optional<FileIdentity> image = GetImage(pid);
     // What was read by pid just now was the process's own only if it still has the pid.
     if (!SendSignal(process.Get(), 0)) {
         moduleLog.Error("process [%d] [%s] could not be isolated: %s", pid, path, std::strerror(errno));
