@@ -202,6 +202,9 @@ int FileUtils::GetFileSha256(const std::string& path, std::string& digest, std::
 
 int FileUtils::GetFileHash(const std::string& path, const std::string& algorithm, std::string& digest,
                            std::uint64_t maxBytes) {
+    if (algorithm == SHA256) {
+        return GetFileSha256(path, digest, maxBytes);
+    }
     return DigestFile(path, digest, [&](int fd, std::string& computed) {
         return DigestContentTimed(fd, algorithm, computed, maxBytes);
     });

@@ -381,6 +381,22 @@ TEST(FileDigest, IsNamedAsOpenSslNamesIt) {
     EXPECT_EQ(digest, "900150983cd24fb0d6963f7d28e17f72");
 }
 
+TEST(FileDigest, IsRememberedUnderEitherName) {
+    const TempDir dir;
+    const std::string path = dir.Write("file", "abc");
+    const auto countAsked = [] {
+        const SDK::DigestFigures figures = FileUtils::GetDigestFigures();
+        return figures.hits + figures.misses;
+    };
+    const auto before = countAsked();
+    std::string digest;
+    EXPECT_EQ(FileUtils::GetFileSha256(path, digest, 100), 0);
+    EXPECT_EQ(FileUtils::GetFileHash(path, "SHA256", digest, 100), 0);
+    EXPECT_EQ(countAsked(), before + 2);
+    EXPECT_EQ(FileUtils::GetFileHash(path, "SHA1", digest, 100), 0);
+    EXPECT_EQ(countAsked(), before + 2);
+}
+
 TEST(FileDigest, OfAnUnknownAlgorithmIsEINVAL) {
     const TempDir dir;
     const std::string path = dir.Write("file", "abc");
