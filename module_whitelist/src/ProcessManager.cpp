@@ -83,6 +83,28 @@ ProcessInfo RecordOf(const ProcsMessage::procInfo& process) {
     return info;
 }
 
+void LogUntrusted(const std::string& path) {
+    moduleLog.Information("process [%s] [%s] is not in white hash list", SDK::PathUtils::GetFileNameFromPath(path),
+                          path);
+}
+
+void LogIsolation(const std::string& path, const std::optional<Isolation>& isolation) {
+    if (!isolation) {
+        moduleLog.Error("get isolate ptr failed");
+        return;
+    }
+    moduleLog.Information("isolate file [%s] ret :%s kill :%s chmod :%s", path, ToText(isolation->done),
+                          ToText(isolation->killed), ToText(isolation->unexecutable));
+}
+
+// Only of a file that there is.
+void LogUnopened(const char* path) {
+    char resolved[PATH_MAX + 1] = {};
+    if (realpath(path, resolved) != nullptr) {
+        moduleLog.Trace("open file failed.");
+    }
+}
+
 // Creates the file empty unless it is there.
 void EnsureFile(const std::string& path) {
     if (!SDK::FileUtils::IsFile(path)) {
@@ -530,17 +552,26 @@ bool ProcessManager::IsWhiteHash(const std::string& sha256, const std::string& p
 bool ProcessManager::ProcessVerify(int pid) {
     std::string path;
     SDK::ProcessUtils::GetProcessExePath(pid, path);
-    if (FindExemption(pid, path) != Exemption::NONE) {
-        return true;
-    }
-    std::string digest;
-    int source = 0;
-    if (!VerifyImage(path, digest, source)) {
-        moduleLog.Information("process [%s] [%s] is not in white hash list", SDK::PathUtils::GetFileNameFromPath(path),
-                              path);
+    if (FindUntrustedImage(pid, path)) {
+        LogUntrusted(path);
         return false;
     }
     return true;
+}
+
+// Whether the process is one of the agent's own is asked last, of the few whose image no list has: either
+// way lets it go.
+std::optional<ImageExamination> ProcessManager::FindUntrustedImage(int pid, const std::string& path) {
+    if (path.empty()) {
+        return std::nullopt;
+    }
+    ImageExamination image = ExamineImage(path);
+    int source = 0;
+    if (image.exemption != Exemption::NONE || IsWhiteHash(image.digest, path, source) ||
+        FindExemption(pid, path) != Exemption::NONE) {
+        return std::nullopt;
+    }
+    return image;
 }
 
 bool ProcessManager::VerifyImage(const std::string& path, std::string& digest, int& source) {
@@ -550,13 +581,13 @@ bool ProcessManager::VerifyImage(const std::string& path, std::string& digest, i
 }
 
 bool ProcessManager::IsPrelinkedProcess(const char* path) const {
-    char resolved[PATH_MAX + 1] = {};
-    if (path == nullptr || realpath(path, resolved) == nullptr) {
+    if (path == nullptr) {
         return false;
     }
-    switch (utils::elf::FindSectionOfType(resolved, PRELINK_SECTION_TYPE)) {
+    // Opening follows links as resolving them first would.
+    switch (utils::elf::FindSectionOfType(path, PRELINK_SECTION_TYPE)) {
     case utils::elf::SectionSearch::CannotOpen:
-        moduleLog.Trace("open file failed.");
+        LogUnopened(path);
         return false;
     case utils::elf::SectionSearch::NotElf:
         moduleLog.Debug("not an elf file!");
@@ -766,18 +797,36 @@ bool ProcessManager::ProcessManageWithGlobalMod(int pid) {
     if (SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0) {
         return false;
     }
-    AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
-    CompleteRecord(info);
     const std::int64_t mod = ConfigManager::Instance()->GetMod();
     if (mod == MOD_LEARN) {
-        LearnProcess(info);
-    } else if (mod == MOD_DETECT && !ProcessVerify(pid)) {
-        PunishProcess(info);
+        LearnProcess(std::move(info));
+    } else if (mod == MOD_DETECT) {
+        DetectProcess(std::move(info));
     }
     return true;
 }
 
-void ProcessManager::LearnProcess(const ProcessInfo& info) {
+// The verdict first: most programs are trusted, and of those nobody wants to know more.
+void ProcessManager::DetectProcess(ProcessInfo info) {
+    const std::optional<ImageExamination> untrusted = FindUntrustedImage(info.pid, info.path);
+    if (!untrusted) {
+        return;
+    }
+    if (!untrusted->prelinked) {
+        // What a detail lookup would find.
+        info.hash = untrusted->digest;
+        info.detailRetrieved = true;
+    }
+    // Before anything is done to the process: a dead one has no command line.
+    AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
+    const std::string image = info.path;
+    CompleteRecord(info);
+    PunishProcess(info, image);
+}
+
+void ProcessManager::LearnProcess(ProcessInfo info) {
+    AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
+    CompleteRecord(info);
     const SDK::WriteGuard guard(increaseLock);
     if (increaseMap.count(info.path) != 0) {
         moduleLog.Debug("Increament map size [%d]", static_cast<int>(increaseMap.size()));
@@ -788,28 +837,35 @@ void ProcessManager::LearnProcess(const ProcessInfo& info) {
 }
 
 // Reports the untrusted process and, when the policy asks for it and the lists allow it, has it
-// isolated first.
-void ProcessManager::PunishProcess(const ProcessInfo& info) {
-    bool isolated = false;
-    if (IsBlockingInForce()) {
-        isolated = Isolate(info).value_or(false);
+// isolated first. Nothing is written to the log before that: a file system takes its time.
+void ProcessManager::PunishProcess(const ProcessInfo& info, const std::string& image) {
+    std::optional<Isolation> isolation;
+    const bool isBlocking = IsBlockingInForce();
+    if (isBlocking) {
+        isolation = HandToIsolateTask(info);
     }
-    ReportSuspiciousProcess(isolated, info);
+    LogUntrusted(image);
+    if (isBlocking) {
+        LogIsolation(info.path, isolation);
+    }
+    ReportSuspiciousProcess(isolation && isolation->done, info);
 }
 
 std::optional<bool> ProcessManager::Isolate(const ProcessInfo& info) const {
+    const std::optional<Isolation> isolation = HandToIsolateTask(info);
+    LogIsolation(info.path, isolation);
+    return isolation ? std::optional(isolation->done) : std::nullopt;
+}
+
+std::optional<Isolation> ProcessManager::HandToIsolateTask(const ProcessInfo& info) const {
     Poco::AutoPtr<IsolateTask> isolateTask = Framework::Engine::FindTask(ISOLATE_TASK).cast<IsolateTask>();
     if (!isolateTask) {
-        moduleLog.Error("get isolate ptr failed");
         return std::nullopt;
     }
-    bool kill = true;
-    bool chmod = true;
+    Isolation isolation{false, true, true};
     bool quarantine = false;
-    const bool isolated = isolateTask->Isolate(info.pid, info.path, kill, chmod, quarantine);
-    moduleLog.Information("isolate file [%s] ret :%s kill :%s chmod :%s", info.path, ToText(isolated), ToText(kill),
-                          ToText(chmod));
-    return isolated;
+    isolation.done = isolateTask->Isolate(info.pid, info.path, isolation.killed, isolation.unexecutable, quarantine);
+    return isolation;
 }
 
 bool ProcessManager::OnProcessCreate(int pid) {

@@ -21,6 +21,13 @@
 
 namespace Engine {
 
+// What the isolate task did.
+struct Isolation {
+    bool done = false;
+    bool killed = false;
+    bool unexecutable = false;
+};
+
 // The trust engine: every list that decides whether a program may run, the decision, the tracking of
 // processes, and what is reported of it all.
 //
@@ -264,8 +271,15 @@ private:
     ListOpinion AskServerList(ProcessInfo& info) const;
     ListOpinion AskPreset(const std::string& sha256, const PresetMap& preset) const;
 
-    void LearnProcess(const ProcessInfo& info);
-    void PunishProcess(const ProcessInfo& info);
+    // What was looked at of an image that may not run; nothing when the process is let go.
+    std::optional<ImageExamination> FindUntrustedImage(int pid, const std::string& path);
+    // Both take a record that has nothing but its pid and path yet.
+    void LearnProcess(ProcessInfo info);
+    void DetectProcess(ProcessInfo info);
+    // `image` is what the process runs; the record may speak of the script that an interpreter runs.
+    void PunishProcess(const ProcessInfo& info, const std::string& image);
+    // Nothing when there is no isolate task.
+    std::optional<Isolation> HandToIsolateTask(const ProcessInfo& info) const;
 
     void SendReport(const char* type, const std::string& text) const;
     Json::Value DescribeProcess(bool block, const ProcessInfo& info) const;

@@ -1,7 +1,9 @@
 #include "utils/ElfSections.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <span>
 
 #include <elf.h>
 #include <fcntl.h>
@@ -36,15 +38,23 @@ private:
     int mFd;
 };
 
+// Reads many headers at a time: images have some thirty.
 bool HasSection(const OpenFile& file, const Elf64_Ehdr& header, std::uint32_t sectionType) {
-    for (std::uint64_t i = 0; i < header.e_shnum; ++i) {
-        Elf64_Shdr section{};
-        if (file.ReadAt(header.e_shoff + i * sizeof(section), &section, sizeof(section)) != sizeof(section)) {
-            return false;
-        }
-        if (section.sh_type == sectionType) {
+    std::array<Elf64_Shdr, 64> sections; // NOLINT(*-member-init): read fills what is used
+    for (std::size_t done = 0; done < header.e_shnum;) {
+        const std::size_t wanted = std::min<std::size_t>(sections.size(), header.e_shnum - done);
+        const std::size_t size =
+            file.ReadAt(header.e_shoff + done * sizeof(Elf64_Shdr), sections.data(), wanted * sizeof(Elf64_Shdr));
+        const std::size_t whole = size / sizeof(Elf64_Shdr);
+        const auto headers = std::span(sections).first(whole);
+        if (std::any_of(headers.begin(), headers.end(),
+                        [&](const auto& each) { return each.sh_type == sectionType; })) {
             return true;
         }
+        if (whole < wanted) {
+            return false;
+        }
+        done += whole;
     }
     return false;
 }

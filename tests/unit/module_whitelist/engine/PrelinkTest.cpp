@@ -104,6 +104,16 @@ TEST_F(PrelinkTest, SectionsBeyondTheirNumberDoNotCount) {
     EXPECT_FALSE(IsPrelinked(Bytes(Header(1)) + Section(SHT_NULL) + Section(LIBRARY_LIST)));
 }
 
+TEST_F(PrelinkTest, OfManySectionsEachIsLookedAt) {
+    constexpr std::size_t MANY = 200;
+    for (const std::size_t place : {std::size_t{63}, std::size_t{64}, std::size_t{128}, MANY - 1}) {
+        std::vector<std::uint32_t> types(MANY, SHT_PROGBITS);
+        EXPECT_FALSE(IsPrelinked(Elf(types)));
+        types[place] = LIBRARY_LIST;
+        EXPECT_TRUE(IsPrelinked(Elf(types))) << place;
+    }
+}
+
 TEST_F(PrelinkTest, SectionHeadersAreReadWhereTheFileHeaderSays) {
     EXPECT_TRUE(IsPrelinked(Bytes(Header(2, 100)) + std::string(36, '\0') + Section(SHT_NULL) + Section(LIBRARY_LIST)));
 }
