@@ -1,5 +1,11 @@
+#include <array>
 #include <csignal>
-#include <sys/types.h>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "exec/BareLoop.h"
 #include "exec/Figures.h"
@@ -24,16 +30,51 @@ double ToUs(std::chrono::nanoseconds time) {
     return static_cast<double>(time.count()) / 1000;
 }
 
+// A second thread that kills what it is told to: reading and judging are two threads in whatever is not to
+// lose events, and a thread that is woken takes its time.
+class Killer {
+public:
+    Killer() {
+        if (pipe2(mPipe.data(), O_CLOEXEC) != 0) {
+            throw std::runtime_error("no pipe");
+        }
+        mThread = std::thread([this] {
+            for (int pid = 0; read(mPipe[0], &pid, sizeof pid) == sizeof pid;) {
+                kill(pid, SIGKILL);
+            }
+        });
+    }
+    ~Killer() {
+        close(mPipe[1]);
+        mThread.join();
+        close(mPipe[0]);
+    }
+    Killer(const Killer&) = delete;
+    Killer& operator=(const Killer&) = delete;
+
+    void Tell(int pid) const { static_cast<void>(write(mPipe[1], &pid, sizeof pid) < 0); }
+
+private:
+    std::array<int, 2> mPipe{};
+    std::thread mThread;
+};
+
 class KillFigure {
 public:
     explicit KillFigure(const Victim& victim) : mVictim(victim) {}
 
     void Measure(unsigned int round) {
-        for (unsigned int block = 0; block < 2 * BLOCKS; ++block) {
-            if ((block + round) % 2 == 0) {
+        for (unsigned int block = 0; block < 3 * BLOCKS; ++block) {
+            switch ((block + round) % 3) {
+            case 0:
                 MeasureFloor();
-            } else {
+                break;
+            case 1:
+                MeasureTwoThreads();
+                break;
+            default:
                 MeasureProduct();
+                break;
             }
         }
         ReportShare("exec to SIGKILL, p50", 0.5, 1.5);
@@ -43,15 +84,24 @@ public:
 private:
     // The kill goes to what this very process has started, and to nothing else.
     void MeasureFloor() {
+        RunBeside([](int pid) { kill(pid, SIGKILL); }, mFloor);
+    }
+
+    void MeasureTwoThreads() {
+        const Killer killer;
+        RunBeside([&](int pid) { killer.Tell(pid); }, mTwoThreads);
+    }
+
+    void RunBeside(const std::function<void(int pid)>& onExec, std::vector<double>& times) {
         mSubject.Pause();
         {
             Starter starter(mFloorGroup.Path());
             const BareLoop loop([&](int pid, std::uint64_t) {
                 if (pid == starter.GetPid()) {
-                    kill(pid, SIGKILL);
+                    onExec(pid);
                 }
             });
-            Run(starter, mFloor);
+            Run(starter, times);
         }
         mSubject.Resume();
     }
@@ -77,6 +127,7 @@ private:
 
     void ReportShare(const std::string& figure, double share, double limit) const {
         Report({figure, mVictim.name, BARE_LOOP, Percentile(mFloor, share), "us", {}});
+        Report({figure, mVictim.name, "bare loop, two threads", Percentile(mTwoThreads, share), "us", {}});
         Report({figure, mVictim.name, PRODUCT, Percentile(mProduct, share), "us", {AtMost(limit, BARE_LOOP)}});
     }
 
@@ -84,6 +135,7 @@ private:
     Subject mSubject{{}, true};
     TestSupport::TempCgroup mFloorGroup;
     std::vector<double> mFloor;
+    std::vector<double> mTwoThreads;
     std::vector<double> mProduct;
     int mCounter = 0;
 };
