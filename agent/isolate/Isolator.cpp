@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -184,6 +185,9 @@ IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, b
     // The kill first: it is what cannot wait.
     result.killed = kill && Kill(pid, process);
     result.killedNs = result.killed ? SDK::TimeUtils::GetMonotonicNs() : 0;
+    // A process dies on the processor that it ran on last, which may well be this one: what is still to be done
+    // here, files and reports, would hold its death up.
+    sched_yield();
     result.madeUnexecutable = chmod && MakeUnexecutable(path, image);
     return result;
 }
