@@ -34,13 +34,13 @@ ListOpinion OnDigest(const ProcessInfo& entry, const std::string& sha256) {
     return {entry.hash == sha256 ? Reason::VOUCHED_FOR : Reason::OTHER_DIGEST, entry};
 }
 
-ListOpinion OnDigest(const std::vector<ProcessInfo>& group, const std::string& sha256) {
+ListOpinion OnDigest(const TrustGroup& group, const std::string& sha256) {
     const auto found =
-        std::find_if(group.begin(), group.end(), [&](const ProcessInfo& entry) { return entry.hash == sha256; });
+        std::find_if(group.begin(), group.end(), [&](const TrustRecord& entry) { return entry.HasHash(sha256); });
     if (found != group.end()) {
-        return OnDigest(*found, sha256);
+        return OnDigest(found->Expand(), sha256);
     }
-    return group.empty() ? ListOpinion{} : OnDigest(group.front(), sha256);
+    return group.empty() ? ListOpinion{} : OnDigest(group.front().Expand(), sha256);
 }
 
 ListOpinion OnRecord(const ProcessInfo& entry, const ProcessInfo& info) {

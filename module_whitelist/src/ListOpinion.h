@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "ProcessInfo.h"
+#include "TrustRecord.h"
 
 namespace Engine {
 
@@ -33,7 +34,7 @@ namespace list_opinion {
 // By the content alone, whatever the entry's kind. A group is that of one name, in file order; the first
 // entry that vouches is the one.
 ListOpinion OnDigest(const ProcessInfo& entry, const std::string& sha256);
-ListOpinion OnDigest(const std::vector<ProcessInfo>& group, const std::string& sha256);
+ListOpinion OnDigest(const TrustGroup& group, const std::string& sha256);
 
 // The local list's entry of the record's path: a script is vouched for by the path alone.
 ListOpinion OnRecord(const ProcessInfo& entry, const ProcessInfo& info);

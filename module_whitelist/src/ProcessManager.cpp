@@ -1,12 +1,17 @@
 #include "ProcessManager.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <exception>
 #include <fstream>
+#include <iterator>
 #include <new>
+#include <utility>
 
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,6 +66,9 @@ constexpr const char* PYTHON = "python";
 // What remains for an image that is taken out of circulation: its owner may read it.
 constexpr mode_t ISOLATED_MODE = 0400;
 
+// How many entries of the local list are read while its lock is held.
+constexpr std::size_t PORTION_ENTRIES = 256;
+
 constexpr int INIT_PID = 1;
 // In place of a parent: the record speaks of an exit.
 constexpr int EXIT_PARENT = -1;
@@ -103,6 +111,25 @@ void LogUnopened(const char* path) {
     if (realpath(path, resolved) != nullptr) {
         moduleLog.Trace("open file failed.");
     }
+}
+
+// The list says of a record what its entry of that path says.
+ListOpinion OnLocalEntry(const std::optional<ProcessInfo>& entry, ProcessInfo& info) {
+    if (!entry) {
+        return {};
+    }
+    if (info.type != MATCH_PATH) {
+        AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
+    }
+    return list_opinion::OnRecord(*entry, info);
+}
+
+std::vector<ProcessInfo> Expand(const TrustGroup& group) {
+    std::vector<ProcessInfo> entries;
+    entries.reserve(group.size());
+    std::transform(group.begin(), group.end(), std::back_inserter(entries),
+                   [](const TrustRecord& record) { return record.Expand(); });
+    return entries;
 }
 
 // Creates the file empty unless it is there.
@@ -170,6 +197,8 @@ bool ProcessManager::Onstart() {
         // Last, so that the processes found running do not count as new.
         persistedCount.store(CountLocalTrust());
     }
+    // Loading takes more memory than the lists do; the rest goes back.
+    malloc_trim(0);
     return true;
 }
 
@@ -177,6 +206,27 @@ void ProcessManager::Onstop() {
     if (ConfigManager::Instance()->GetMod() == MOD_LEARN) {
         HandleLearnProcessData();
     }
+}
+
+void ProcessManager::BeginBackgroundStoring() {
+    const SDK::WriteGuard guard(storingLock);
+    try {
+        storing = std::make_unique<utils::BackgroundWork>([this] {
+            try {
+                PersistencyLocalProcess();
+            } catch (const std::exception& error) {
+                moduleLog.Error("the local list was not stored: %s", error.what());
+            }
+        });
+    } catch (const std::exception& error) {
+        moduleLog.Warning("the local list is not stored in the background: %s", error.what());
+    }
+}
+
+void ProcessManager::EndBackgroundStoring() {
+    std::unique_ptr<utils::BackgroundWork> ending;
+    const SDK::WriteGuard guard(storingLock);
+    ending.swap(storing);
 }
 
 // ---- Process record as JSON ------------------------------------------------------------------------
@@ -221,7 +271,7 @@ void ProcessManager::ProcessInfo2Json(const ProcessInfo& info, Json::Value& obj)
 
 // ---- Trust stores ----------------------------------------------------------------------------------
 
-bool ProcessManager::ReadLocalTrust(LocalTrustMap& entries) const {
+bool ProcessManager::ReadLocalTrust(TrustRecordSet& entries) const {
     std::string text;
     if (SDK::FileUtils::ReadFile(localTrustFile, text, MAX_FILE_BYTES) != 0 || text.empty()) {
         moduleLog.Error("InitLocalProcessFromFile read file error");
@@ -230,41 +280,46 @@ bool ProcessManager::ReadLocalTrust(LocalTrustMap& entries) const {
     return ParseLocalTrust(text, entries);
 }
 
-bool ProcessManager::ParseLocalTrust(const std::string& text, LocalTrustMap& entries) const {
+bool ProcessManager::ParseLocalTrust(const std::string& text, TrustRecordSet& entries) const {
     moduleLog.Debug("Process Info json is [%s]", text);
-    Json::Value list;
-    if (utils::list_document::Parse(text.data(), text.size(), list) != Shape::List) {
-        moduleLog.Error("ParseProcData failed.");
-        return false;
-    }
-    for (const Json::Value& element : list) {
+    const Shape shape = utils::list_document::Read(text.data(), text.size(), [&](const Json::Value& element) {
         throttle.Check();
         ProcessInfo info;
         if (Json2ProcessInfo(info, element)) {
-            entries.emplace(info.path, info);
+            // Lists are stored in the order of the set.
+            entries.emplace_hint(entries.end(), info);
         }
+    });
+    if (shape != Shape::List) {
+        moduleLog.Error("ParseProcData failed.");
+        return false;
     }
     return true;
 }
 
-void ProcessManager::MergeIntoLocalTrust(LocalTrustMap entries) {
+void ProcessManager::MergeIntoLocalTrust(TrustRecordSet entries) {
     const SDK::WriteGuard guard(localTrustLock);
-    // Keeps what is there: map::merge moves over only what has no equal.
-    localTrustMap.merge(entries);
+    if (localTrustMap.empty()) {
+        localTrustMap.swap(entries);
+    } else {
+        // Keeps what is there: set::merge moves over only what has no equal.
+        localTrustMap.merge(entries);
+    }
 }
 
 // Replaces the list in one step: a program that is judged meanwhile finds the old list or the new
 // one, never an empty one.
 void ProcessManager::ReloadLocalTrust() {
-    LocalTrustMap entries;
+    TrustRecordSet entries;
     ReadLocalTrust(entries);
     const SDK::WriteGuard guard(localTrustLock);
     localTrustMap.swap(entries);
+    ++localTrustGeneration;
     localLoaded.store(true);
 }
 
 bool ProcessManager::InitLocalProcessFromFile() {
-    LocalTrustMap entries;
+    TrustRecordSet entries;
     if (!ReadLocalTrust(entries)) {
         return false;
     }
@@ -274,7 +329,7 @@ bool ProcessManager::InitLocalProcessFromFile() {
 }
 
 bool ProcessManager::ParseJsonProcessInfo(const char* data, std::size_t len) {
-    LocalTrustMap entries;
+    TrustRecordSet entries;
     if (!ParseLocalTrust(std::string(data, len), entries)) {
         return false;
     }
@@ -289,16 +344,43 @@ bool ProcessManager::PersistencyLocalProcess() {
         // The engine has not started yet: what is in memory knows nothing of what was learned before.
         return false;
     }
-    Json::Value list(Json::arrayValue);
-    for (const auto& [path, info] : CopyLocalTrust()) {
-        throttle.Check();
-        ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
-    }
-    const std::string text = utils::list_document::ToText(list);
+    const std::string text = LocalTrustToText();
     if (ConfigManager::Instance()->GetDirMod() && !text.empty()) {
         SendReport(REPORT_FULL_LIST, text);
     }
     return SDK::FileUtils::WriteFile(localTrustFile, text, false) == 0;
+}
+
+// Reads what follows the portion, from the beginning when there is none yet or the list has been replaced.
+// False at the end.
+bool ProcessManager::ReadOnLocalTrust(LocalTrustPortion& portion) const {
+    const std::string lastPath = portion.entries.empty() ? std::string() : portion.entries.back().path;
+    portion.entries.clear();
+    const SDK::ReadGuard guard(localTrustLock);
+    portion.first = portion.generation != localTrustGeneration;
+    portion.generation = localTrustGeneration;
+    auto next = portion.first ? localTrustMap.begin() : localTrustMap.upper_bound(lastPath);
+    for (; next != localTrustMap.end() && portion.entries.size() < PORTION_ENTRIES; ++next) {
+        portion.entries.push_back(next->Expand());
+    }
+    return portion.first || !portion.entries.empty();
+}
+
+std::string ProcessManager::LocalTrustToText() const {
+    utils::list_document::Writer document;
+    LocalTrustPortion portion;
+    while (ReadOnLocalTrust(portion)) {
+        if (portion.first) {
+            document = {};
+        }
+        Json::Value list(Json::arrayValue);
+        for (const ProcessInfo& info : portion.entries) {
+            throttle.Check();
+            ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
+        }
+        document.Append(list);
+    }
+    return document.Finish();
 }
 
 bool ProcessManager::HandleLearnProcessData() {
@@ -345,22 +427,20 @@ void ProcessManager::SyncServerTrustProcess(const char* data, std::size_t len) {
 
 // False, the list as it was, when the document cannot be parsed.
 bool ProcessManager::ReplaceServerTrust(const char* data, std::size_t len) {
-    Json::Value list(Json::arrayValue);
-    const Shape shape = utils::list_document::Parse(data, len, list);
+    std::map<std::string, TrustGroup> groups;
+    const Shape shape = utils::list_document::Read(data, len, [&](const Json::Value& element) {
+        throttle.Check();
+        ProcessInfo info;
+        if (Json2ProcessInfo(info, element)) {
+            groups[info.name].emplace_back(info);
+        }
+    });
     if (shape == Shape::NotJson) {
         moduleLog.Error("parse json of sync service trust process failed");
         return false;
     }
     if (shape == Shape::NoList) {
         moduleLog.Error("sync service trust process json is no expect");
-    }
-    ServerTrustMap groups;
-    for (const Json::Value& element : list) {
-        throttle.Check();
-        ProcessInfo info;
-        if (Json2ProcessInfo(info, element)) {
-            groups[info.name].push_back(info);
-        }
     }
     const SDK::WriteGuard guard(serverTrustLock);
     serverTrustMap.swap(groups);
@@ -432,17 +512,8 @@ bool ProcessManager::LoadPresetProcInfoFromFile(const std::string& file, PresetM
         moduleLog.Error("Read file [%s] failed or empty", file);
         return false;
     }
-    Json::Value list(Json::arrayValue);
-    const Shape shape = utils::list_document::Parse(text.data(), text.size(), list);
-    if (shape == Shape::NotJson) {
-        moduleLog.Error("parse preset json failed");
-        return false;
-    }
-    if (shape == Shape::NoList) {
-        moduleLog.Error("preset json is not expect");
-    }
     PresetMap entries;
-    for (const Json::Value& element : list) {
+    const Shape shape = utils::list_document::Read(text.data(), text.size(), [&](const Json::Value& element) {
         throttle.Check();
         PresetProcessInfo info;
         info.filename = SDK::JsonUtils::GetStringValue(element, "filename", "");
@@ -450,6 +521,13 @@ bool ProcessManager::LoadPresetProcInfoFromFile(const std::string& file, PresetM
         info.os = SDK::JsonUtils::GetStringValue(element, "os", "");
         info.version = SDK::JsonUtils::GetStringValue(element, "version", "");
         entries.emplace(info.sha256, info);
+    });
+    if (shape == Shape::NotJson) {
+        moduleLog.Error("parse preset json failed");
+        return false;
+    }
+    if (shape == Shape::NoList) {
+        moduleLog.Error("preset json is not expect");
     }
     const SDK::WriteGuard guard(presetLock);
     preset.swap(entries);
@@ -520,11 +598,23 @@ bool ProcessManager::IsTrustProcess(ProcessInfo& info) {
 void ProcessManager::Adopt(const ProcessInfo& info) {
     UpdateLocalProcessInfo(info);
     ReportNewTrustProcess(info);
+    StoreAdopted();
+}
+
+void ProcessManager::StoreAdopted() {
+    {
+        const SDK::ReadGuard guard(storingLock);
+        if (storing) {
+            storing->Request();
+            return;
+        }
+    }
     PersistencyLocalProcess();
 }
 
 bool ProcessManager::IsTrustProcessInMap(ProcessInfo& info, LocalTrustMap& byPath) {
-    return AskLocalList(info, byPath).Vouches();
+    const auto entry = byPath.find(info.path);
+    return OnLocalEntry(entry == byPath.end() ? std::nullopt : std::optional(entry->second), info).Vouches();
 }
 
 bool ProcessManager::IsTrustProcessInGlobal(ProcessInfo& info) {
@@ -645,8 +735,9 @@ std::vector<std::string> ProcessManager::GetInterpreterNames() const {
 }
 
 void ProcessManager::UpdateLocalProcessInfo(const ProcessInfo& info) {
+    TrustRecord record(info);
     const SDK::WriteGuard guard(localTrustLock);
-    localTrustMap.emplace(info.path, info);
+    localTrustMap.insert(std::move(record));
 }
 
 // ---- What the decisions are made of ------------------------------------------------------------------
@@ -654,7 +745,7 @@ void ProcessManager::UpdateLocalProcessInfo(const ProcessInfo& info) {
 ListOpinion ProcessManager::AskList(TrustSource list, ProcessInfo& info) const {
     switch (list) {
     case SOURCE_LOCAL:
-        return AskLocalList(info, LocalTrust());
+        return OnLocalEntry(FindLocal(info.path), info);
     case SOURCE_SERVER:
         return AskServerList(info);
     default:
@@ -662,20 +753,10 @@ ListOpinion ProcessManager::AskList(TrustSource list, ProcessInfo& info) const {
     }
 }
 
-ListOpinion ProcessManager::AskLocalList(ProcessInfo& info, const LocalTrustMap& byPath) const {
-    ProcessInfo entry;
-    {
-        const SDK::ReadGuard guard(localTrustLock);
-        const auto stored = byPath.find(info.path);
-        if (stored == byPath.end()) {
-            return {};
-        }
-        entry = stored->second;
-    }
-    if (info.type != MATCH_PATH) {
-        AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
-    }
-    return list_opinion::OnRecord(entry, info);
+std::optional<ProcessInfo> ProcessManager::FindLocal(const std::string& path) const {
+    const SDK::ReadGuard guard(localTrustLock);
+    const auto entry = localTrustMap.find(path);
+    return entry == localTrustMap.end() ? std::nullopt : std::optional(entry->Expand());
 }
 
 ListOpinion ProcessManager::AskServerList(ProcessInfo& info) const {
@@ -686,7 +767,7 @@ ListOpinion ProcessManager::AskServerList(ProcessInfo& info) const {
         if (found == serverTrustMap.end()) {
             return {};
         }
-        group = found->second;
+        group = Expand(found->second);
     }
     if (list_opinion::HasSameKind(group, info)) {
         AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
@@ -705,9 +786,8 @@ ListOpinion ProcessManager::AskPreset(const std::string& sha256, const PresetMap
 
 ListOpinion ProcessManager::AskList(TrustSource list, const std::string& sha256, const std::string& path) const {
     if (list == SOURCE_LOCAL) {
-        const SDK::ReadGuard guard(localTrustLock);
-        const auto stored = localTrustMap.find(path);
-        return stored == localTrustMap.end() ? ListOpinion{} : list_opinion::OnDigest(stored->second, sha256);
+        const std::optional<ProcessInfo> entry = FindLocal(path);
+        return entry ? list_opinion::OnDigest(*entry, sha256) : ListOpinion{};
     }
     if (list == SOURCE_SERVER) {
         const SDK::ReadGuard guard(serverTrustLock);
@@ -965,7 +1045,11 @@ bool ProcessManager::GetIncreaseProcess(std::string& out) {
         }
     }
     out = utils::list_document::ToText(list);
-    MergeIntoLocalTrust(std::move(learned));
+    TrustRecordSet records;
+    for (const auto& [path, info] : learned) {
+        records.emplace_hint(records.end(), info);
+    }
+    MergeIntoLocalTrust(std::move(records));
     return true;
 }
 
@@ -1081,13 +1165,26 @@ void ProcessManager::SendModRunErrorMessage(const char* text) {
 // ---- What an operator may look at ------------------------------------------------------------------
 
 ProcessManager::LocalTrustMap ProcessManager::CopyLocalTrust() const {
-    const SDK::ReadGuard guard(localTrustLock);
-    return localTrustMap;
+    LocalTrustMap entries;
+    LocalTrustPortion portion;
+    while (ReadOnLocalTrust(portion)) {
+        if (portion.first) {
+            entries.clear();
+        }
+        for (const ProcessInfo& info : portion.entries) {
+            entries.emplace_hint(entries.end(), info.path, info);
+        }
+    }
+    return entries;
 }
 
 ProcessManager::ServerTrustMap ProcessManager::CopyServerTrust() const {
+    ServerTrustMap groups;
     const SDK::ReadGuard guard(serverTrustLock);
-    return serverTrustMap;
+    for (const auto& [name, group] : serverTrustMap) {
+        groups.emplace(name, Expand(group));
+    }
+    return groups;
 }
 
 ProcessManager::PresetMap ProcessManager::CopyOsPreset() const {

@@ -16,8 +16,10 @@
 #include "Exemption.h"
 #include "ListOpinion.h"
 #include "ProcessInfo.h"
+#include "TrustRecord.h"
 #include "framework/Task.h"
 #include "sdk/RwLock.h"
+#include "utils/BackgroundWork.h"
 
 namespace Engine {
 
@@ -41,6 +43,10 @@ struct Isolation {
 // What is learned passes through the increase map:
 //
 //     learned by an event  ──►  increaseMap  ──drained by a report──►  localTrustMap ──►  its file
+//
+// An entry that a decision adds to the local list (Adopt) is stored by a thread of this class's own while
+// one runs (BeginBackgroundStoring), so that no event waits for a disk; otherwise before the decision
+// returns. Storing looks at the list a few entries at a time, so that nobody waits long for its lock.
 //
 // One instance. Process events come on one thread, commands on another, the reporting and clock
 // tasks on theirs; every table has a lock, each is taken for its table alone and no two are ever held
@@ -80,6 +86,11 @@ public:
     bool Onstart();
     // In learning mode persists what was learned.
     void Onstop();
+
+    // From one to the other, adopted entries are stored in the background, adoptions in quick succession
+    // once; EndBackgroundStoring returns when all are. Without a thread everything goes on as before.
+    void BeginBackgroundStoring();
+    void EndBackgroundStoring();
 
     // ---- Process record as JSON ----------------------------------------------------------------------
 
@@ -256,10 +267,20 @@ public:
 private:
     ProcessManager() = default;
 
-    bool ReadLocalTrust(LocalTrustMap& entries) const;
-    bool ParseLocalTrust(const std::string& text, LocalTrustMap& entries) const;
-    void MergeIntoLocalTrust(LocalTrustMap entries);
+    // Some successive entries of the local list, and where they came from.
+    struct LocalTrustPortion {
+        std::vector<ProcessInfo> entries;
+        bool first = true;            // the entries begin the list; those before were of one that was replaced
+        std::uint64_t generation = 0; // of the list that they come from
+    };
+
+    bool ReadLocalTrust(TrustRecordSet& entries) const;
+    bool ParseLocalTrust(const std::string& text, TrustRecordSet& entries) const;
+    void MergeIntoLocalTrust(TrustRecordSet entries);
     void ReloadLocalTrust();
+    bool ReadOnLocalTrust(LocalTrustPortion& portion) const;
+    std::string LocalTrustToText() const;
+    void StoreAdopted();
 
     bool ReadServerTrustFile(std::string& text) const;
     bool ReplaceServerTrust(const char* data, std::size_t len);
@@ -267,7 +288,7 @@ private:
 
     void ConsiderRunningProcess(ProcessInfo info);
     void Adopt(const ProcessInfo& info);
-    ListOpinion AskLocalList(ProcessInfo& info, const LocalTrustMap& byPath) const;
+    std::optional<ProcessInfo> FindLocal(const std::string& path) const;
     ListOpinion AskServerList(ProcessInfo& info) const;
     ListOpinion AskPreset(const std::string& sha256, const PresetMap& preset) const;
 
@@ -287,8 +308,6 @@ private:
     // The preset maps as what they are named by, for calls that take the lock themselves.
     PresetMap& OsPresetMap() NO_THREAD_SAFETY_ANALYSIS { return osPresetMap; }
     PresetMap& ServicePresetMap() NO_THREAD_SAFETY_ANALYSIS { return servicePresetMap; }
-    LocalTrustMap& LocalTrust() NO_THREAD_SAFETY_ANALYSIS { return localTrustMap; }
-    const LocalTrustMap& LocalTrust() const NO_THREAD_SAFETY_ANALYSIS { return localTrustMap; }
     const PresetMap& PresetOf(TrustSource list) const NO_THREAD_SAFETY_ANALYSIS {
         return list == SOURCE_OS_PRESET ? osPresetMap : servicePresetMap;
     }
@@ -296,9 +315,10 @@ private:
     std::map<std::int32_t, ProcessInfo> allProcessMap GUARDED_BY(allProcessLock);
     mutable SDK::RwLock allProcessLock;
     mutable SDK::RwLock serverTrustLock;
-    ServerTrustMap serverTrustMap GUARDED_BY(serverTrustLock);
-    LocalTrustMap localTrustMap GUARDED_BY(localTrustLock);
-    LocalTrustMap increaseMap GUARDED_BY(increaseLock); // by path
+    std::map<std::string, TrustGroup> serverTrustMap GUARDED_BY(serverTrustLock); // by name
+    TrustRecordSet localTrustMap GUARDED_BY(localTrustLock);
+    std::uint64_t localTrustGeneration GUARDED_BY(localTrustLock) = 1; // counts replacements of the list
+    LocalTrustMap increaseMap GUARDED_BY(increaseLock);                // by path
     mutable SDK::RwLock increaseLock;
     PresetMap osPresetMap GUARDED_BY(presetLock);
     PresetMap servicePresetMap GUARDED_BY(presetLock);
@@ -315,8 +335,10 @@ private:
     mutable SDK::RwLock localTrustLock;
     mutable SDK::RwLock reportTaskLock;
     mutable SDK::RwLock interpreterLock;
-    mutable std::mutex prelinkLock;       // one user of an undone image's temporary file at a time
-    std::mutex persistLock;               // one writer of the local list's file at a time
+    mutable std::mutex prelinkLock; // one user of an undone image's temporary file at a time
+    std::mutex persistLock;         // one writer of the local list's file at a time
+    SDK::RwLock storingLock;
+    std::unique_ptr<utils::BackgroundWork> storing GUARDED_BY(storingLock);
     std::atomic<bool> localLoaded{false}; // the local list was loaded from its file at least once
 };
 

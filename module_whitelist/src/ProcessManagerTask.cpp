@@ -52,6 +52,7 @@ int ProcessManagerTask::Run() {
     for (const unsigned int kind : {ProcsMessage::KIND_EXEC, ProcsMessage::KIND_FORK, ProcsMessage::KIND_EXIT}) {
         SendDirectMsg(PROCS_REAL_TASK, new ProcsRegistMessage(kind, this));
     }
+    ProcessManager::Instance()->BeginBackgroundStoring();
     if (!ProcessManager::Instance()->Onstart()) {
         moduleLog.Error("ProcessManager ON START ERROR");
     }
@@ -66,6 +67,7 @@ int ProcessManagerTask::Run() {
 
 bool ProcessManagerTask::UnInit() {
     moduleLog.Debug("UnInit  process manager task");
+    ProcessManager::Instance()->EndBackgroundStoring();
     ProcessManager::Instance()->Onstop();
     return Framework::Task::UnInit();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 #include <json/value.h>
@@ -16,8 +17,14 @@ enum class Shape {
     List,
 };
 
-// Reads the entries out of exactly `length` bytes; `entries` is set only with Shape::List.
-Shape Parse(const char* text, std::size_t length, Json::Value& entries);
+using TakeEntry = std::function<void(const Json::Value& entry)>;
+
+// Reads the entries out of exactly `length` bytes and calls `take` with each, in their order. What was
+// taken is the list with Shape::List; otherwise it is to be dropped, if there is any.
+//
+// A document that holds nothing else, and no lists within its entries, as those that agents and servers
+// write, is read an entry at a time: memory is needed for one, not for all.
+Shape Read(const char* text, std::size_t length, const TakeEntry& take);
 
 // True, `entries` set to the array, when `document` holds one under `key`.
 bool TakeList(const Json::Value& document, const char* key, Json::Value& entries);
@@ -25,5 +32,18 @@ bool TakeList(const Json::Value& document, const char* key, Json::Value& entries
 // A document of these entries (an array) or, where a report speaks of one process, of this one entry
 // (an object), as text.
 std::string ToText(const Json::Value& entries);
+
+// Puts the text of a document together, the bytes that ToText makes of all the entries at once.
+class Writer {
+public:
+    // Adds the entries (an array) behind those that are there.
+    void Append(const Json::Value& entries);
+
+    // Ends the document; the writer is used up.
+    std::string Finish();
+
+private:
+    std::string mText;
+};
 
 } // namespace utils::list_document

@@ -7,6 +7,7 @@ namespace EngineTest {
 namespace {
 
 using Engine::ListOpinion;
+using Engine::TrustGroup;
 using Engine::list_opinion::OnDigest;
 using Engine::list_opinion::OnRecord;
 using Reason = Engine::ListOpinion::Reason;
@@ -79,10 +80,12 @@ TEST(ListOpinionTest, ADigestIsComparedWhateverTheKind) {
     const ProcessInfo entry = Record("/bin/tool", "aa", SCRIPT);
     ExpectOpinion(OnDigest(entry, "aa"), Reason::VOUCHED_FOR, "/bin/tool");
     ExpectOpinion(OnDigest(entry, "bb"), Reason::OTHER_DIGEST, "/bin/tool");
-    const Group group = {Record("/1/tool", "bb"), entry};
+    TrustGroup group;
+    group.emplace_back(Record("/1/tool", "bb"));
+    group.emplace_back(entry);
     ExpectOpinion(OnDigest(group, "aa"), Reason::VOUCHED_FOR, "/bin/tool");
     ExpectOpinion(OnDigest(group, "cc"), Reason::OTHER_DIGEST, "/1/tool");
-    ExpectUnknown(OnDigest(Group{}, "aa"));
+    ExpectUnknown(OnDigest(TrustGroup{}, "aa"));
 }
 
 // ---- The lists of the engine -----------------------------------------------------------------------

@@ -1,5 +1,7 @@
 corvalent_add_test(whitelist_trust_stores_test ${TEST_DIR}/ProcessRecordTest.cpp ${TEST_DIR}/TrustStoresTest.cpp
   LIBS whitelist_objects OpenSSL::Crypto)
+corvalent_add_test(whitelist_list_storage_test ${TEST_DIR}/TrustRecordTest.cpp ${TEST_DIR}/ListDocumentTest.cpp
+  ${TEST_DIR}/BackgroundStoringTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
 corvalent_add_test(whitelist_presets_test ${TEST_DIR}/PresetListsTest.cpp
   LIBS whitelist_objects PkgConfig::HTTPLIB OpenSSL::SSL OpenSSL::Crypto)
 corvalent_add_test(whitelist_decision_test ${TEST_DIR}/TrustDecisionTest.cpp ${TEST_DIR}/PrelinkTest.cpp

@@ -1,0 +1,40 @@
+#include "utils/BackgroundWork.h"
+
+#include <utility>
+
+namespace utils {
+
+BackgroundWork::BackgroundWork(std::function<void()> work) : mWork(std::move(work)), mThread([this] { Run(); }) {}
+
+BackgroundWork::~BackgroundWork() {
+    {
+        const std::lock_guard guard(mMutex);
+        mEnding = true;
+    }
+    mChanged.notify_one();
+    mThread.join();
+}
+
+void BackgroundWork::Request() {
+    {
+        const std::lock_guard guard(mMutex);
+        mRequested = true;
+    }
+    mChanged.notify_one();
+}
+
+void BackgroundWork::Run() {
+    std::unique_lock lock(mMutex);
+    for (;;) {
+        mChanged.wait(lock, [this] { return mRequested || mEnding; });
+        if (!mRequested) {
+            return;
+        }
+        mRequested = false;
+        lock.unlock();
+        mWork();
+        lock.lock();
+    }
+}
+
+} // namespace utils
