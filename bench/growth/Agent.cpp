@@ -1,0 +1,32 @@
+#include "growth/Agent.h"
+
+#include <stdexcept>
+#include <string>
+
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include "ConfigManager.h"
+
+namespace Bench {
+
+Agent::Agent(Mode mode)
+    : engine(*Engine::ProcessManager::Instance()), mReporter(new TestSupport::IdleTask("reporter")) {
+    Poco::Logger::setLevel("", Poco::Message::PRIO_FATAL);
+    const bool learning = mode == Mode::Learning;
+    root.Write("conf/modwhitelist.ini", std::string("[Driver]\nLearnTime=") + (learning ? "0" : "1440") +
+                                            "\nLearnMod=" + (learning ? "1" : "3") + "\n");
+    const std::string policy = std::string(R"({"content":{"dir_mod":)") + (learning ? "false" : "true") +
+                               R"(,"action_block":false,"learning_days":1,"dirs":[],"exts":[]}})";
+    Engine::ConfigManager& config = *Engine::ConfigManager::Instance();
+    if (!config.Init() || !config.ParsePolicy(policy.c_str()) ||
+        !engine.Init(static_cast<Framework::Task*>(mReporter.get()))) {
+        throw std::runtime_error("the trust engine cannot be set up");
+    }
+}
+
+Agent::~Agent() {
+    engine.ForgetTask(mReporter.get());
+}
+
+} // namespace Bench
