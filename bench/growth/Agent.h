@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include <Poco/AutoPtr.h>
 
 #include "ProcessManager.h"
@@ -15,7 +18,8 @@ class Agent {
 public:
     enum class Mode { Learning, Directory };
 
-    explicit Agent(Mode mode);
+    // In directory mode the directories are the policy's.
+    explicit Agent(Mode mode, const std::vector<std::string>& dirs = {});
     ~Agent();
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;

@@ -14,6 +14,7 @@ void MeasureMemory(int round);
 void MeasureWaiting(int round);
 void MeasureLookUp(int round);
 void MeasureStart(int round);
+void MeasureFileEvents(int round);
 
 inline double Seconds(const std::function<void()>& work) {
     const auto begin = std::chrono::steady_clock::now();

@@ -17,12 +17,13 @@ int Main(int argc, char** argv) {
     std::string only;
     CLI::App app("One round of the figures about start, memory and growth, as lines of JSON.");
     app.add_option("--round", round, "the number of this round: another series begins in each");
-    app.add_option("--only", only, "measure this alone: memory, load, store, waiting, start, lookup");
+    app.add_option("--only", only, "measure this alone: memory, load, store, waiting, start, lookup, files");
     CLI11_PARSE(app, argc, argv);
     // Memory first, while the heap is small.
     const std::vector<std::pair<std::string, std::function<void(int)>>> figures = {
-        {"memory", Bench::MeasureMemory},   {"load", Bench::MeasureLoad},   {"store", Bench::MeasureStore},
-        {"waiting", Bench::MeasureWaiting}, {"start", Bench::MeasureStart}, {"lookup", Bench::MeasureLookUp},
+        {"memory", Bench::MeasureMemory},    {"load", Bench::MeasureLoad},   {"store", Bench::MeasureStore},
+        {"waiting", Bench::MeasureWaiting},  {"start", Bench::MeasureStart}, {"lookup", Bench::MeasureLookUp},
+        {"files", Bench::MeasureFileEvents},
     };
     for (const auto& [name, measure] : figures) {
         if (only.empty() || only == name) {
