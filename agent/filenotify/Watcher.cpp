@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/fanotify.h>
@@ -77,19 +78,15 @@ std::string Explain(int error) {
     }
 }
 
-// The path of an open file as this process sees it; empty when it has none that fits.
-std::string PathOf(const SDK::FileDescriptor& file) {
-    std::array<char, PATH_MAX + 1> target{};
-    const std::string link = "/proc/self/fd/" + std::to_string(file.Get());
-    const ssize_t length = readlink(link.c_str(), target.data(), target.size());
-    const bool fits = length > 0 && static_cast<std::size_t>(length) < target.size();
-    return fits ? std::string(target.data(), static_cast<std::size_t>(length)) : std::string();
-}
-
 } // namespace
 
 std::unique_ptr<Watcher> Watcher::Create(const FileNotifyWatchMessage& first, std::string& problem) {
     std::unique_ptr<Watcher> watcher(new Watcher(first));
+    watcher->mDescriptors.Reset(open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!watcher->mDescriptors.IsOpen()) {
+        problem = std::string("/proc/self/fd cannot be opened: ") + std::strerror(errno);
+        return nullptr;
+    }
     if (!watcher->mGroup.Open(problem)) {
         return nullptr;
     }
@@ -199,21 +196,20 @@ std::size_t Watcher::ReadBatch(Framework::Task* task) {
     CountDropped(mBatch.unreadable);
     mScopeOfBatch.clear();
     for (const FileAccess& access : mBatch.accesses) {
-        HandleAccess(access, task);
+        HandleAccess(access);
     }
     mBatch.Clear();
+    PostAll(task);
     return taken;
 }
 
-void Watcher::HandleAccess(const FileAccess& access, Framework::Task* task) {
+void Watcher::HandleAccess(const FileAccess& access) {
     try {
         if (IsIgnored(access.pid)) {
             mOwn.Add();
         } else if (!IsInScope(access.pid)) {
             mUnscoped.Add();
-        } else if (Post(access, task)) {
-            mPosted.Add();
-        } else {
+        } else if (!AddToPosts(access)) {
             CountDropped(1);
         }
     } catch (const std::exception&) {
@@ -221,13 +217,38 @@ void Watcher::HandleAccess(const FileAccess& access, Framework::Task* task) {
     }
 }
 
-bool Watcher::Post(const FileAccess& access, Framework::Task* task) const {
-    const std::string path = PathOf(access.file);
-    if (task == nullptr || path.empty()) {
+// False for a file that has no path.
+bool Watcher::AddToPosts(const FileAccess& access) {
+    std::string path = PathOf(access.file);
+    if (path.empty()) {
         return false;
     }
-    std::shared_ptr<Framework::Message> message = std::make_shared<FileNotifyMessage>(access.pid, path);
-    return task->EnqueueMsg(message);
+    mPosts.push_back(std::make_shared<FileNotifyMessage>(access.pid, std::move(path)));
+    return true;
+}
+
+// Sends what the batch has come to.
+void Watcher::PostAll(Framework::Task* task) {
+    std::size_t posted = 0;
+    try {
+        posted = task == nullptr ? 0 : task->EnqueueMsgs(mPosts);
+    } catch (const std::exception&) {
+        // Nothing was sent: the queue's own storage is there from the beginning.
+        posted = 0;
+    }
+    mPosted.Add(posted);
+    CountDropped(mPosts.size() - posted);
+    mPosts.clear();
+}
+
+// The path of an open file as this process sees it; empty when it has none that fits. From the folder of
+// descriptors, so that the way there is not looked up each time.
+std::string Watcher::PathOf(const SDK::FileDescriptor& file) const {
+    std::array<char, PATH_MAX + 1> target; // NOLINT(*-member-init): what is used is filled
+    const std::string name = std::to_string(file.Get());
+    const ssize_t length = readlinkat(mDescriptors.Get(), name.c_str(), target.data(), target.size());
+    const bool fits = length > 0 && static_cast<std::size_t>(length) < target.size();
+    return fits ? std::string(target.data(), static_cast<std::size_t>(length)) : std::string();
 }
 
 // A process of another pid namespace has no number here by which it could be judged.

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include <Poco/AutoPtr.h>
 
@@ -76,8 +77,10 @@ private:
     void AwaitRoom(const Framework::Task& task);
     bool Pause(int milliseconds) const;
     std::size_t ReadBatch(Framework::Task* task);
-    void HandleAccess(const FileAccess& access, Framework::Task* task);
-    bool Post(const FileAccess& access, Framework::Task* task) const;
+    void HandleAccess(const FileAccess& access);
+    std::string PathOf(const SDK::FileDescriptor& file) const;
+    bool AddToPosts(const FileAccess& access);
+    void PostAll(Framework::Task* task);
     bool IsInScope(int pid);
     bool IsIgnored(int pid) const;
     Poco::AutoPtr<Framework::Task> FindTask() const;
@@ -88,13 +91,15 @@ private:
     const std::string mTaskName;
     const std::uint64_t mTaskInstance;
     const std::set<std::int32_t> mIgnoredPids;
+    SDK::FileDescriptor mDescriptors; // /proc/self/fd
     FanotifyGroup mGroup;
     Marks mMarks;
     std::size_t mFailedMarks = 0;
 
     // Reader thread only.
     FanotifyGroup::Batch mBatch;
-    std::unordered_map<int, bool> mScopeOfBatch; // the scope of a process, asked once a batch
+    std::unordered_map<int, bool> mScopeOfBatch;             // the scope of a process, asked once a batch
+    std::vector<std::shared_ptr<Framework::Message>> mPosts; // of this batch, sent together
     std::chrono::steady_clock::time_point mLossLogged;
 
     Framework::Counter& mRead;

@@ -67,11 +67,33 @@ bool Task::EnqueueMsg(std::shared_ptr<Message>& message) {
         return true;
     }
     if (!mQueue.Enqueue(message)) {
-        CountLoss();
+        CountLosses(1);
         return false;
     }
     mEvent.Signal();
     return true;
+}
+
+std::size_t Task::EnqueueMsgs(const std::vector<std::shared_ptr<Message>>& messages) {
+    std::vector<std::shared_ptr<Message>> queued;
+    queued.reserve(messages.size());
+    for (std::shared_ptr<Message> message : messages) {
+        if (!InterceptMsg(message)) {
+            queued.push_back(std::move(message));
+        }
+    }
+    if (queued.empty()) {
+        return messages.size();
+    }
+    const std::size_t taken = mQueue.EnqueueBulk(queued, static_cast<int>(queued.size()));
+    if (taken > 0) {
+        mEvent.Signal();
+    }
+    const std::size_t lost = queued.size() - taken;
+    if (lost > 0) {
+        CountLosses(lost);
+    }
+    return messages.size() - lost;
 }
 
 bool Task::InterceptMsg(std::shared_ptr<Message>& /*message*/) {
@@ -175,10 +197,10 @@ void Task::HandleGuarded(const Message* message) {
     CallGuarded("task", name(), "HandleMsg", [this, message] { HandleMsg(message); });
 }
 
-void Task::CountLoss() {
+void Task::CountLosses(std::size_t count) {
     static Counter& allLost = Counters::Of("queue.lost");
-    allLost.Add();
-    const std::uint64_t lost = mLost.fetch_add(1, std::memory_order_relaxed) + 1;
+    allLost.Add(count);
+    const std::uint64_t lost = mLost.fetch_add(count, std::memory_order_relaxed) + count;
     const std::int64_t nowMs = NowMs();
     std::int64_t lastMs = mLastLossLoggedMs.load(std::memory_order_relaxed);
     const bool due = lastMs == 0 || nowMs - lastMs >= LOSS_LOG_INTERVAL_MS;

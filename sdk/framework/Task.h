@@ -1,9 +1,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <Poco/Task.h>
 
@@ -47,6 +49,10 @@ public:
     // Puts a message in the queue and wakes the task. False when the queue is full or the message is
     // null. Thread-safe.
     virtual bool EnqueueMsg(std::shared_ptr<Message>& message);
+
+    // The same with several messages, none of them null, in their order: the task is woken once. Returns how
+    // many were taken, which are the first ones.
+    std::size_t EnqueueMsgs(const std::vector<std::shared_ptr<Message>>& messages);
 
     // Called first thing by EnqueueMsg, on the sender's thread: true takes the message out of the
     // queue's hands. The default takes none.
@@ -101,7 +107,7 @@ private:
     void RunPeriodically();
     void RunGuarded();
     void HandleGuarded(const Message* message);
-    void CountLoss();
+    void CountLosses(std::size_t count);
 
     const std::string mFeatureName;
     const std::uint64_t mInstanceId;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "framework/Message.h"
 #include "modules/AbstractMessageReceiver.h"
@@ -13,7 +14,7 @@ namespace Engine {
 // file that has been removed since carries the kernel's " (deleted)" behind it.
 class FileNotifyMessage : public Framework::Message {
 public:
-    FileNotifyMessage(int pid, const std::string& path) : mPid(pid), mPath(path) {}
+    FileNotifyMessage(int pid, std::string path) : mPid(pid), mPath(std::move(path)) {}
 
     int GetEventProcessId() const { return mPid; }
     const std::string& GetEventFilePath() const { return mPath; }

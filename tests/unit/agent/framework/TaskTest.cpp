@@ -358,6 +358,24 @@ TEST(Task, AnInterceptedMessageNeverReachesTheQueue) {
     EXPECT_THAT(task->Numbers(), ElementsAre(1));
 }
 
+TEST(Task, OfSeveralMessagesTheFirstOnesAreTakenAndTheRestAreLost) {
+    Poco::AutoPtr<InterceptingTask> task(new InterceptingTask("task", ScriptedTask::HandleMessagesUntilStopped, 4));
+    const Growth lost("queue.lost");
+    std::vector<std::shared_ptr<Framework::Message>> messages;
+    for (const int number : {1, -1, 2, 3, 4, 5, 6}) {
+        messages.push_back(std::make_shared<NumberMessage>(number));
+    }
+    // Four in the queue, and the one that never gets there.
+    EXPECT_EQ(task->EnqueueMsgs(messages), 5U);
+    EXPECT_TRUE(task->taken);
+    EXPECT_EQ(task->GetLostCount(), 2U);
+    EXPECT_EQ(lost.Now(), 2U);
+    EXPECT_EQ(task->Wait(0, 16), 4);
+    EXPECT_THAT(task->Numbers(), ElementsAre(1, 2, 3, 4));
+    EXPECT_EQ(task->EnqueueMsgs({}), 0U);
+    EXPECT_EQ(task->Wait(0, 16), -1);
+}
+
 TEST(Task, TheDefaultHandlerDeliversToTheTasksOwnReceiver) {
     Poco::AutoPtr<ReceiverTask> task(new ReceiverTask);
     std::shared_ptr<Framework::Message> message = std::make_shared<Engine::ProcsMessage>(42, 3, nullptr);
