@@ -130,10 +130,10 @@ public:
     }
     void GoOn() const { kill(mChild, SIGCONT); }
 
-    // Returns when as many more have been judged as since the last call.
-    void AwaitJudged(std::uint64_t count) {
-        mAwaited += count;
-        while (mShared->judged.load() + mShared->lost.load() < mAwaited) {
+    // Of all that there have been.
+    std::uint64_t CountJudged() const { return mShared->judged.load(); }
+    void AwaitJudged(std::uint64_t count) const {
+        while (mShared->judged.load() + mShared->lost.load() < count) {
             std::this_thread::sleep_for(LOOK_INTERVAL);
         }
         Require(mShared->lost.load() == 0, "file events were lost");
@@ -183,7 +183,6 @@ private:
 
     Shared* mShared = nullptr;
     pid_t mChild = -1;
-    std::uint64_t mAwaited = 0;
 };
 
 constexpr const char* JUDGED = "file events judged in directory mode";
@@ -209,24 +208,23 @@ void MeasureAgent(const Folder& folder) {
     agent.AwaitJudged(FILES);
     double openSeconds = 0;
     double judgeSeconds = 0;
-    for (int i = 0; i < BURSTS; ++i) {
+    double judged = 0;
+    for (std::uint64_t opened = FILES; opened < FILES * (1 + 2 * BURSTS);) {
         openSeconds += Seconds([&] { folder.OpenAll(); });
-        agent.AwaitJudged(FILES);
+        opened += FILES;
+        agent.AwaitJudged(opened);
         agent.Halt();
         folder.OpenAll();
-        judgeSeconds += Seconds([&] {
-            agent.GoOn();
-            agent.AwaitJudged(FILES);
-        });
+        opened += FILES;
+        agent.GoOn();
+        // Events are read some milliseconds late, on purpose; the rate counts from the first.
+        agent.AwaitJudged(opened - FILES + 1);
+        judged += static_cast<double>(opened - agent.CountJudged());
+        judgeSeconds += Seconds([&] { agent.AwaitJudged(opened); });
     }
     Report(
         {COST, "", "corvalent", openSeconds / (BURSTS * FILES) * US, "us", {{Goal::Bound::AtMost, 1.05, "idle mark"}}});
-    Report({JUDGED,
-            "",
-            "corvalent",
-            BURSTS * FILES / judgeSeconds,
-            "1/s",
-            {{Goal::Bound::AtLeast, 0.5, "read and close"}}});
+    Report({JUDGED, "", "corvalent", judged / judgeSeconds, "1/s", {{Goal::Bound::AtLeast, 0.5, "read and close"}}});
 }
 
 } // namespace
