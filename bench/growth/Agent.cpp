@@ -35,6 +35,8 @@ Agent::Agent(Mode mode, const std::vector<std::string>& dirs)
         !engine.Init(static_cast<Framework::Task*>(mReporter.get()))) {
         throw std::runtime_error("the trust engine cannot be set up");
     }
+    // Forgets the lists of the agent before.
+    engine.Onstart();
 }
 
 Agent::~Agent() {

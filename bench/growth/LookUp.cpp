@@ -40,7 +40,6 @@ std::vector<std::size_t> Draw(std::size_t count, unsigned seed) {
 void MeasureLookUp(int round) {
     for (const std::size_t count : {100U, 10000U, 1000000U}) {
         Agent agent(Agent::Mode::Learning);
-        agent.engine.Onstart();
         const std::vector<TrustEntry> entries = MakeEntries("", count);
         for (const TrustEntry& entry : entries) {
             agent.engine.UpdateLocalProcessInfo(ToRecord(entry));
@@ -62,8 +61,6 @@ void MeasureLookUp(int round) {
         if (found != LOOK_UPS) {
             throw std::runtime_error("a look-up went wrong");
         }
-        agent.root.Write("conf/whitelist.data", "");
-        agent.engine.Onstart();
     }
 }
 

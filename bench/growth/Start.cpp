@@ -111,7 +111,6 @@ void MeasureStart(int round) {
     const Sleepers sleepers;
     Agent agent(round % 4 < 2 ? Agent::Mode::Learning : Agent::Mode::Directory);
     const char* mode = round % 4 < 2 ? "learning" : "directory mode";
-    agent.engine.Onstart();
     const auto floor = [&] {
         const double seconds = Seconds([&] {
             for (const std::string& image : sleepers.Images()) {
