@@ -87,8 +87,8 @@ public:
     // In learning mode persists what was learned.
     void Onstop();
 
-    // From one to the other, adopted entries are stored in the background, adoptions in quick succession
-    // once; EndBackgroundStoring returns when all are. Without a thread everything goes on as before.
+    // From one to the other, adopted entries are stored in the background, the list once for each adoption;
+    // EndBackgroundStoring returns when all are. Where no thread can be had they are stored at once.
     void BeginBackgroundStoring();
     void EndBackgroundStoring();
 

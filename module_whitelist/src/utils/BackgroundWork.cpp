@@ -18,7 +18,7 @@ BackgroundWork::~BackgroundWork() {
 void BackgroundWork::Request() {
     {
         const std::lock_guard guard(mMutex);
-        mRequested = true;
+        ++mRequests;
     }
     mChanged.notify_one();
 }
@@ -26,11 +26,11 @@ void BackgroundWork::Request() {
 void BackgroundWork::Run() {
     std::unique_lock lock(mMutex);
     for (;;) {
-        mChanged.wait(lock, [this] { return mRequested || mEnding; });
-        if (!mRequested) {
+        mChanged.wait(lock, [this] { return mRequests > 0 || mEnding; });
+        if (mRequests == 0) {
             return;
         }
-        mRequested = false;
+        --mRequests;
         lock.unlock();
         mWork();
         lock.lock();

@@ -12,7 +12,7 @@
 namespace EngineTest {
 namespace {
 
-TEST(BackgroundWorkTest, RequestsThatComeMeanwhileAreMetOnceMore) {
+TEST(BackgroundWorkTest, EachRequestIsDoneOnceAlsoThoseThatComeMeanwhile) {
     std::promise<void> begun;
     std::promise<void> released;
     std::atomic<int> turns{0};
@@ -29,7 +29,7 @@ TEST(BackgroundWorkTest, RequestsThatComeMeanwhileAreMetOnceMore) {
         work.Request();
         released.set_value();
     }
-    EXPECT_EQ(turns, 2);
+    EXPECT_EQ(turns, 3);
 }
 
 TEST(BackgroundWorkTest, NothingIsDoneUnasked) {
@@ -76,8 +76,7 @@ TEST_F(BackgroundStoringTest, WhatWasAdoptedIsStoredWhenItEnds) {
     EXPECT_EQ(root.Read("conf/whitelist.data"), local);
     EXPECT_EQ(agent.Reports().Of("whitelist_3").size(), programs.size());
     const std::vector<std::string> lists = agent.Reports().Of("whitelist_2");
-    ASSERT_FALSE(lists.empty());
-    EXPECT_LE(lists.size(), programs.size());
+    ASSERT_EQ(lists.size(), programs.size());
     EXPECT_EQ(lists.back(), local);
 }
 
