@@ -1,26 +1,19 @@
-/* One system call, for programs without a C library. */
 #pragma once
 
+// One system call with at most four arguments, all of them 0: enough for programs without a C library.
+inline void SystemCall(long number) {
 #if defined(__x86_64__)
-static long SystemCall(long number, long a, long b, long c, long d) {
-    register long fourth __asm__("r10") = d;
-    long result;
-    __asm__ volatile("syscall"
-                     : "=a"(result)
-                     : "a"(number), "D"(a), "S"(b), "d"(c), "r"(fourth)
-                     : "rcx", "r11", "memory");
-    return result;
-}
+    long result = number;
+    __asm__ volatile("xor %%r10d, %%r10d\n\tsyscall"
+                     : "+a"(result)
+                     : "D"(0L), "S"(0L), "d"(0L)
+                     : "rcx", "r10", "r11", "memory");
 #elif defined(__aarch64__)
-static long SystemCall(long number, long a, long b, long c, long d) {
-    register long x8 __asm__("x8") = number;
-    register long x0 __asm__("x0") = a;
-    register long x1 __asm__("x1") = b;
-    register long x2 __asm__("x2") = c;
-    register long x3 __asm__("x3") = d;
-    __asm__ volatile("svc 0" : "+r"(x0) : "r"(x8), "r"(x1), "r"(x2), "r"(x3) : "memory");
-    return x0;
-}
+    __asm__ volatile("mov x8, %0\n\tmov x0, 0\n\tmov x1, 0\n\tmov x2, 0\n\tmov x3, 0\n\tsvc 0"
+                     :
+                     : "r"(number)
+                     : "x0", "x1", "x2", "x3", "x8", "memory");
 #else
 #error "no system call written for this processor"
 #endif
+}

@@ -1,7 +1,9 @@
 # Programs that do next to nothing, so that what is measured is their start.
 foreach(program exits stays)
-  add_executable(bench_exec_${program} ${BENCH_DIR}/${program}.c)
-  target_compile_options(bench_exec_${program} PRIVATE -ffreestanding -fno-stack-protector -fno-pie)
+  add_executable(bench_exec_${program} ${BENCH_DIR}/${program}.cpp)
+  target_compile_options(bench_exec_${program} PRIVATE -O2 -ffreestanding -fno-exceptions
+    -fno-stack-protector -fno-pie)
+  target_include_directories(bench_exec_${program} PRIVATE ${CMAKE_SOURCE_DIR}/bench)
   target_link_options(bench_exec_${program} PRIVATE -nostdlib -static -no-pie)
   set_target_properties(bench_exec_${program} PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bench/programs OUTPUT_NAME ${program})
