@@ -7,7 +7,17 @@
 
 BUILD=${BUILD_DIR:-build-bench}
 # What is measured against, and what draws. Neither building nor testing needs any of it.
-PACKAGES=(libconcurrentqueue-dev libtbb-dev libboost-dev libdpdk-dev gnuplot-nox python3)
+PACKAGES=(libconcurrentqueue-dev libtbb-dev libboost-dev libdpdk-dev fapolicyd gnuplot-nox python3)
+
+# fapolicyd is a peer that the bench starts on a mount of its own. As a service it would judge the whole
+# machine, so it is masked before its package can start it.
+mask_fapolicyd() {
+    local unit=/etc/systemd/system/fapolicyd.service
+    if ! is_installed fapolicyd && [[ ! -e $unit && ! -L $unit ]]; then
+        mkdir -p "${unit%/*}"
+        ln -s /dev/null "$unit"
+    fi
+}
 
 names=("$@")
 if ((${#names[@]} == 0)); then
@@ -20,6 +30,7 @@ for name in "${names[@]}"; do
 done
 
 scripts/install-deps.sh
+mask_fapolicyd
 install_packages "${PACKAGES[@]}"
 BUILD_TARGETS="${names[*]/#/bench_}" scripts/build.sh "$BUILD" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \
     -DCORVALENT_TESTS=OFF -DCORVALENT_BENCH=ON
