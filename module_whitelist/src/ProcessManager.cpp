@@ -367,7 +367,7 @@ bool ProcessManager::ReadOnLocalTrust(LocalTrustPortion& portion) const {
 }
 
 std::string ProcessManager::LocalTrustToText() const {
-    utils::list_document::Writer document;
+    utils::list_document::ListWriter document;
     LocalTrustPortion portion;
     while (ReadOnLocalTrust(portion)) {
         if (portion.first) {

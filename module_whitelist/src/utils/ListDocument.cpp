@@ -138,7 +138,7 @@ std::string ToText(const Json::Value& entries) {
     return SDK::JsonUtils::JsonToString(document);
 }
 
-void Writer::Append(const Json::Value& entries) {
+void ListWriter::Append(const Json::Value& entries) {
     if (entries.empty()) {
         return;
     }
@@ -147,7 +147,7 @@ void Writer::Append(const Json::Value& entries) {
     mText.append(array, 1, array.size() - 2);
 }
 
-std::string Writer::Finish() {
+std::string ListWriter::Finish() {
     if (mText.empty()) {
         return ToText(Json::Value(Json::arrayValue));
     }

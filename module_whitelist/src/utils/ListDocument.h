@@ -34,7 +34,7 @@ bool TakeList(const Json::Value& document, const char* key, Json::Value& entries
 std::string ToText(const Json::Value& entries);
 
 // Puts the text of a document together, the bytes that ToText makes of all the entries at once.
-class Writer {
+class ListWriter {
 public:
     // Adds the entries (an array) behind those that are there.
     void Append(const Json::Value& entries);

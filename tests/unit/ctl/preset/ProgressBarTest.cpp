@@ -1,12 +1,17 @@
 #include "ctl/preset/ProgressBar.h"
 
+#include <algorithm>
 #include <array>
 #include <iostream>
+#include <string>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <unistd.h>
+
+#include "support/WaitFor.h"
 
 namespace Ctl::Preset {
 namespace {
@@ -46,17 +51,27 @@ std::string DrawTo(int target) {
     return bar.Describe();
 }
 
+// What was written to a terminal arrives at its other end bit by bit: waits for so many bytes.
+std::string ReadFrom(int terminal, std::size_t size) {
+    std::string shown;
+    EXPECT_EQ(fcntl(terminal, F_SETFL, O_NONBLOCK), 0);
+    TestSupport::WaitFor([&] {
+        std::array<char, 4096> piece{};
+        const ssize_t count = read(terminal, piece.data(), piece.size());
+        shown.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        return shown.size() >= size;
+    });
+    return shown;
+}
+
 TEST(ProgressBarTest, IsDrawnOnATerminalAndGoneAtTheEnd) {
     int terminal = -1;
     int program = -1;
     ASSERT_EQ(openpty(&terminal, &program, nullptr, nullptr, nullptr), 0);
-    const std::string line = DrawTo(program);
-    std::array<char, 4096> shown{};
-    const ssize_t count = read(terminal, shown.data(), shown.size());
+    const std::string expected = "\r\033[K" + DrawTo(program) + "\r\033[K";
+    EXPECT_EQ(ReadFrom(terminal, expected.size()), expected);
     close(terminal);
     close(program);
-    ASSERT_GT(count, 0);
-    EXPECT_EQ(std::string(shown.data(), static_cast<std::size_t>(count)), "\r\033[K" + line + "\r\033[K");
 }
 
 TEST(ProgressBarTest, NothingIsDrawnElsewhere) {

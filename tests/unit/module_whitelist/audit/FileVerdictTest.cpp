@@ -68,7 +68,7 @@ TEST_F(FileVerdicts, LearningAddsTheProcessToTheLocalList) {
     const auto local = engine.CopyLocalTrust();
     ASSERT_EQ(local.size(), 1U);
     EXPECT_EQ(local.at(program).hash, info.hash);
-    EXPECT_EQ(local.at(program).pid, process.Pid());
+    EXPECT_EQ(local.at(program).type, info.type);
     EXPECT_THAT(log.Records(), IsEmpty());
     EXPECT_THAT(agent.Reports().Reports(), IsEmpty());
 }

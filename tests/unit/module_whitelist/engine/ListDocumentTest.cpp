@@ -10,9 +10,9 @@
 namespace EngineTest {
 namespace {
 
+using utils::list_document::ListWriter;
 using utils::list_document::Shape;
 using utils::list_document::ToText;
-using utils::list_document::Writer;
 
 // What the parser makes of the whole document.
 Shape ShapeOfWhole(const std::string& text, Json::Value& entries) {
@@ -91,12 +91,12 @@ TEST(ListDocumentTest, ATextPutTogetherHasTheBytesOfOneMadeAtOnce) {
         }
         return entries;
     };
-    Writer writer;
+    ListWriter writer;
     writer.Append(make(0, 2));
     writer.Append(make(2, 0));
     writer.Append(make(2, 3));
     EXPECT_EQ(writer.Finish(), ToText(make(0, 5)));
-    EXPECT_EQ(Writer().Finish(), ToText(Json::Value(Json::arrayValue)));
+    EXPECT_EQ(ListWriter().Finish(), ToText(Json::Value(Json::arrayValue)));
 }
 
 } // namespace
