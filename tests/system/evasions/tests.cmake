@@ -1,0 +1,8 @@
+# What somebody would try who wants to run a program unseen: one file a kind of attempt.
+file(GLOB evasions_tests CONFIGURE_DEPENDS ${TEST_DIR}/*Test.cpp)
+foreach(source ${evasions_tests})
+  get_filename_component(concern ${source} NAME_WE)
+  string(REGEX REPLACE "Test$" "" concern ${concern})
+  string(TOLOWER system_evasions_${concern}_test name)
+  corvalent_add_test(${name} ${source} LIBS system_harness LABELS system)
+endforeach()
