@@ -291,6 +291,8 @@ bool ProcessManager::ParseLocalTrust(const std::string& text, TrustRecordSet& en
         }
     });
     if (shape != Shape::List) {
+        // Entries before the damage are no list.
+        entries.clear();
         moduleLog.Error("ParseProcData failed.");
         return false;
     }

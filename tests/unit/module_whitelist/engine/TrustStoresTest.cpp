@@ -133,6 +133,13 @@ TEST_F(TrustStoresTest, ListsWhoseFilesAreUnusableAreEmptyAfterAStart) {
     EXPECT_EQ(engine.CountServerTrust(), 0U);
 }
 
+TEST_F(TrustStoresTest, OfALocalFileThatIsDamagedInTheMiddleNoEntryIsLoaded) {
+    root.Write(LOCAL, List({EntryOf(Tool("before")), R"({"name": damaged})"}));
+    engine.Onstart();
+    EXPECT_EQ(engine.CountLocalTrust(), 0U);
+    EXPECT_EQ(log.Count(Message::PRIO_ERROR, "ParseProcData failed."), 1);
+}
+
 TEST_F(TrustStoresTest, APresetListWithoutAFileStaysAsItIs) {
     ASSERT_TRUE(SyncPreset(OS_PRESET, List({PresetEntry("os")})));
     ASSERT_TRUE(SyncPreset(SERVICE_PRESET, List({PresetEntry("service")})));
