@@ -18,6 +18,7 @@
 #include <Poco/Format.h>
 
 #include "ConfigManager.h"
+#include "RowCopies.h"
 #include "framework/Engine.h"
 #include "framework/Message.h"
 #include "modules/IsolateTask.h"
@@ -999,13 +1000,9 @@ bool ProcessManager::AddToAllProcessMap(const ProcessInfo& info) {
 }
 
 ProcessInfo* ProcessManager::GetProcessInfoFromID(int pid) {
-    thread_local ProcessInfo copy;
+    thread_local RowCopies copies;
     std::optional<ProcessInfo> row = FindProcess(pid);
-    if (!row) {
-        return nullptr;
-    }
-    copy = std::move(*row);
-    return &copy;
+    return row ? &copies.Keep(std::move(*row)) : nullptr;
 }
 
 ProcessInfo* ProcessManager::GetProcessInfoFromIDDefinite(int pid) {

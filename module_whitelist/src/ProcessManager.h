@@ -213,8 +213,9 @@ public:
     bool AddToAllProcessMap(const ProcessInfo& info);
 
     // The row of the pid, null when there is none; Definite makes one on a miss. The result is a copy
-    // of this thread's own, good until its next look-up, so that a row which is overwritten or removed
-    // meanwhile hurts nobody.
+    // of this thread's own, so that a row which another thread overwrites or removes meanwhile hurts
+    // nobody. Looking the pid up again brings the same copy up to date; it is good until this thread has
+    // found RowCopies::CAPACITY other processes.
     ProcessInfo* GetProcessInfoFromID(int pid);
     ProcessInfo* GetProcessInfoFromIDDefinite(int pid);
     ProcessInfo* GetParentProcessInfo(const ProcessInfo& info);

@@ -2,7 +2,9 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "TrustEngineTest.h"
 #include "support/ForeignProcess.h"
@@ -16,6 +18,15 @@ using TestSupport::ForeignProcess;
 constexpr unsigned int EXEC = 1;
 constexpr unsigned int FORK = 2;
 constexpr unsigned int EXIT = 3;
+
+// Does the work again and again until `done`; it is told how often it has been done before.
+std::thread Repeat(const std::atomic<bool>& done, const std::function<void(int)>& work) {
+    return std::thread([&done, work] {
+        for (int turn = 0; !done; ++turn) {
+            work(turn);
+        }
+    });
+}
 
 // The engine at work: events are judged while a command replaces lists, an upload drains and the clock
 // restarts the engine. Each list alternates between two versions, and every version vouches for one
@@ -62,16 +73,9 @@ protected:
         engine.Onstart();
         ASSERT_TRUE(SyncPresets(0));
         std::atomic<bool> done{false};
-        const auto repeat = [&done](const std::function<void(int)>& work) {
-            return std::thread([&done, work] {
-                for (int turn = 0; !done; ++turn) {
-                    work(turn);
-                }
-            });
-        };
-        std::thread command = repeat([this](int turn) { Command(turn % 2); });
-        std::thread upload = repeat([this](int) { Upload(); });
-        std::thread clock = repeat([this](int) { Tick(); });
+        std::thread command = Repeat(done, [this](int turn) { Command(turn % 2); });
+        std::thread upload = Repeat(done, [this](int) { Upload(); });
+        std::thread clock = Repeat(done, [this](int) { Tick(); });
         std::thread events([this] { Judge(); });
         events.join();
         done = true;
@@ -183,6 +187,76 @@ TEST_F(ConcurrencyTest, InDirectoryModeEveryVerdictStands) {
     EXPECT_EQ(wrongVerdicts, 0);
     EXPECT_TRUE(agent.Reports().Of("whitelist_4").empty());
     EXPECT_FALSE(agent.Reports().Of("whitelist_2").empty());
+}
+
+namespace {
+
+// Rows come, change and go on two threads while others use what they looked up.
+class TableConcurrencyTest : public TrustEngineTest {
+protected:
+    static constexpr int PIDS = 8;
+    static constexpr int FIRST_PID = 5000000; // no process's
+    static constexpr int LOOK_UPS = 3000;
+
+    // Every field that is text tells which version of the row it belongs to.
+    static ProcessInfo Row(int pid, int version) {
+        const std::string text = "a text that is too long for the string itself, of version " + std::to_string(version);
+        ProcessInfo row = Record("/" + text, text);
+        row.pid = pid;
+        row.cmdline = text;
+        return row;
+    }
+
+    static bool IsWhole(const ProcessInfo& row, int pid) {
+        return row.pid == pid && row.path == "/" + row.hash && row.cmdline == row.hash;
+    }
+
+    void Overwrite(int version) const { engine.AddToAllProcessMap(Row(FIRST_PID + version % PIDS, version)); }
+
+    void Erase(int turn) const {
+        engine.OnProcessExit(FIRST_PID + turn % PIDS);
+        engine.DelExitedAllProcess();
+    }
+
+    // A row and its neighbour, both used after both have been looked up. True when there was such a row.
+    bool LookUp(int turn) {
+        const int pid = FIRST_PID + turn % PIDS;
+        const int neighbour = FIRST_PID + (turn + 1) % PIDS;
+        const ProcessInfo* row = engine.GetProcessInfoFromID(pid);
+        const ProcessInfo* other = engine.GetParentProcessInfo(ChildOf(neighbour));
+        damaged += row != nullptr && !IsWhole(*row, pid) ? 1 : 0;
+        damaged += other != nullptr && !IsWhole(*other, neighbour) ? 1 : 0;
+        return row != nullptr;
+    }
+
+    std::atomic<int> damaged{0};
+
+private:
+    static ProcessInfo ChildOf(int parent) {
+        ProcessInfo child;
+        child.ppid = parent;
+        return child;
+    }
+};
+
+} // namespace
+
+TEST_F(TableConcurrencyTest, ARowThatWasLookedUpStaysWholeWhileOthersOverwriteAndEraseIt) {
+    std::atomic<bool> done{false};
+    std::thread overwriting = Repeat(done, [this](int turn) { Overwrite(turn); });
+    std::thread erasing = Repeat(done, [this](int turn) { Erase(turn); });
+    const auto lookUp = [this] {
+        for (int turn = 0, found = 0; found < LOOK_UPS; ++turn) {
+            found += LookUp(turn) ? 1 : 0;
+        }
+    };
+    std::thread looking(lookUp);
+    lookUp();
+    looking.join();
+    done = true;
+    overwriting.join();
+    erasing.join();
+    EXPECT_EQ(damaged, 0);
 }
 
 } // namespace EngineTest

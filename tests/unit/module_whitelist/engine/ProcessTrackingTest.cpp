@@ -1,5 +1,7 @@
 #include <csignal>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -332,6 +334,29 @@ TEST_F(ProcessTrackingTest, ARowThatWasLookedUpOutlivesItsRemoval) {
     EXPECT_EQ(found->path, "/running");
     EXPECT_FALSE(found->exited);
     EXPECT_EQ(engine.GetParentProcessInfo(*found), nullptr);
+}
+
+TEST_F(ProcessTrackingTest, RowsThatWereLookedUpStandSideBySide) {
+    constexpr int ROWS = 64;
+    std::vector<const ProcessInfo*> found;
+    for (int row = 0; row < ROWS; ++row) {
+        AddRow(NOBODY + row, "/row" + std::to_string(row));
+        found.push_back(engine.GetProcessInfoFromID(NOBODY + row));
+    }
+    for (int row = 0; row < ROWS; ++row) {
+        EXPECT_EQ(found[row]->path, "/row" + std::to_string(row));
+    }
+    AddRow(NOBODY + ROWS, "/one more");
+    EXPECT_EQ(engine.GetProcessInfoFromID(NOBODY + ROWS)->path, "/one more");
+    EXPECT_EQ(found.back()->path, "/row63");
+}
+
+TEST_F(ProcessTrackingTest, LookingARowUpAgainShowsWhereItIsKnownWhatItHasBecome) {
+    AddRow(NOBODY, "/before");
+    const ProcessInfo* found = engine.GetProcessInfoFromID(NOBODY);
+    AddRow(NOBODY, "/after");
+    EXPECT_EQ(engine.GetProcessInfoFromID(NOBODY), found);
+    EXPECT_EQ(found->path, "/after");
 }
 
 // ---- Local isolation -------------------------------------------------------------------------------
