@@ -2,20 +2,19 @@
 
 #include <cstdint>
 
-namespace Bench {
+#include "support/AllocationCounter.h"
 
-// How often the calling thread has called operator new, which this program replaces to count.
-std::uint64_t AllocationsSoFar();
+namespace Bench {
 
 // The steady state of a call that has been made before.
 template <typename Call> double CountAllocationsPerCall(const Call& call) {
     constexpr int CALLS = 100000;
     call();
-    const std::uint64_t before = AllocationsSoFar();
+    const std::uint64_t before = TestSupport::AllocationsSoFar();
     for (int i = 0; i < CALLS; ++i) {
         call();
     }
-    return static_cast<double>(AllocationsSoFar() - before) / CALLS;
+    return static_cast<double>(TestSupport::AllocationsSoFar() - before) / CALLS;
 }
 
 } // namespace Bench

@@ -1,5 +1,5 @@
 # Each peer is a source of its own, left out where the peer is not installed.
-set(QUEUE_SOURCES main.cpp Allocations.cpp Product.cpp Mutex.cpp Boost.cpp)
+set(QUEUE_SOURCES main.cpp Product.cpp Mutex.cpp Boost.cpp)
 set(QUEUE_LIBS Boost::headers)
 
 find_path(CONCURRENTQUEUE_INCLUDE_DIR concurrentqueue/concurrentqueue.h)
@@ -30,7 +30,8 @@ else()
 endif()
 
 list(TRANSFORM QUEUE_SOURCES PREPEND ${BENCH_DIR}/)
-corvalent_add_bench(queue ${QUEUE_SOURCES} LIBS ${QUEUE_LIBS})
+corvalent_add_bench(queue ${QUEUE_SOURCES} ${CMAKE_SOURCE_DIR}/tests/support/AllocationCounter.cpp LIBS ${QUEUE_LIBS})
+target_include_directories(bench_queue PRIVATE ${CMAKE_SOURCE_DIR}/tests)
 if(DPDK_FOUND)
   target_include_directories(bench_queue SYSTEM PRIVATE ${DPDK_INCLUDE_DIRS})
 endif()

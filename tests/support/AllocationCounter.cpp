@@ -1,4 +1,4 @@
-#include "queue/Allocations.h"
+#include "support/AllocationCounter.h"
 
 #include <cstdlib>
 #include <new>
@@ -9,7 +9,7 @@ thread_local std::uint64_t allocations = 0;
 
 } // namespace
 
-std::uint64_t Bench::AllocationsSoFar() {
+std::uint64_t TestSupport::AllocationsSoFar() {
     return allocations;
 }
 

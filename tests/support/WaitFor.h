@@ -6,9 +6,14 @@
 
 namespace TestSupport {
 
+// How many times as long as usual everything may take; the build says so where it slows the programs down.
+#ifndef TEST_PATIENCE
+#define TEST_PATIENCE 1
+#endif
+
 // How long a test waits for something that should happen soon. Generous, because it only costs time
 // when the test is about to fail.
-constexpr std::chrono::seconds DEADLINE{20};
+constexpr std::chrono::seconds DEADLINE{20 * TEST_PATIENCE};
 
 // The wait for a condition, one form for all tests: true as soon as `condition` holds, false when it
 // still does not at the deadline.

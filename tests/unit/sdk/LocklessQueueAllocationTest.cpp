@@ -2,45 +2,23 @@
 
 #include "LocklessQueue.h"
 
-#include <cstddef>
-#include <cstdlib>
+#include <cstdint>
 #include <memory>
-#include <new>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-namespace {
-
-thread_local std::size_t allocations = 0;
-
-} // namespace
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
+#include "support/AllocationCounter.h"
 
 namespace {
 
 using Message = std::shared_ptr<int>;
 using MessageQueue = SDK::LocklessQueue<Message>;
 
-template <typename Call> std::size_t CountAllocations(const Call& call) {
-    const std::size_t before = allocations;
+template <typename Call> std::uint64_t CountAllocations(const Call& call) {
+    const std::uint64_t before = TestSupport::AllocationsSoFar();
     call();
-    return allocations - before;
+    return TestSupport::AllocationsSoFar() - before;
 }
 
 void ExpectNoAllocationForSingleElements(MessageQueue& queue) {
