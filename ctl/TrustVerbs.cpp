@@ -40,10 +40,11 @@ void PrintEntries(const Json::Value& entries, const Columns& columns) {
         rows.front().emplace_back(heading);
     }
     for (const Json::Value& entry : entries) {
-        std::vector<std::string>& row = rows.emplace_back();
+        std::vector<std::string> row;
         for (const auto& [key, heading] : columns) {
             row.push_back(Field(entry, key));
         }
+        rows.push_back(std::move(row));
     }
     PrintTable(rows);
 }

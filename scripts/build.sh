@@ -5,8 +5,11 @@
 
 build_dir=${1:-build}
 options=(-G Ninja "${@:2}")
+# A cache saves all of a compilation, but knows nothing of one that reads precompiled headers.
 if command -v ccache >/dev/null; then
     options+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+else
+    options+=(-DCORVALENT_PRECOMPILE=ON)
 fi
 
 run_quietly "configuring $build_dir" cmake -S . -B "$build_dir" "${options[@]}"

@@ -10,7 +10,7 @@ PACKAGES=(
     libpoco-dev libjsoncpp-dev libboost-dev libssl-dev libcurl4-openssl-dev libsqlite3-dev libncurses-dev
     libcli11-dev libcpp-httplib-dev
     # Checking
-    clang clang-format clang-tidy git
+    clang libclang-rt-dev llvm clang-format clang-tidy cppcheck git
     # Testing
     libgtest-dev libgmock-dev groff-base curl jq openssl sqlite3 procps python3 python3-prometheus-client
     libvterm-dev ncurses-base

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # scripts/lint.sh [BUILD_DIR]: what is wrong with the sources without running them: the format of all of
-# them, and of what is shipped also what clang-tidy and clang's thread-safety analysis find (.clang-format
-# and .clang-tidy say what that is). BUILD_DIR has been configured; "build" unless told otherwise.
+# them, and of what is shipped also what cppcheck, clang-tidy and clang's thread-safety analysis find
+# (.clang-format and .clang-tidy say what that is). BUILD_DIR has been configured; "build" unless told
+# otherwise.
 . "$(dirname "$0")/lib/common.sh"
 
 build_dir=${1:-build}
@@ -9,6 +10,15 @@ build_dir=${1:-build}
 
 say "checking the format"
 git ls-files -z '*.h' '*.cpp' | xargs -0 clang-format --dry-run -Werror
+
+say "checking with cppcheck"
+options=(
+    --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr
+    # A text and where it was written: two pointers and a number.
+    --suppress=passedByValue:sdk/sdk/ModuleLog.h
+)
+cppcheck --quiet --error-exitcode=1 -j "$(nproc)" "${options[@]}" -I . -I sdk -I module_whitelist/src \
+    agent ctl module_whitelist
 
 # One file a process; each says nothing unless it found something.
 tidy() {

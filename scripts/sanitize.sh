@@ -1,23 +1,42 @@
 #!/usr/bin/env bash
-# scripts/sanitize.sh thread|address [REGEX]: builds everything under the thread sanitizer, or the address
-# and undefined-behaviour sanitizers, in build-thread or build-address, and runs the tests whose names
-# match REGEX (all of them when there is none).
+# scripts/sanitize.sh address|thread [REGEX]: builds everything with clang under the address and
+# undefined-behaviour sanitizers, or the thread sanitizer, in build-address or build-thread, and runs the unit
+# and system tests whose names match REGEX (all of them when there is none). Ends with ctest's summary; fails
+# when a test failed or was left out, and when any process of a test, the agent's own included, had a finding.
+#
+# Clang compiles both, so that the same build checks the locks that the sources write down (-Wthread-safety).
 . "$(dirname "$0")/lib/common.sh"
+. scripts/lib/suite.sh
 
 case ${1:-} in
-    thread) sanitizer=thread ;;
     address) sanitizer=address,undefined ;;
+    thread) sanitizer=thread ;;
     *)
-        printf 'usage: %s thread|address [REGEX]\n' "$0" >&2
+        printf 'usage: %s address|thread [REGEX]\n' "$0" >&2
         exit 2
         ;;
 esac
+build_dir=build-$1
 
-# The first finding fails the test that met it.
-export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
-export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_string_checks=1}
-export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+scripts/build.sh "$build_dir" -DCORVALENT_SANITIZER="$sanitizer" -DCMAKE_CXX_COMPILER=clang++ \
+    -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -gline-tables-only"
 
-scripts/build.sh "build-$1" -DCORVALENT_SANITIZER="$sanitizer" -DCMAKE_BUILD_TYPE=Debug
+# The first finding ends the process that it is found in, and is written to a file of its own: the test might
+# not look at what a process of its says, nor at how it ends.
+findings=$PWD/$build_dir/findings
+rm -rf "$findings"
+mkdir -p "$findings"
+common=log_path=$findings/report:halt_on_error=1
+export ASAN_OPTIONS=$common:detect_stack_use_after_return=1:strict_string_checks=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}
+export UBSAN_OPTIONS=$common:print_stacktrace=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}
+export TSAN_OPTIONS=$common:second_deadlock_stack=1${TSAN_OPTIONS:+:$TSAN_OPTIONS}
+
 say "running the tests under the $1 sanitizer"
-ctest --test-dir "build-$1" --output-on-failure --no-tests=error --parallel "$(nproc)" --tests-regex "${2:-.}"
+status=0
+run_suite "$build_dir" --tests-regex "${2:-.}" || status=$?
+for report in "$findings"/*; do
+    [[ -e $report ]] || continue
+    cat "$report"
+    status=1
+done
+exit "$status"

@@ -30,7 +30,7 @@ bool Split(std::string_view text, Fields& fields) {
         return false;
     }
     text.remove_prefix(nameEnd + 2);
-    for (std::size_t field = FIRST_FIELD; field <= LAST_FIELD; ++field) {
+    for (std::size_t field = FIRST_FIELD; field < fields.size(); ++field) {
         const std::size_t end = text.find_first_of(" \n");
         fields[field] = text.substr(0, end);
         if (fields[field].empty() || (end == std::string_view::npos && field < LAST_FIELD)) {

@@ -1,8 +1,3 @@
-# Not under a sanitizer, whose run-time makes other system calls, and needs more memory, than what is shipped.
-if(CORVALENT_SANITIZER)
-  return()
-endif()
-
 # The Debian package, made once for the tests that look into it, and its unit.
 add_test(NAME packaging.build COMMAND ${TEST_DIR}/build-package.sh ${CMAKE_BINARY_DIR} ${CMAKE_CPACK_COMMAND})
 set_tests_properties(packaging.build PROPERTIES FIXTURES_SETUP package LABELS packaging TIMEOUT 300)
@@ -15,3 +10,11 @@ find_package(Python3 REQUIRED COMPONENTS Interpreter)
 add_test(NAME packaging.documentation
   COMMAND Python3::Interpreter ${TEST_DIR}/documentation.py ${CMAKE_RUNTIME_OUTPUT_DIRECTORY} ${CMAKE_SOURCE_DIR}/packaging)
 set_tests_properties(packaging.documentation PROPERTIES LABELS packaging TIMEOUT 60)
+
+# A debug build is not hardened.
+if(CORVALENT_HARDENING_COMPILE)
+  add_test(NAME packaging.hardening
+    COMMAND Python3::Interpreter ${TEST_DIR}/hardening.py ${CMAKE_BINARY_DIR}/root ${CMAKE_CXX_COMPILER}
+      ${CORVALENT_HARDENING_COMPILE} ${CORVALENT_HARDENING_LINK})
+  set_tests_properties(packaging.hardening PROPERTIES LABELS packaging TIMEOUT 120)
+endif()

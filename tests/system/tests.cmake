@@ -18,11 +18,9 @@ foreach(name system_top_test system_preset_test)
   target_link_libraries(${name} PRIVATE PkgConfig::VTERM)
 endforeach()
 target_compile_definitions(system_metrics_test PRIVATE LINT_METRICS="${CMAKE_SOURCE_DIR}/tests/tools/lint_metrics.py")
-# The daemon under what its systemd unit takes away from it; a sanitizer's run-time wants more than that.
-if(NOT CORVALENT_SANITIZER)
-  corvalent_add_test(system_serviceunit_test ${TEST_DIR}/ServiceUnitTest.cpp LIBS system_harness LABELS system)
-  target_compile_definitions(system_serviceunit_test PRIVATE UNIT="${CMAKE_SOURCE_DIR}/packaging/corvalent.service")
-endif()
+# The daemon under what its systemd unit takes away from it.
+corvalent_add_test(system_serviceunit_test ${TEST_DIR}/ServiceUnitTest.cpp LIBS system_harness LABELS system)
+target_compile_definitions(system_serviceunit_test PRIVATE UNIT="${CMAKE_SOURCE_DIR}/packaging/corvalent.service")
 # Alone, so that it measures the agent and not its neighbours.
 corvalent_add_test(system_idle_test ${TEST_DIR}/IdleTest.cpp LIBS system_harness LABELS system-slow
   PROPERTIES RUN_SERIAL ON)

@@ -1,0 +1,5 @@
+// A target needs a source to have precompiled headers.
+
+int main() {
+    return 0;
+}
