@@ -1,5 +1,6 @@
 #include "agent/filenotify/FanotifyGroup.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/fanotify.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace Engine {
 
@@ -40,10 +42,33 @@ void TakeEvent(const fanotify_event_metadata& event, FanotifyGroup::Batch& batch
     }
 }
 
+// Closes successive descriptors, all of them ours.
+void CloseRun(int first, int last) {
+    if (close_range(static_cast<unsigned int>(first), static_cast<unsigned int>(last), 0) == 0) {
+        return;
+    }
+    for (int fd = first; fd <= last; ++fd) {
+        close(fd);
+    }
+}
+
+// The kernel gives the lowest free numbers, so that the files of a batch mostly follow one another.
+void CloseAll(std::vector<FileAccess>& accesses) {
+    for (auto next = accesses.begin(); next != accesses.end();) {
+        const int first = next->file.Release();
+        int last = first;
+        for (++next; next != accesses.end() && next->file.Get() == last + 1; ++next) {
+            last = next->file.Release();
+        }
+        CloseRun(first, last);
+    }
+    accesses.clear();
+}
+
 } // namespace
 
 void FanotifyGroup::Batch::Clear() {
-    accesses.clear();
+    CloseAll(accesses);
     overflows = 0;
     unreadable = 0;
 }
@@ -86,23 +111,27 @@ int FanotifyGroup::ChangeMark(unsigned int action, Object object, const std::str
     return fanotify_mark(mFd.Get(), action | kind, mask, AT_FDCWD, path.c_str()) == 0 ? 0 : errno;
 }
 
-int FanotifyGroup::Read(Batch& batch) const {
+int FanotifyGroup::Read(std::size_t waiting, Batch& batch) const {
     batch.Clear();
     // Nothing may be thrown between a read and the taking over of its last descriptor.
     batch.accesses.reserve(MAX_BATCH);
-    while (batch.Size() + mEventsPerRead <= MAX_BATCH && CountWaiting() > 0) {
-        if (const int error = ReadOnce(batch); error != 0) {
+    const std::size_t wanted = std::min(waiting, MAX_BATCH);
+    while (batch.Size() < wanted) {
+        const std::size_t before = batch.Size();
+        if (const int error = ReadOnce(std::min(mEventsPerRead, wanted - before), batch); error != 0) {
             return error;
+        }
+        if (batch.Size() == before) {
+            return 0;
         }
     }
     return 0;
 }
 
-// Adds what one read gives, while something waits.
-int FanotifyGroup::ReadOnce(Batch& batch) const {
+// Adds what one read gives, while so many events wait.
+int FanotifyGroup::ReadOnce(std::size_t events, Batch& batch) const {
     alignas(fanotify_event_metadata) std::array<char, MAX_BATCH * sizeof(fanotify_event_metadata)> buffer;
-    const ssize_t length =
-        SDK::ReadRetrying(mFd.Get(), buffer.data(), mEventsPerRead * sizeof(fanotify_event_metadata));
+    const ssize_t length = SDK::ReadRetrying(mFd.Get(), buffer.data(), events * sizeof(fanotify_event_metadata));
     if (length < 0) {
         if (!IsAboutOneFile(errno)) {
             return errno;

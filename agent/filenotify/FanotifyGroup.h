@@ -31,8 +31,8 @@ struct FileAccess {
 //         │   overflow event          has no descriptor
 //         │   file cannot be opened   has none; counted in Batch::unreadable
 //         ▼
-//     Batch::accesses ──► the caller; each is closed with its FileAccess, at the latest when the next
-//                         batch is read or the batch goes
+//     Batch::accesses ──► the caller; closed together by Batch::Clear, at the latest when the next
+//                         batch is read, or one by one when the batch goes
 //
 // A descriptor is therefore never in a message or in a task's queue: whatever becomes of an event, full
 // queue, overflow, stop, exception, at most MAX_BATCH are open, and only between two reads.
@@ -55,6 +55,7 @@ public:
         std::size_t overflows = 0;  // the queue ran over; how many events are gone is not known
         std::size_t unreadable = 0; // events whose file could not be opened for us
 
+        // Closes the files.
         void Clear();
         std::size_t Size() const { return accesses.size() + overflows + unreadable; }
     };
@@ -76,22 +77,24 @@ public:
     // Whether the kernel says for each event why its file could not be opened.
     bool ReportsFileErrors() const { return mEventsPerRead > 1; }
 
-    // How many events wait in the kernel's queue now.
+    // How many events wait in the kernel's queue now. None goes but by Read.
     std::size_t CountWaiting() const;
 
     // Place and take away the mark on what lies at `path`. 0 or an errno value. Links are followed.
     int Mark(Object object, const std::string& path, std::uint64_t mask) const;
     int Unmark(Object object, const std::string& path, std::uint64_t mask) const;
 
-    // Replaces `batch` by what waits, up to MAX_BATCH events. Never blocks: a file that cannot be opened at
-    // once, because somebody holds a lease on it, counts as unreadable. 0, also when nothing waits, or an
-    // errno value: EPROTO when the kernel's events have another form than this program knows.
-    int Read(Batch& batch) const;
+    // Replaces `batch` by the oldest events, `waiting` of them but no more than MAX_BATCH. So many must wait, as
+    // CountWaiting said; it counts by walking the queue, under the lock that whoever opens a file in scope needs
+    // too, so it is asked once for many reads. Never blocks: a file that cannot be opened at once, because
+    // somebody holds a lease on it, counts as unreadable. 0 or an errno value: EPROTO when the kernel's events
+    // have another form than this program knows.
+    int Read(std::size_t waiting, Batch& batch) const;
 
 private:
     int ChangeMark(unsigned int action, Object object, const std::string& path, std::uint64_t mask) const;
 
-    int ReadOnce(Batch& batch) const;
+    int ReadOnce(std::size_t events, Batch& batch) const;
 
     const FileErrors mFileErrors;
     SDK::FileDescriptor mFd;

@@ -160,7 +160,7 @@ void Watcher::ReadWaiting() {
         if (task) {
             AwaitRoom(*task);
         }
-        const std::size_t taken = ReadBatch(task.get());
+        const std::size_t taken = ReadBatch(left, task.get());
         if (taken == 0) {
             return;
         }
@@ -183,9 +183,9 @@ bool Watcher::Pause(int milliseconds) const {
     return poll(&stop, 1, milliseconds) <= 0 && !mStopping.load();
 }
 
-// Returns how many events it took from the kernel's queue.
-std::size_t Watcher::ReadBatch(Framework::Task* task) {
-    if (const int error = mGroup.Read(mBatch); error != 0) {
+// `waiting`: how many events may be read. Returns how many it took from the kernel's queue.
+std::size_t Watcher::ReadBatch(std::size_t waiting, Framework::Task* task) {
+    if (const int error = mGroup.Read(waiting, mBatch); error != 0) {
         moduleLog.Error("file accesses cannot be read: %s", std::string(std::strerror(error)));
         Pause(ERROR_PAUSE_MS);
         return 0;
@@ -229,16 +229,16 @@ bool Watcher::AddToPosts(const FileAccess& access) {
 
 // Sends what the batch has come to.
 void Watcher::PostAll(Framework::Task* task) {
+    const std::size_t count = mPosts.size();
     std::size_t posted = 0;
     try {
-        posted = task == nullptr ? 0 : task->EnqueueMsgs(mPosts);
+        posted = task == nullptr ? 0 : task->EnqueueMsgs(std::exchange(mPosts, {}));
     } catch (const std::exception&) {
         // Nothing was sent: the queue's own storage is there from the beginning.
         posted = 0;
     }
     mPosted.Add(posted);
-    CountDropped(mPosts.size() - posted);
-    mPosts.clear();
+    CountDropped(count - posted);
 }
 
 // The path of an open file as this process sees it; empty when it has none that fits. From the folder of

@@ -76,7 +76,7 @@ private:
     void ReadWaiting();
     void AwaitRoom(const Framework::Task& task);
     bool Pause(int milliseconds) const;
-    std::size_t ReadBatch(Framework::Task* task);
+    std::size_t ReadBatch(std::size_t waiting, Framework::Task* task);
     void HandleAccess(const FileAccess& access);
     std::string PathOf(const SDK::FileDescriptor& file) const;
     bool AddToPosts(const FileAccess& access);

@@ -74,26 +74,21 @@ bool Task::EnqueueMsg(std::shared_ptr<Message>& message) {
     return true;
 }
 
-std::size_t Task::EnqueueMsgs(const std::vector<std::shared_ptr<Message>>& messages) {
-    std::vector<std::shared_ptr<Message>> queued;
-    queued.reserve(messages.size());
-    for (std::shared_ptr<Message> message : messages) {
-        if (!InterceptMsg(message)) {
-            queued.push_back(std::move(message));
-        }
+std::size_t Task::EnqueueMsgs(std::vector<std::shared_ptr<Message>> messages) {
+    const std::size_t intercepted =
+        std::erase_if(messages, [this](std::shared_ptr<Message>& message) { return InterceptMsg(message); });
+    if (messages.empty()) {
+        return intercepted;
     }
-    if (queued.empty()) {
-        return messages.size();
-    }
-    const std::size_t taken = mQueue.EnqueueBulk(queued, static_cast<int>(queued.size()));
+    const std::size_t taken = mQueue.EnqueueBulk(messages, static_cast<int>(messages.size()));
     if (taken > 0) {
         mEvent.Signal();
     }
-    const std::size_t lost = queued.size() - taken;
+    const std::size_t lost = messages.size() - taken;
     if (lost > 0) {
         CountLosses(lost);
     }
-    return messages.size() - lost;
+    return intercepted + taken;
 }
 
 bool Task::InterceptMsg(std::shared_ptr<Message>& /*message*/) {

@@ -27,6 +27,9 @@ public:
     int Get() const { return mFd; }
     bool IsOpen() const { return mFd >= 0; }
 
+    // Gives the descriptor, open as it is, to the caller.
+    int Release() { return std::exchange(mFd, -1); }
+
     void Reset(int fd = -1) {
         if (mFd >= 0) {
             close(mFd);

@@ -52,7 +52,7 @@ public:
 
     // The same with several messages, none of them null, in their order: the task is woken once. Returns how
     // many were taken, which are the first ones.
-    std::size_t EnqueueMsgs(const std::vector<std::shared_ptr<Message>>& messages);
+    std::size_t EnqueueMsgs(std::vector<std::shared_ptr<Message>> messages);
 
     // Called first thing by EnqueueMsg, on the sender's thread: true takes the message out of the
     // queue's hands. The default takes none.

@@ -73,7 +73,7 @@ Total ReadAll(const FanotifyGroup& group) {
     Total total;
     FanotifyGroup::Batch batch;
     do {
-        EXPECT_EQ(group.Read(batch), 0);
+        EXPECT_EQ(group.Read(group.CountWaiting(), batch), 0);
         total.accesses += batch.accesses.size();
         total.overflows += batch.overflows;
         total.unreadable += batch.unreadable;
@@ -141,7 +141,7 @@ TEST_F(FanotifyGroupTest, AnOpenIsReportedWithProcessMaskAndTheFileItself) {
     const std::vector<std::string> files = WriteFiles(*mMount, "watched", 1);
     Mark("watched");
     const int pid = OpenAllInAChild(files);
-    ASSERT_EQ(mGroup.Read(mBatch), 0);
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
     ASSERT_EQ(mBatch.accesses.size(), 1U);
     const Engine::FileAccess& access = mBatch.accesses.front();
     EXPECT_EQ(access.pid, pid);
@@ -156,9 +156,9 @@ TEST_F(FanotifyGroupTest, NothingWaitsAndTheBatchIsEmpty) {
     const std::vector<std::string> files = WriteFiles(*mMount, "watched", 1);
     Mark("watched");
     OpenAll(files);
-    ASSERT_EQ(mGroup.Read(mBatch), 0);
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
     ASSERT_EQ(mBatch.Size(), 1U);
-    EXPECT_EQ(mGroup.Read(mBatch), 0);
+    EXPECT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
     EXPECT_EQ(mBatch.Size(), 0U);
 }
 
@@ -167,9 +167,9 @@ TEST_F(FanotifyGroupTest, OneReadTakesAtMostABatchAndTheNextTheRest) {
     const std::vector<std::string> files = WriteFiles(*mMount, "watched", FanotifyGroup::MAX_BATCH + REST);
     Mark("watched");
     OpenAll(files);
-    ASSERT_EQ(mGroup.Read(mBatch), 0);
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
     EXPECT_EQ(mBatch.accesses.size(), FanotifyGroup::MAX_BATCH);
-    ASSERT_EQ(mGroup.Read(mBatch), 0);
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
     EXPECT_EQ(mBatch.accesses.size(), REST);
 }
 
@@ -180,10 +180,40 @@ TEST_F(FanotifyGroupTest, WhatWaitsIsCountedWithoutBeingTaken) {
     EXPECT_EQ(mGroup.CountWaiting(), 0U);
     OpenAll(files);
     EXPECT_EQ(mGroup.CountWaiting(), COUNT);
-    ASSERT_EQ(mGroup.Read(mBatch), 0);
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
     EXPECT_EQ(mGroup.CountWaiting(), COUNT - FanotifyGroup::MAX_BATCH);
     EXPECT_EQ(ReadAll(mGroup).accesses, COUNT - FanotifyGroup::MAX_BATCH);
     EXPECT_EQ(mGroup.CountWaiting(), 0U);
+}
+
+TEST_F(FanotifyGroupTest, NoMoreIsReadThanTheCallerKnowsOf) {
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 10);
+    Mark("watched");
+    OpenAll(files);
+    ASSERT_EQ(mGroup.Read(3, mBatch), 0);
+    EXPECT_EQ(mBatch.accesses.size(), 3U);
+    EXPECT_EQ(mGroup.CountWaiting(), 7U);
+    ASSERT_EQ(mGroup.Read(0, mBatch), 0);
+    EXPECT_EQ(mBatch.Size(), 0U);
+    EXPECT_EQ(mGroup.CountWaiting(), 7U);
+}
+
+TEST_F(FanotifyGroupTest, ADescriptorOfOthersBetweenThoseOfABatchStaysOpen) {
+    const std::vector<std::string> files = WriteFiles(*mMount, "watched", 6);
+    Mark("watched");
+    OpenAll(files);
+    // The second lowest free number, so that it lies among those that the kernel gives next.
+    SDK::FileDescriptor lowest(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const SDK::FileDescriptor others(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    lowest.Reset();
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
+    ASSERT_EQ(mBatch.accesses.size(), files.size());
+    ASSERT_LT(mBatch.accesses.front().file.Get(), others.Get());
+    ASSERT_GT(mBatch.accesses.back().file.Get(), others.Get());
+    const std::size_t before = CountDescriptors();
+    mBatch.Clear();
+    EXPECT_EQ(CountDescriptors(), before - files.size());
+    EXPECT_NE(fcntl(others.Get(), F_GETFD), -1);
 }
 
 TEST_F(FanotifyGroupTest, ABatchHoldsItsDescriptorsUntilItIsCleared) {
@@ -192,13 +222,13 @@ TEST_F(FanotifyGroupTest, ABatchHoldsItsDescriptorsUntilItIsCleared) {
     Mark("watched");
     const std::size_t before = CountDescriptors();
     OpenAll(files);
-    ASSERT_EQ(mGroup.Read(mBatch), 0);
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
     EXPECT_EQ(CountDescriptors(), before + COUNT);
     mBatch.Clear();
     EXPECT_EQ(CountDescriptors(), before);
     OpenAll(files);
-    ASSERT_EQ(mGroup.Read(mBatch), 0);
-    ASSERT_EQ(mGroup.Read(mBatch), 0);
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
+    ASSERT_EQ(mGroup.Read(mGroup.CountWaiting(), mBatch), 0);
     EXPECT_EQ(CountDescriptors(), before) << "the next read closes what the last one opened";
 }
 
@@ -246,7 +276,7 @@ TEST_F(FanotifyGroupTest, OnAnOlderKernelAnUnreadableFileAmongOthersIsCountedToo
     OpenAll(files);
     {
         const RoomForDescriptors two(2);
-        ASSERT_EQ(group.Read(mBatch), 0);
+        ASSERT_EQ(group.Read(group.CountWaiting(), mBatch), 0);
     }
     EXPECT_EQ(mBatch.accesses.size(), 2U);
     EXPECT_EQ(mBatch.unreadable, 4U);
@@ -268,7 +298,7 @@ TEST_F(FanotifyGroupTest, NoReadWaitsForALease) {
         const SDK::FileDescriptor leased(open(files.front().c_str(), O_RDWR | O_CLOEXEC));
         ASSERT_EQ(signal(SIGIO, SIG_IGN), SIG_DFL);
         ASSERT_EQ(fcntl(leased.Get(), F_SETLEASE, F_WRLCK), 0) << std::strerror(errno);
-        ASSERT_EQ(group.Read(mBatch), 0);
+        ASSERT_EQ(group.Read(group.CountWaiting(), mBatch), 0);
         // Still held: the read did not outlast it.
         EXPECT_NE(fcntl(leased.Get(), F_GETLEASE), F_UNLCK);
         EXPECT_EQ(mBatch.unreadable, 1U);

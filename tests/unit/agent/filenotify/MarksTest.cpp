@@ -46,10 +46,10 @@ protected:
     bool IsWatched(const std::string& folder) {
         const std::string path = mMount->Write(folder + "/probe" + std::to_string(++mProbes), "");
         FanotifyGroup::Batch batch;
-        EXPECT_EQ(mGroup.Read(batch), 0);
+        EXPECT_EQ(mGroup.Read(mGroup.CountWaiting(), batch), 0);
         batch.Clear();
         const SDK::FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        EXPECT_EQ(mGroup.Read(batch), 0);
+        EXPECT_EQ(mGroup.Read(mGroup.CountWaiting(), batch), 0);
         return batch.accesses.size() == 1;
     }
 
