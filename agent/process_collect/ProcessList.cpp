@@ -1,18 +1,19 @@
 #include "agent/process_collect/ProcessList.h"
 
 #include <charconv>
-#include <filesystem>
-#include <string>
+#include <memory>
+#include <string_view>
 #include <system_error>
+
+#include <dirent.h>
 
 namespace Engine {
 
 std::vector<int> ListPids() {
     std::vector<int> pids;
-    std::error_code error;
-    std::filesystem::directory_iterator entry("/proc", error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir("/proc"), closedir);
+    while (const dirent* entry = listing ? readdir(listing.get()) : nullptr) {
+        const std::string_view name = entry->d_name;
         const char* const end = name.data() + name.size();
         int pid = 0;
         const auto [parsed, failure] = std::from_chars(name.data(), end, pid);

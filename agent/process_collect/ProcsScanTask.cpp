@@ -16,11 +16,12 @@ constexpr unsigned int QUEUE_CAPACITY = 16;
 constexpr int IDLE_WAIT_MS = 3600 * 1000;
 constexpr std::size_t MAX_CMDLINE_BYTES = 4096;
 
-// False when there is no such process (any more), it has ended, or it has no image: a kernel thread.
+// False when there is no such process (any more), it has ended, or it has no image: a kernel thread. The image
+// first: it is what the kernel's own threads, often most of what runs, are told by at once.
 bool Describe(int pid, ProcsMessage::procInfo& info) {
     SDK::ProcStat stat;
-    if (SDK::ProcStat::Read(pid, stat) != 0 || stat.IsKernelThread() || stat.HasEnded() ||
-        SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0 ||
+    if (SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0 || SDK::ProcStat::Read(pid, stat) != 0 ||
+        stat.IsKernelThread() || stat.HasEnded() ||
         SDK::ProcessUtils::GetProcessCmdline(pid, info.cmdline, MAX_CMDLINE_BYTES) != 0) {
         return false;
     }

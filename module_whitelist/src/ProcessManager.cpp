@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <new>
+#include <unordered_map>
 #include <utility>
 
 #include <malloc.h>
@@ -82,13 +83,30 @@ Poco::AutoPtr<ProcsFullTask> FindProcsFullTask() {
     return Framework::Engine::FindTask(PROCS_FULL_TASK).cast<ProcsFullTask>();
 }
 
-ProcessInfo RecordOf(const ProcsMessage::procInfo& process) {
+// The digests of the images of one table of processes: many processes run few images, and each image is
+// opened and looked at once.
+class ImageDigests {
+public:
+    // Empty for an image that cannot be read.
+    const std::string& Of(const std::string& path) {
+        const auto [image, isNew] = mByPath.try_emplace(path);
+        if (isNew) {
+            SDK::FileUtils::GetFileSha256(path, image->second, MAX_FILE_BYTES);
+        }
+        return image->second;
+    }
+
+private:
+    std::unordered_map<std::string, std::string> mByPath;
+};
+
+ProcessInfo RecordOf(const ProcsMessage::procInfo& process, ImageDigests& digests) {
     ProcessInfo info(process.pid);
     info.ppid = process.ppid;
     info.path = process.path;
     info.name = process.name;
     info.cmdline = process.cmdline;
-    SDK::FileUtils::GetFileSha256(info.path, info.hash, MAX_FILE_BYTES);
+    info.hash = digests.Of(info.path);
     return info;
 }
 
@@ -562,9 +580,10 @@ bool ProcessManager::InitTrustProcess() {
         moduleLog.Error("Module Cann't Start, due to process id size %d", static_cast<int>(processes.size()));
         return false;
     }
+    ImageDigests digests;
     for (const auto& [pid, process] : processes) {
         throttle.Check();
-        ProcessInfo info = RecordOf(process);
+        ProcessInfo info = RecordOf(process, digests);
         if (!info.hash.empty()) {
             ConsiderRunningProcess(std::move(info));
         }
@@ -1064,9 +1083,10 @@ bool ProcessManager::GetAllProcess(std::string& out) {
         return false;
     }
     Json::Value list(Json::arrayValue);
+    ImageDigests digests;
     for (const auto& [pid, process] : processes) {
         throttle.Check();
-        ProcessInfo info = RecordOf(process);
+        ProcessInfo info = RecordOf(process, digests);
         info.type = MATCH_HASH;
         ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
     }

@@ -1,6 +1,7 @@
 #include <filesystem>
 
 #include "TrustEngineTest.h"
+#include "sdk/FileUtils.h"
 #include "support/ForeignProcess.h"
 
 namespace EngineTest {
@@ -125,6 +126,18 @@ TEST_F(RunningProcessesTest, InDirectoryModeKeepTheirRowButTakeTheNewVerdict) {
     ASSERT_NE(engine.GetProcessInfoFromID(100001), nullptr);
     EXPECT_EQ(engine.GetProcessInfoFromID(100001)->path, "/earlier");
     EXPECT_TRUE(engine.GetProcessInfoFromID(100001)->trusted);
+}
+
+TEST_F(RunningProcessesTest, AreHashedOnceAnImage) {
+    Configure(Engine::MOD_DETECT, true);
+    const std::string other = root.Write("bin/other", "the other");
+    TellOf({Process(100001, tool), Process(100002, other), Process(100003, tool), Process(100004, other)});
+    const SDK::DigestFigures before = SDK::FileUtils::GetDigestFigures();
+    EXPECT_TRUE(engine.InitTrustProcess());
+    const SDK::DigestFigures after = SDK::FileUtils::GetDigestFigures();
+    EXPECT_EQ(after.hits + after.misses, before.hits + before.misses + 2);
+    EXPECT_EQ(engine.GetProcessInfoFromID(100003)->hash, Digest("the tool"));
+    EXPECT_EQ(engine.GetProcessInfoFromID(100004)->hash, Digest("the other"));
 }
 
 TEST_F(RunningProcessesTest, OneHundredThousandAreLookedAt) {
