@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
+#include <memory>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "agent/sdk/AheadReader.h"
 #include "agent/sdk/DigestCache.h"
 #include "agent/sdk/FileDescriptor.h"
 #include "agent/sdk/MessageDigest.h"
@@ -120,13 +123,41 @@ int AppendToFile(const std::string& path, const char* data, std::size_t length) 
     return result == 0 ? WriteFully(file.Get(), data, length) : result;
 }
 
+// Null for a file that is not worth a thread, and when there can be none.
+std::unique_ptr<AheadReader> ReadAhead(int fd, std::uint64_t maxBytes) {
+    struct stat info {};
+    if (maxBytes < AheadReader::WORTHWHILE_BYTES || fstat(fd, &info) != 0 ||
+        static_cast<std::uint64_t>(info.st_size) < AheadReader::WORTHWHILE_BYTES) {
+        return nullptr;
+    }
+    try {
+        return std::make_unique<AheadReader>(fd, maxBytes);
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+}
+
+template <typename Take> int TakePieces(AheadReader& reader, Take take) {
+    for (;;) {
+        const char* data = nullptr;
+        std::size_t length = 0;
+        if (const int error = reader.Next(data, length); error != 0 || length == 0) {
+            return error;
+        }
+        if (const int error = take(data, length); error != 0) {
+            return error;
+        }
+    }
+}
+
 int DigestContent(int fd, const std::string& algorithm, std::string& digest, std::uint64_t maxBytes) {
     MessageDigest computation;
     if (!computation.Start(algorithm)) {
         return EINVAL;
     }
-    const int result = ReadPieces(
-        fd, maxBytes, [&](const char* data, std::size_t length) { return computation.Update(data, length) ? 0 : EIO; });
+    const auto take = [&](const char* data, std::size_t length) { return computation.Update(data, length) ? 0 : EIO; };
+    const std::unique_ptr<AheadReader> reader = ReadAhead(fd, maxBytes);
+    const int result = reader ? TakePieces(*reader, take) : ReadPieces(fd, maxBytes, take);
     if (result != 0) {
         return result;
     }
