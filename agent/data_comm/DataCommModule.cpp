@@ -114,18 +114,6 @@ Json::Value SummariseAlerts(const Json::Value& request) {
     return answer;
 }
 
-Json::Value CountReports() {
-    ReportCounts counts;
-    std::string problem;
-    if (!ReportReader(GetReportsPath()).Count(counts, problem)) {
-        return Problem("the history of reports cannot be read: " + problem);
-    }
-    Json::Value answer(Json::objectValue);
-    answer["total"] = Json::Int64{counts.total};
-    answer["alerts"] = Json::Int64{counts.alerts};
-    return answer;
-}
-
 } // namespace
 
 DataCommModule::DataCommModule() : Framework::Module(NAME) {}
@@ -154,6 +142,18 @@ Json::Value DataCommInspector::Ask(const Json::Value& request) {
     } catch (const std::exception& error) {
         return Problem(error.what());
     }
+}
+
+Json::Value DataCommInspector::CountReports() {
+    const std::lock_guard guard(mMutex);
+    std::string problem;
+    if (!ReportReader(GetReportsPath()).Count(mCounts, problem)) {
+        return Problem("the history of reports cannot be read: " + problem);
+    }
+    Json::Value answer(Json::objectValue);
+    answer["total"] = Json::Int64{mCounts.total};
+    answer["alerts"] = Json::Int64{mCounts.alerts};
+    return answer;
 }
 
 std::string GetReportsPath() {

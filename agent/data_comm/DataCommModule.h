@@ -1,7 +1,9 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 
+#include "agent/data_comm/ReportStore.h"
 #include "framework/Module.h"
 #include "framework/ModuleInspector.h"
 
@@ -33,6 +35,12 @@ public:
 class DataCommInspector : public Framework::ModuleInspector {
 public:
     Json::Value Ask(const Json::Value& request) override;
+
+private:
+    Json::Value CountReports();
+
+    std::mutex mMutex;
+    ReportCounts mCounts; // under mMutex; of the latest question, which the next goes on from
 };
 
 // Where the history lies in this installation.

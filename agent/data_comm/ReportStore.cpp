@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include "agent/data_comm/Sqlite.h"
 #include "sdk/FileUtils.h"
@@ -198,7 +199,7 @@ bool ReportStore::Append(const std::vector<Report>& reports, std::string& reason
 }
 
 ReportReader::ReportReader(const std::string& path)
-    : mOpenResult(sqlite3_open_v2(path.c_str(), &mDatabase, SQLITE_OPEN_READONLY, nullptr)) {
+    : mPath(path), mOpenResult(sqlite3_open_v2(path.c_str(), &mDatabase, SQLITE_OPEN_READONLY, nullptr)) {
     if (mOpenResult == SQLITE_OK) {
         sqlite3_busy_timeout(mDatabase, BUSY_TIMEOUT_MS);
     }
@@ -243,15 +244,59 @@ bool ReportReader::Count(ReportCounts& counts, std::string& reason) const {
     if (!IsOpen(reason)) {
         return false;
     }
-    Statement select(mDatabase, "SELECT (SELECT count(*) FROM reports), "
-                                "(SELECT count(*) FROM reports WHERE type = ?1)");
-    const std::string alertType = ReportStore::ALERT_TYPE;
-    if (select.Bind(1, alertType) != SQLITE_OK || select.Step() != SQLITE_ROW) {
+    struct stat file {};
+    static_cast<void>(stat(mPath.c_str(), &file));
+    ReportCounts counted = counts;
+    const bool isOfThisFile = counts.lastId != 0 && counts.inode == file.st_ino;
+    int result = isOfThisFile ? CountOn(counted) : SQLITE_OK;
+    const bool hasOnlyGrown =
+        result == SQLITE_ROW && counted.firstId == counts.firstId && counted.lastId >= counts.lastId;
+    if (!hasOnlyGrown) {
+        result = CountAll(counted);
+    }
+    if (result != SQLITE_ROW) {
         reason = sqlite3_errmsg(mDatabase);
         return false;
     }
-    counts = {select.Integer(0), select.Integer(1)};
+    counts = counted;
+    counts.inode = file.st_ino;
     return true;
+}
+
+// SQLITE_ROW or an error. The reports themselves are not read, only the index of their types.
+int ReportReader::CountAll(ReportCounts& counts) const {
+    Statement select(mDatabase, "SELECT (SELECT count(*) FROM reports), "
+                                "(SELECT count(*) FROM reports WHERE type = ?1), "
+                                "(SELECT min(id) FROM reports), (SELECT max(id) FROM reports)");
+    const std::string alertType = ReportStore::ALERT_TYPE;
+    int result = select.Bind(1, alertType);
+    if (result == SQLITE_OK) {
+        result = select.Step();
+    }
+    if (result == SQLITE_ROW) {
+        counts = {select.Integer(0), select.Integer(1), counts.inode, select.Integer(2), select.Integer(3)};
+    }
+    return result;
+}
+
+// Adds the reports behind counts.lastId, and says where the history begins and ends now. SQLITE_ROW or an error.
+int ReportReader::CountOn(ReportCounts& counts) const {
+    Statement select(mDatabase, "SELECT count(*), coalesce(sum(type = ?1), 0), "
+                                "(SELECT min(id) FROM reports), (SELECT max(id) FROM reports) "
+                                "FROM reports WHERE id > ?2");
+    const std::string alertType = ReportStore::ALERT_TYPE;
+    int result = select.Bind(1, alertType);
+    if (result == SQLITE_OK) {
+        result = select.Bind(2, counts.lastId);
+    }
+    if (result == SQLITE_OK) {
+        result = select.Step();
+    }
+    if (result == SQLITE_ROW) {
+        counts = {counts.total + select.Integer(0), counts.alerts + select.Integer(1), counts.inode, select.Integer(2),
+                  select.Integer(3)};
+    }
+    return result;
 }
 
 bool ReportReader::Summarise(std::optional<std::int64_t> since, AlertSummary& summary, std::string& reason) const {

@@ -37,6 +37,11 @@ struct ReportQuery {
 struct ReportCounts {
     std::int64_t total = 0;
     std::int64_t alerts = 0;
+
+    // What was counted: the history in this file, from this id to that. All 0 before.
+    std::uint64_t inode = 0;
+    std::int64_t firstId = 0;
+    std::int64_t lastId = 0;
 };
 
 // The durable history of reports: an SQLite database in WAL mode, so that readers never hold up the
@@ -96,6 +101,8 @@ public:
     // Oldest first unless the query says otherwise.
     bool Find(const ReportQuery& query, std::vector<Report>& reports, std::string& reason) const;
 
+    // Fills `counts`. Where they are of an earlier call and the history has only grown since, what came after
+    // is added, so that asking again and again costs nothing in a long history; otherwise all is counted.
     bool Count(ReportCounts& counts, std::string& reason) const;
 
     // Alerts about programs that were not blocked, those stored at `since` or later.
@@ -103,7 +110,10 @@ public:
 
 private:
     bool IsOpen(std::string& reason) const;
+    int CountAll(ReportCounts& counts) const;
+    int CountOn(ReportCounts& counts) const;
 
+    const std::string mPath;
     sqlite3* mDatabase = nullptr;
     int mOpenResult = 0;
 };

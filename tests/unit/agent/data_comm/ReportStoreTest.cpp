@@ -114,6 +114,50 @@ TEST_F(ReportStoreTest, AlertsAreCountedApart) {
     EXPECT_EQ(Count().alerts, 2);
 }
 
+TEST_F(ReportStoreTest, ACountGoesOnFromAnEarlierOne) {
+    Store({{0, 1, "whitelist_4", "{}"}, {0, 1, "whitelist_6", "{}"}});
+    ReportCounts counts = Count();
+    // Only what came after is looked at: what is known of before stays as it was told.
+    counts.alerts += 100;
+    Store({{0, 1, "whitelist_4", "{}"}, {0, 1, "whitelist_6", "{}"}, {0, 1, "whitelist_4", "{}"}});
+    std::string reason;
+    ASSERT_TRUE(ReportReader(path).Count(counts, reason)) << reason;
+    EXPECT_EQ(counts.total, 5);
+    EXPECT_EQ(counts.alerts, 103);
+    ASSERT_TRUE(ReportReader(path).Count(counts, reason)) << reason;
+    EXPECT_EQ(counts.total, 5) << "with nothing new";
+}
+
+TEST_F(ReportStoreTest, ACountBeginsAnewWhereReportsAreGone) {
+    for (const char* removal : {"DELETE FROM reports WHERE id = 1", "DELETE FROM reports WHERE id = 4"}) {
+        Store({{0, 1, "whitelist_4", "{}"}, {0, 1, "a", "{}"}, {0, 1, "a", "{}"}, {0, 1, "whitelist_4", "{}"}});
+        ReportCounts counts = Count();
+        ASSERT_EQ(counts.total, 4);
+        sqlite3* database = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(database, removal, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(database);
+        std::string reason;
+        ASSERT_TRUE(ReportReader(path).Count(counts, reason)) << reason;
+        EXPECT_EQ(counts.total, 3) << removal;
+        EXPECT_EQ(counts.alerts, 1) << removal;
+        store.Close();
+        std::filesystem::remove(path);
+    }
+}
+
+TEST_F(ReportStoreTest, ACountBeginsAnewInANewFile) {
+    Store({{0, 1, "whitelist_4", "{}"}});
+    ReportCounts counts = Count();
+    store.Close();
+    std::filesystem::rename(path, path + ".aside");
+    Store({{0, 1, "a", "{}"}, {0, 1, "a", "{}"}});
+    std::string reason;
+    ASSERT_TRUE(ReportReader(path).Count(counts, reason)) << reason;
+    EXPECT_EQ(counts.total, 2);
+    EXPECT_EQ(counts.alerts, 0);
+}
+
 TEST_F(ReportStoreTest, AStoreOpenedAgainKeepsItsReportsAndGoesOnCounting) {
     Store({{0, 1, "a", "1"}});
     store.Close();
