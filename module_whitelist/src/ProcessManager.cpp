@@ -677,19 +677,17 @@ std::optional<ImageExamination> ProcessManager::FindUntrustedImage(int pid, cons
     if (path.empty()) {
         return std::nullopt;
     }
-    ImageExamination image = ExamineImage(path);
+    ImageExamination image;
     int source = 0;
-    if (image.exemption != Exemption::NONE || IsWhiteHash(image.digest, path, source) ||
-        FindExemption(pid, path) != Exemption::NONE) {
+    if (VerifyImage(path, image, source) || FindExemption(pid, path) != Exemption::NONE) {
         return std::nullopt;
     }
     return image;
 }
 
-bool ProcessManager::VerifyImage(const std::string& path, std::string& digest, int& source) {
-    const ImageExamination image = ExamineImage(path);
-    digest = image.digest;
-    return image.exemption != Exemption::NONE || IsWhiteHash(digest, path, source);
+bool ProcessManager::VerifyImage(const std::string& path, ImageExamination& image, int& source) {
+    image = ExamineImage(path);
+    return image.exemption != Exemption::NONE || IsWhiteHash(image.digest, path, source);
 }
 
 bool ProcessManager::IsPrelinkedProcess(const char* path) const {

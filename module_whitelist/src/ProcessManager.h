@@ -153,9 +153,9 @@ public:
     // Decides on a live process by the digest of its image alone. Fails open: a process whose image
     // cannot be found or read is let go, and so are the agent's own.
     bool ProcessVerify(int pid);
-    // The same for an image file: true when it may run. `digest` is what was looked up, empty when the
-    // file could not be read; `source` is set when a list vouches for it.
-    bool VerifyImage(const std::string& path, std::string& digest, int& source);
+    // The same for an image file: true when it may run. `image` is what was looked at; `source` is set when
+    // a list vouches for it.
+    bool VerifyImage(const std::string& path, ImageExamination& image, int& source);
 
     // True for a 64-bit ELF file that the prelink tool has rewritten.
     bool IsPrelinkedProcess(const char* path) const;

@@ -79,12 +79,12 @@ Json::Value DescribeTrustList(const std::string& list) {
 }
 
 Json::Value DescribeVerdict(const std::string& path) {
-    std::string digest;
+    ImageExamination image;
     int source = 0;
     Json::Value answer(Json::objectValue);
-    answer["trusted"] = ProcessManager::Instance()->VerifyImage(path, digest, source);
+    answer["trusted"] = ProcessManager::Instance()->VerifyImage(path, image, source);
     answer["path"] = path;
-    answer["hash"] = digest;
+    answer["hash"] = image.digest;
     answer["list"] = GetListName(source);
     return answer;
 }

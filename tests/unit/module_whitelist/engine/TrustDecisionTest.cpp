@@ -333,16 +333,16 @@ TEST_F(TrustDecisionTest, AProcessWhoseImageCannotBeReadIsLetGo) {
 }
 
 TEST_F(TrustDecisionTest, AnImageFileIsJudgedLikeAProcessOfIt) {
-    std::string looked;
+    Engine::ImageExamination looked;
     int source = 99;
     EXPECT_FALSE(engine.VerifyImage(tool, looked, source));
-    EXPECT_EQ(looked, digest);
+    EXPECT_EQ(looked.digest, digest);
     EXPECT_EQ(source, 99);
     LearnLocally(Record(tool, digest));
     EXPECT_TRUE(engine.VerifyImage(tool, looked, source));
     EXPECT_EQ(source, 1);
     EXPECT_TRUE(engine.VerifyImage(root / "missing", looked, source));
-    EXPECT_EQ(looked, "");
+    EXPECT_EQ(looked.digest, "");
 }
 
 } // namespace EngineTest
