@@ -2,10 +2,15 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <string_view>
+#include <unordered_map>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
 #include "sdk/RwLock.h"
@@ -18,7 +23,12 @@ struct Limit {
     SDK::RwLock lock;
     // Without a trailing "/", except for the root group "/"; empty for no limit.
     std::string cgroup GUARDED_BY(lock);
+    // Groups, by the kernel's id of them, and whether they are within the limit. A v2 group is never renamed
+    // or moved and its id is never given again, so that this stays true.
+    std::unordered_map<std::uint64_t, bool> known GUARDED_BY(lock);
 };
+
+constexpr std::size_t MAX_KNOWN_GROUPS = 4096;
 
 // Never destroyed: tasks may still ask while the process exits.
 Limit& TheLimit() {
@@ -67,6 +77,45 @@ std::string_view FindV2Group(std::string_view lines) {
     return {};
 }
 
+// struct pidfd_info and PIDFD_GET_INFO of include/uapi/linux/pidfd.h, Linux 6.13, which the system's headers
+// need not have. The kernel fills in what is asked for in `mask` and it knows.
+struct PidfdInfo {
+    static constexpr std::uint64_t CGROUP_ID = 1U << 2U;
+
+    std::uint64_t mask;
+    std::uint64_t cgroupId;
+    std::array<std::uint32_t, 12> others;
+};
+static_assert(sizeof(PidfdInfo) == 64);
+constexpr unsigned long GET_INFO = _IOWR(0xFF, 11, PidfdInfo);
+
+// The id of the process's v2 group; nothing when the process is gone, or the kernel does not tell. A look
+// into /proc takes twice as long, and makes the kernel tidy up there when the process ends.
+std::optional<std::uint64_t> AskGroupId(int pid) {
+    const SDK::FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    PidfdInfo info{PidfdInfo::CGROUP_ID, 0, {}};
+    if (!process.IsOpen() || ioctl(process.Get(), GET_INFO, &info) != 0 || (info.mask & PidfdInfo::CGROUP_ID) == 0) {
+        return std::nullopt;
+    }
+    return info.cgroupId;
+}
+
+std::optional<bool> FindKnown(std::uint64_t group) {
+    Limit& limit = TheLimit();
+    const SDK::ReadGuard guard(limit.lock);
+    const auto found = limit.known.find(group);
+    return found == limit.known.end() ? std::nullopt : std::optional(found->second);
+}
+
+void Remember(std::uint64_t group, bool inLimit) {
+    Limit& limit = TheLimit();
+    const SDK::WriteGuard guard(limit.lock);
+    if (limit.known.size() >= MAX_KNOWN_GROUPS) {
+        limit.known.clear();
+    }
+    limit.known[group] = inLimit;
+}
+
 bool IsInLimit(std::string_view cgroup) {
     Limit& limit = TheLimit();
     const SDK::ReadGuard guard(limit.lock);
@@ -83,6 +132,7 @@ void Scope::SetCgroup(const std::string& cgroup) {
     Limit& limit = TheLimit();
     const SDK::WriteGuard guard(limit.lock);
     limit.cgroup = name;
+    limit.known.clear();
 }
 
 std::string Scope::GetCgroup() {
@@ -101,9 +151,21 @@ std::optional<bool> Scope::Ask(int pid) {
     if (!IsLimited()) {
         return true;
     }
+    const std::optional<std::uint64_t> group = AskGroupId(pid);
+    if (const std::optional<bool> known = group ? FindKnown(*group) : std::nullopt) {
+        return known;
+    }
     std::array<char, MAX_CGROUP_BYTES> buffer; // NOLINT(*-member-init): read fills what is used
     const std::optional<std::string_view> groups = ReadCgroups(pid, buffer);
-    return groups ? std::optional(IsInLimit(FindV2Group(*groups))) : std::nullopt;
+    if (!groups) {
+        return std::nullopt;
+    }
+    const bool inLimit = IsInLimit(FindV2Group(*groups));
+    // Only a process that has stayed where it was tells what the group is called.
+    if (group && AskGroupId(pid) == group) {
+        Remember(*group, inLimit);
+    }
+    return inLimit;
 }
 
 bool Scope::Contains(int pid) {

@@ -66,12 +66,23 @@ bool Task::EnqueueMsg(std::shared_ptr<Message>& message) {
     if (InterceptMsg(message)) {
         return true;
     }
-    if (!mQueue.Enqueue(message)) {
-        CountLosses(1);
-        return false;
+    const bool taken = PutInQueue(message);
+    if (taken) {
+        mEvent.Signal();
     }
-    mEvent.Signal();
-    return true;
+    return taken;
+}
+
+bool Task::EnqueueMsgQuietly(std::shared_ptr<Message>& message) {
+    return message && (InterceptMsg(message) || PutInQueue(message));
+}
+
+bool Task::PutInQueue(std::shared_ptr<Message>& message) {
+    const bool taken = mQueue.Enqueue(message);
+    if (!taken) {
+        CountLosses(1);
+    }
+    return taken;
 }
 
 std::size_t Task::EnqueueMsgs(std::vector<std::shared_ptr<Message>> messages) {

@@ -85,11 +85,8 @@ void Announcer::OnExec(const ProcEvent& event, int forkedBy) {
     SDK::ProcStat stat;
     ProcEvent begin{ProcsMessage::KIND_EXEC, event.pid, forkedBy, event.timestampNs};
     if (forkedBy != 0) {
-        // The judges first: they are to see the program while it runs. What the table wants to know is for
-        // later comparisons.
         AnnounceBegin(begin, Record(event.pid, stat));
-        SDK::ProcStat::Read(event.pid, stat);
-        Record(event.pid, stat);
+        mUndescribed.push_back(event.pid);
         return;
     }
     SDK::ProcStat::Read(event.pid, stat);
@@ -124,6 +121,38 @@ bool Announcer::OnExit(const ProcEvent& event) {
     return true;
 }
 
+void Announcer::WakeSubscribers() {
+    const SDK::WriteGuard guard(mLock);
+    for (auto& [name, subscriber] : mSubscribers) {
+        if (!subscriber.wakeDue) {
+            continue;
+        }
+        subscriber.wakeDue = false;
+        if (Poco::AutoPtr<Framework::Task> task = FindRunning(name, subscriber.instance)) {
+            task->Wake();
+        }
+    }
+}
+
+void Announcer::Describe(bool isComplete) {
+    std::vector<int> pids;
+    {
+        const SDK::WriteGuard guard(mLock);
+        pids.swap(mUndescribed);
+    }
+    if (!isComplete) {
+        return;
+    }
+    for (const int pid : pids) {
+        const SDK::WriteGuard guard(mLock);
+        const auto known = mTable.find(pid);
+        SDK::ProcStat stat;
+        if (known != mTable.end() && known->second.startTime == 0 && SDK::ProcStat::Read(pid, stat) == 0) {
+            Record(pid, stat);
+        }
+    }
+}
+
 void Announcer::Rescan() {
     mRescans.Add();
     EndDeparted();
@@ -134,6 +163,7 @@ void Announcer::Rescan() {
             rescued += Examine(pid, true) ? 1 : 0;
         }
     }
+    WakeSubscribers();
     moduleLog.Information("compared with /proc after a loss of process events: %d processes had been missed", rescued);
 }
 
@@ -209,6 +239,11 @@ void Announcer::AnnounceExit(int pid) {
     }
 }
 
+// True when the pid has gone to another process since the entry was made.
+bool Announcer::IsAnother(const Entry& entry, const SDK::ProcStat& stat) {
+    return entry.startTime != 0 && entry.startTime != stat.startTime;
+}
+
 // Announces the exit of every process in the table that does not run any more.
 void Announcer::EndDeparted() {
     std::vector<int> pids;
@@ -223,7 +258,7 @@ void Announcer::EndDeparted() {
         const auto known = mTable.find(pid);
         SDK::ProcStat stat;
         const bool runs = SDK::ProcStat::Read(pid, stat) == 0 && !stat.HasEnded();
-        if (known != mTable.end() && (!runs || known->second.startTime != stat.startTime)) {
+        if (known != mTable.end() && (!runs || IsAnother(known->second, stat))) {
             AnnounceExit(pid);
         }
     }
@@ -269,13 +304,23 @@ void Announcer::UpdateDebts() {
     mDebts.store(debts, std::memory_order_release);
 }
 
-// Puts a message about the process, as the table has it, in the subscriber's queue. On its way out of
-// the queue the message notes that it was handled.
-Announcer::Delivery Announcer::Post(const std::string& name, const Subscriber& subscriber, const ProcEvent& event) {
+// Puts a message about the process, as the table has it, in the subscriber's queue.
+Announcer::Delivery Announcer::Post(const std::string& name, Subscriber& subscriber, const ProcEvent& event) {
     Poco::AutoPtr<Framework::Task> task = FindRunning(name, subscriber.instance);
     if (!task) {
         return Delivery::NotRunning;
     }
+    std::shared_ptr<Framework::Message> message = MakeMessage(subscriber, event);
+    const bool wakes = event.kind == ProcsMessage::KIND_EXEC;
+    if (!(wakes ? task->EnqueueMsg(message) : task->EnqueueMsgQuietly(message))) {
+        return Delivery::QueueFull;
+    }
+    subscriber.wakeDue = !wakes;
+    return Delivery::Done;
+}
+
+// On its way out of the queue the message notes that it was handled.
+std::shared_ptr<Framework::Message> Announcer::MakeMessage(const Subscriber& subscriber, const ProcEvent& event) {
     std::shared_ptr<ProcsMessage::procInfo> info;
     std::uint64_t startTime = 0;
     if (event.kind != ProcsMessage::KIND_EXIT) {
@@ -289,9 +334,8 @@ Announcer::Delivery Announcer::Post(const std::string& name, const Subscriber& s
         handled->store(sequence, std::memory_order_release);
         return kind != ProcsMessage::KIND_FORK || IsForkStillDue(pid, startTime);
     };
-    std::shared_ptr<Framework::Message> message =
-        std::make_shared<ProcsMessage>(event.pid, event.kind, std::move(info), std::move(stillDue), event.timestampNs);
-    return task->EnqueueMsg(message) ? Delivery::Done : Delivery::QueueFull;
+    return std::make_shared<ProcsMessage>(event.pid, event.kind, std::move(info), std::move(stillDue),
+                                          event.timestampNs);
 }
 
 Poco::AutoPtr<Framework::Task> Announcer::FindRunning(const std::string& name, std::uint64_t instance) {

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include <Poco/AutoPtr.h>
 
@@ -34,6 +35,12 @@ namespace Engine {
 // What is owed is made good as kind 1: by Settle when the queue has room again, and by Subscribe, before
 // anything else, when a new instance comes.
 //
+// An exec wakes those who are told of it at once. Of forks and exits they are told quietly, until somebody
+// calls WakeSubscribers.
+//
+// Of a program that has been forked and executed just now /proc is asked later, in Describe: most that end at
+// once have ended by then, and looking at a process costs whoever waits for its end.
+//
 // Thread-safe: one lock holds events, comparisons and subscriptions apart. It is held while /proc is
 // read for one process, never for longer.
 class Announcer {
@@ -59,6 +66,14 @@ public:
     // nevertheless, the fork counts as folded and nobody is told. Kernel threads are nobody's business.
     void OnFork(const ProcEvent& event);
 
+    // Wakes those who have been told of something quietly.
+    void WakeSubscribers();
+
+    // Notes, of programs that have begun since the last call and still run, by what later comparisons know
+    // them. `isComplete` is false when events have been lost meanwhile: then it is not known whether they
+    // are still the programs that were announced, and the comparison announces them once more.
+    void Describe(bool isComplete);
+
     // An exit. False when the process is not in the table: out of scope, or told already.
     bool OnExit(const ProcEvent& event);
 
@@ -75,7 +90,8 @@ public:
 
 private:
     struct Entry {
-        // Which process, and which of its images: see SDK::ProcStat. 0 when it was gone too soon.
+        // Which process, and which of its images: see SDK::ProcStat. 0 when that has not been looked at
+        // yet, or it was gone too soon.
         std::uint64_t startTime = 0;
         std::uint64_t startStack = 0;
         // The number of its latest announcement; 0 for none.
@@ -92,6 +108,7 @@ private:
         // thread.
         std::shared_ptr<std::atomic<std::uint64_t>> handled;
         std::set<int> owed;
+        bool wakeDue = false; // something was put in its queue quietly
 
         bool Wants(unsigned int kind) const { return (kinds >> kind & 1U) != 0; }
     };
@@ -111,7 +128,10 @@ private:
     void SettleWith(const std::string& name, Subscriber& subscriber) REQUIRES(mLock);
     bool SettleOne(const std::string& name, Subscriber& subscriber, int pid) REQUIRES(mLock);
     void UpdateDebts() REQUIRES(mLock);
-    Delivery Post(const std::string& name, const Subscriber& subscriber, const ProcEvent& event) REQUIRES(mLock);
+    Delivery Post(const std::string& name, Subscriber& subscriber, const ProcEvent& event) REQUIRES(mLock);
+    std::shared_ptr<Framework::Message> MakeMessage(const Subscriber& subscriber, const ProcEvent& event)
+        REQUIRES(mLock);
+    static bool IsAnother(const Entry& entry, const SDK::ProcStat& stat);
     static Poco::AutoPtr<Framework::Task> FindRunning(const std::string& name, std::uint64_t instance);
 
     Framework::Counter& mLost;
@@ -123,6 +143,7 @@ private:
     mutable SDK::RwLock mLock;
     std::unordered_map<int, Entry> mTable GUARDED_BY(mLock);
     std::map<std::string, Subscriber> mSubscribers GUARDED_BY(mLock);
+    std::vector<int> mUndescribed GUARDED_BY(mLock);
     std::uint64_t mSequence GUARDED_BY(mLock) = 0;
     std::atomic<bool> mDebts{false};
 };

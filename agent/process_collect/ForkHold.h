@@ -37,6 +37,9 @@ public:
     // All forks whose time is over, oldest first. They are held no longer.
     std::vector<ProcEvent> TakeDue(Clock::time_point now);
 
+    // All of them, oldest first.
+    std::vector<ProcEvent> TakeAll() { return TakeDue(Clock::time_point::max()); }
+
     // How long until TakeDue has something, rounded up to milliseconds; -1 when nothing is held.
     int GetTimeoutMs(Clock::time_point now) const;
 

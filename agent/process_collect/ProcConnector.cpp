@@ -1,209 +1,94 @@
 #include "agent/process_collect/ProcConnector.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <random>
-#include <span>
+#include <cstdio>
 
-#include <linux/cn_proc.h>
-#include <linux/connector.h>
-#include <linux/netlink.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <sys/utsname.h>
+
+#include "sdk/TimeUtils.h"
 
 namespace Engine {
 
 namespace {
 
-// The kernel answers at once, from the context of the request.
-constexpr std::chrono::milliseconds ACK_DEADLINE{3000};
+using Kinds = ProcSocket::Kinds;
 
-constexpr std::size_t BATCH_SIZE = 128;
-
-// A process event takes 76 bytes.
-constexpr std::size_t MAX_DATAGRAM_BYTES = 256;
-
-// A request that also says which events are wanted: struct proc_input of include/uapi/linux/cn_proc.h
-// since Linux 6.6. Older kernels ignore a request of this length.
-struct FilteredRequest {
-    std::uint32_t operation;
-    std::uint32_t eventKinds;
-};
-
-std::string Describe(const char* what, int error) {
-    return std::string(what) + ": " + std::strerror(error);
+// The shorter of two times as poll(2) takes them: -1 is for ever.
+int Shorter(int leftMs, int rightMs) {
+    return leftMs < 0 || rightMs < 0 ? std::max(leftMs, rightMs) : std::min(leftMs, rightMs);
 }
 
 } // namespace
 
-// The memory that recvmmsg(2) fills. The lengths are reset before every call, the pointers never
-// change.
-struct ProcConnector::Batch {
-    std::array<std::array<std::byte, MAX_DATAGRAM_BYTES>, BATCH_SIZE> datagrams;
-    std::array<sockaddr_nl, BATCH_SIZE> senders;
-    std::array<iovec, BATCH_SIZE> places;
-    std::array<mmsghdr, BATCH_SIZE> headers;
+ProcConnector::ProcConnector(int receiveBufferBytes, Sockets sockets)
+    : mFirst(sockets == Sockets::Two ? Kinds::Execs : Kinds::All, receiveBufferBytes),
+      mSecond(sockets == Sockets::Two ? std::make_unique<ProcSocket>(Kinds::ForksAndExits, receiveBufferBytes)
+                                      : nullptr) {}
 
-    Batch() {
-        for (std::size_t i = 0; i < BATCH_SIZE; ++i) {
-            places[i] = {datagrams[i].data(), datagrams[i].size()};
-        }
-    }
-
-    void Reset() {
-        for (std::size_t i = 0; i < BATCH_SIZE; ++i) {
-            headers[i] = {};
-            headers[i].msg_hdr.msg_name = &senders[i];
-            headers[i].msg_hdr.msg_namelen = sizeof senders[i];
-            headers[i].msg_hdr.msg_iov = &places[i];
-            headers[i].msg_hdr.msg_iovlen = 1;
-        }
-    }
-
-    // Only the kernel has port 0; any process may send to a netlink socket.
-    bool IsWholeAndFromKernel(std::size_t i) const {
-        return headers[i].msg_hdr.msg_namelen == sizeof senders[i] && senders[i].nl_pid == 0 &&
-               (headers[i].msg_hdr.msg_flags & MSG_TRUNC) == 0;
-    }
-
-    std::span<const std::byte> Datagram(std::size_t i) const { return {datagrams[i].data(), headers[i].msg_len}; }
-};
-
-ProcConnector::ProcConnector(int receiveBufferBytes)
-    : mReceiveBufferBytes(receiveBufferBytes), mBatch(std::make_unique<Batch>()) {}
-
-ProcConnector::~ProcConnector() {
-    if (mFd < 0) {
-        return;
-    }
-    // Kernels before 6.6 go on producing events for a listener that only closed its socket.
-    const std::uint32_t ignore = PROC_CN_MCAST_IGNORE;
-    Send(&ignore, sizeof ignore, 0);
-    close(mFd);
+// A filtered listener gets no answer, so the kernel cannot be asked whether it filters.
+ProcConnector::Sockets ProcConnector::WhatTheKernelCan() {
+    utsname kernel{};
+    int major = 0;
+    int minor = 0;
+    const bool known = uname(&kernel) == 0 && std::sscanf(kernel.release, "%d.%d", &major, &minor) == 2;
+    return known && (major > 6 || (major == 6 && minor >= 6)) ? Sockets::Two : Sockets::One;
 }
 
 bool ProcConnector::Open(std::string& problem) {
-    return OpenSocket(problem) && Listen(problem);
+    return mFirst.Open(problem) && (!mSecond || mSecond->Open(problem));
 }
 
-bool ProcConnector::OpenSocket(std::string& problem) {
-    mFd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_CONNECTOR);
-    if (mFd < 0) {
-        problem = Describe("the proc connector is not available here (it is in the initial network namespace)", errno);
-        return false;
-    }
-    // Beyond net.core.rmem_max, which takes CAP_NET_ADMIN.
-    if (setsockopt(mFd, SOL_SOCKET, SO_RCVBUFFORCE, &mReceiveBufferBytes, sizeof mReceiveBufferBytes) != 0) {
-        problem = Describe("the receive buffer of the proc connector cannot be set (needs CAP_NET_ADMIN)", errno);
-        return false;
-    }
-    sockaddr_nl address{};
-    address.nl_family = AF_NETLINK;
-    address.nl_groups = CN_IDX_PROC;
-    if (bind(mFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        problem = Describe("the proc connector's events cannot be subscribed to (needs CAP_NET_ADMIN)", errno);
-        return false;
-    }
-    return true;
-}
-
-// Asks for all events first, because only that request is acknowledged by every kernel; then narrows
-// it, where the kernel can, to the kinds that are decoded. A filtered listener gets no answer: the
-// kernel's filter takes the acknowledgement, an event of no kind, away as well.
-bool ProcConnector::Listen(std::string& problem) {
-    const std::uint32_t number = std::random_device{}();
-    if (!RequestAll(number)) {
-        problem = Describe("the proc connector takes no request", errno);
-        return false;
-    }
-    int error = 0;
-    if (!AwaitAck(number, error)) {
-        problem = "the proc connector does not answer (the agent must run in the initial pid and user namespaces)";
-        return false;
-    }
-    if (error != 0) {
-        problem = Describe("the proc connector refuses to send events (needs CAP_NET_ADMIN)", error);
-        return false;
-    }
-    const FilteredRequest narrow{PROC_CN_MCAST_LISTEN, proc_event::PROC_EVENT_EXEC | proc_event::PROC_EVENT_FORK |
-                                                           proc_event::PROC_EVENT_EXIT};
-    Send(&narrow, sizeof narrow, number);
-    return true;
-}
-
-bool ProcConnector::RequestAll(std::uint32_t number) const {
-    const std::uint32_t listen = PROC_CN_MCAST_LISTEN;
-    return Send(&listen, sizeof listen, number);
-}
-
-// False when no answer came in time. Events that come before the answer are dropped; nobody has been
-// promised them. Where the receive buffer ran over, the answer may have been lost with them: the
-// request is repeated.
-bool ProcConnector::AwaitAck(std::uint32_t request, int& error) {
-    const auto deadline = std::chrono::steady_clock::now() + ACK_DEADLINE;
-    for (;;) {
-        const int count = Receive();
-        if (count < 0 && errno == ENOBUFS) {
-            RequestAll(request);
-        }
-        for (int i = 0; i < count; ++i) {
-            const auto place = static_cast<std::size_t>(i);
-            if (mBatch->IsWholeAndFromKernel(place) && DecodeProcAck(mBatch->Datagram(place), request, error)) {
-                return true;
-            }
-        }
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-        if (left <= 0) {
-            return false;
-        }
-        pollfd waited{mFd, POLLIN, 0};
-        poll(&waited, 1, static_cast<int>(left));
+void ProcConnector::Wait(int stopFd, int timeoutMs) {
+    // poll(2) passes over the descriptor -1.
+    std::array<pollfd, 3> waited{pollfd{mFirst.GetFd(), POLLIN, 0}, pollfd{stopFd, POLLIN, 0},
+                                 pollfd{mSecond && !mGathering ? mSecond->GetFd() : -1, POLLIN, 0}};
+    constexpr int GATHER_MS = static_cast<int>(GATHER_TIME.count());
+    poll(waited.data(), waited.size(), mGathering ? Shorter(timeoutMs, GATHER_MS) : timeoutMs);
+    if (waited[0].revents == 0 && waited[1].revents == 0 && waited[2].revents != 0) {
+        waited[2].fd = -1;
+        poll(waited.data(), waited.size(), Shorter(timeoutMs, GATHER_MS));
     }
 }
 
 ProcConnector::Outcome ProcConnector::Read(std::vector<ProcEvent>& events) {
-    const int count = Receive();
-    if (count < 0) {
-        if (errno == ENOBUFS) {
-            return Outcome::Overflow;
+    Outcome outcome;
+    if (!mSecond) {
+        ReadAll(mFirst, events, outcome);
+        return outcome;
+    }
+    const std::uint64_t begunNs = SDK::TimeUtils::GetMonotonicNs();
+    ReadAll(mFirst, mExecs, outcome);
+    ReadAll(*mSecond, mOthers, outcome);
+    mGathering = !mExecs.empty();
+    mMerge.Merge(begunNs, mExecs, mOthers, events);
+    mGathering = mGathering || mMerge.KeepsSome();
+    return outcome;
+}
+
+// To the end, also behind an overflow.
+void ProcConnector::ReadAll(ProcSocket& socket, std::vector<ProcEvent>& events, Outcome& outcome) {
+    for (;;) {
+        switch (socket.Read(events)) {
+        case ProcSocket::Outcome::Events:
+            break;
+        case ProcSocket::Outcome::Overflow:
+            ++outcome.overflows;
+            break;
+        case ProcSocket::Outcome::Failed:
+            outcome.error = errno;
+            return;
+        case ProcSocket::Outcome::Exhausted:
+        case ProcSocket::Outcome::Empty:
+            return;
         }
-        return errno == EAGAIN || errno == EINTR ? Outcome::Empty : Outcome::Failed;
     }
-    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-        mGarbled += mBatch->IsWholeAndFromKernel(i) ? DecodeProcEvents(mBatch->Datagram(i), events) : 1;
-    }
-    return Outcome::Events;
 }
 
-// How many datagrams the batch holds now; -1, with errno, when none could be read.
-int ProcConnector::Receive() {
-    mBatch->Reset();
-    return recvmmsg(mFd, mBatch->headers.data(), BATCH_SIZE, MSG_DONTWAIT, nullptr);
-}
-
-bool ProcConnector::Send(const void* request, std::uint32_t size, std::uint32_t number) const {
-    // One netlink message; each part is a multiple of NLMSG_ALIGNTO long.
-    nlmsghdr netlink{};
-    cn_msg connector{};
-    netlink.nlmsg_len = static_cast<std::uint32_t>(sizeof netlink + sizeof connector) + size;
-    netlink.nlmsg_type = NLMSG_DONE;
-    connector.id = {CN_IDX_PROC, CN_VAL_PROC};
-    connector.ack = number;
-    connector.len = static_cast<std::uint16_t>(size);
-    std::array<iovec, 3> parts{iovec{&netlink, sizeof netlink}, iovec{&connector, sizeof connector},
-                               iovec{const_cast<void*>(request), size}};
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    msghdr message{};
-    message.msg_name = &kernel;
-    message.msg_namelen = sizeof kernel;
-    message.msg_iov = parts.data();
-    message.msg_iovlen = parts.size();
-    return sendmsg(mFd, &message, 0) >= 0;
+std::uint64_t ProcConnector::GetGarbledCount() const {
+    return mFirst.GetGarbledCount() + (mSecond ? mSecond->GetGarbledCount() : 0);
 }
 
 } // namespace Engine

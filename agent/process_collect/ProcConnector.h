@@ -1,78 +1,78 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "agent/process_collect/EventMerge.h"
 #include "agent/process_collect/ProcEvent.h"
+#include "agent/process_collect/ProcSocket.h"
 
 namespace Engine {
 
-// The kernel's proc connector: the one place that talks to it.
+// The kernel's process events in their order, with few wake-ups.
 //
-// It owns one descriptor, a netlink socket, from Open to the destructor, and nothing else. It must not
-// know of subscribers, of the scope or of /proc: it says what the kernel said.
+// A program start is three events: fork, exec, exit. Whoever is woken for each spends more on waking than on
+// anything else. So where the kernel can tell them apart, execs come through one socket, which wakes the
+// reader at once, and forks and exits through another, which is read along with the execs or, when none
+// comes, after GATHER_TIME.
 //
-//     Open          socket → receive buffer → multicast group → "listen" → the kernel's answer
-//     Read          up to a batch of datagrams → ProcEvents, copied out; nothing points into the buffers
-//     GetFd         lent for poll(2), never closed by the borrower
-//     ~ProcConnector   "ignore" → close
+//     idle         any event wakes. A fork or exit alone leads to gathering
+//     gathering    after such an event, and after execs: an exec wakes; else the time is waited for
 //
-// What can go wrong, and what comes of it:
-//
-//     no right to listen (EPERM), other network namespace (EPROTONOSUPPORT), other pid or user
-//     namespace (the kernel does not answer)       Open fails with one line that says so
-//     the receive buffer ran over (ENOBUFS)        Read says Overflow; events are gone, how many is not
-//                                                  known
-//     a datagram that did not come from the kernel, or that cannot be decoded
-//                                                  dropped; GetGarbledCount
+// On a kernel that cannot (before 6.6) there is one socket for all.
 //
 // One thread at a time.
 class ProcConnector {
 public:
-    // Several thousand events; the kernel accounts a multiple of their size against it.
+    // Several thousand events; the kernel accounts a multiple of their size against it. Of each socket.
     static constexpr int RECEIVE_BUFFER_BYTES = 8 * 1024 * 1024;
 
-    explicit ProcConnector(int receiveBufferBytes = RECEIVE_BUFFER_BYTES);
-    ~ProcConnector();
+    // How long a fork or exit waits for an exec's company.
+    static constexpr std::chrono::milliseconds GATHER_TIME{5};
+
+    enum class Sockets {
+        One,
+        Two,
+    };
+
+    explicit ProcConnector(int receiveBufferBytes = RECEIVE_BUFFER_BYTES, Sockets sockets = WhatTheKernelCan());
     ProcConnector(const ProcConnector&) = delete;
     ProcConnector& operator=(const ProcConnector&) = delete;
 
-    // Starts to listen. False, and `problem` says why in one line, when the agent may not or cannot;
-    // the object is of no use then. Returns within a few seconds. Called once.
+    // Two from Linux 6.6 on.
+    static Sockets WhatTheKernelCan();
+
+    // See ProcSocket::Open.
     bool Open(std::string& problem);
 
-    // For poll(2): readable when Read has something to say. -1 when not open.
-    int GetFd() const { return mFd; }
+    // Sleeps until Read should be called, until `stopFd` is readable, or until `timeoutMs` milliseconds have
+    // passed; -1 for no end.
+    void Wait(int stopFd, int timeoutMs);
 
-    enum class Outcome {
-        Events,   // `events` may have grown; there may be more
-        Empty,    // nothing waits
-        Overflow, // the kernel dropped events since the last call
-        Failed,   // errno says why
+    struct Outcome {
+        unsigned int overflows = 0; // how often the kernel dropped events, since the last call
+        int error = 0;              // an errno value; not 0: a socket could not be read
     };
 
-    // Takes one batch of what waits and appends its events. Never blocks.
+    // Appends what waits, in the order in which it happened to each process. Never blocks.
     Outcome Read(std::vector<ProcEvent>& events);
 
     // Messages that were dropped because they could not be believed or decoded.
-    std::uint64_t GetGarbledCount() const { return mGarbled; }
+    std::uint64_t GetGarbledCount() const;
 
 private:
-    struct Batch;
+    static void ReadAll(ProcSocket& socket, std::vector<ProcEvent>& events, Outcome& outcome);
 
-    bool OpenSocket(std::string& problem);
-    bool Listen(std::string& problem);
-    bool AwaitAck(std::uint32_t request, int& error);
-    int Receive();
-    bool RequestAll(std::uint32_t number) const;
-    bool Send(const void* request, std::uint32_t size, std::uint32_t number) const;
-
-    const int mReceiveBufferBytes;
-    const std::unique_ptr<Batch> mBatch;
-    int mFd = -1;
-    std::uint64_t mGarbled = 0;
+    // The execs; without the other one, everything.
+    ProcSocket mFirst;
+    const std::unique_ptr<ProcSocket> mSecond; // forks and exits
+    EventMerge mMerge;
+    bool mGathering = false;
+    std::vector<ProcEvent> mExecs;
+    std::vector<ProcEvent> mOthers;
 };
 
 } // namespace Engine

@@ -8,7 +8,6 @@
 #include <optional>
 #include <utility>
 
-#include <poll.h>
 #include <pthread.h>
 
 #include "framework/Scope.h"
@@ -38,6 +37,16 @@ constexpr std::chrono::seconds LOSS_LOG_INTERVAL{1};
 
 // How long the reader waits after an error that it cannot explain, so as not to spin on it.
 constexpr std::chrono::milliseconds ERROR_PAUSE{100};
+
+// A child that is gone already was where its parent is.
+bool IsForkInScope(const ProcEvent& fork) {
+    const std::optional<bool> inScope = Framework::Scope::Ask(fork.pid);
+    return inScope ? *inScope : Framework::Scope::Contains(fork.parentPid);
+}
+
+// New programs are looked at when none has started for so long, or when there are so many.
+constexpr int DESCRIPTION_PAUSE_MS = 5;
+constexpr std::ptrdiff_t MAX_UNDESCRIBED = 256;
 
 // Makes the task's thread look at what is due.
 class CatchUpMessage : public Framework::Message {};
@@ -123,15 +132,18 @@ void ProcsRealTask::ReadUntilStopped() {
     pthread_setname_np(pthread_self(), "procs_reader");
     while (WaitForEvents()) {
         try {
-            ReadBatch();
+            ReadEvents();
+            HoldNewForks();
             for (const ProcEvent& fork : mForks.TakeDue(Clock::now())) {
                 mAnnouncer.OnFork(fork);
             }
         } catch (const std::exception& error) {
             // Whatever was not told is found by the comparison.
             moduleLog.Error("process events were dropped: %s", error.what());
+            mAnnouncer.Describe(false);
             mRescanDue.store(true);
         }
+        mAnnouncer.WakeSubscribers();
         if (mRescanDue.load() || mAnnouncer.HasDebts()) {
             WakeTask();
         }
@@ -140,27 +152,37 @@ void ProcsRealTask::ReadUntilStopped() {
 
 // False when the reader is to stop.
 bool ProcsRealTask::WaitForEvents() {
-    pollfd waited[] = {{mConnector->GetFd(), POLLIN, 0}, {mStop.GetFd(), POLLIN, 0}};
-    poll(waited, 2, mForks.GetTimeoutMs(Clock::now()));
+    int timeoutMs = mForks.GetTimeoutMs(Clock::now());
+    if (mUndescribed > 0 && (timeoutMs < 0 || timeoutMs > DESCRIPTION_PAUSE_MS)) {
+        timeoutMs = DESCRIPTION_PAUSE_MS;
+    }
+    mConnector->Wait(mStop.GetFd(), timeoutMs);
     return !mStopping.load();
 }
 
-void ProcsRealTask::ReadBatch() {
-    mBatch.clear();
-    switch (mConnector->Read(mBatch)) {
-    case ProcConnector::Outcome::Events:
-        CountGarbled();
-        std::for_each(mBatch.begin(), mBatch.end(), [this](const ProcEvent& event) { HandleEvent(event); });
-        break;
-    case ProcConnector::Outcome::Overflow:
-        HandleOverflow();
-        break;
-    case ProcConnector::Outcome::Failed:
-        moduleLog.Error("the proc connector cannot be read: %s", std::strerror(errno));
+void ProcsRealTask::ReadEvents() {
+    mEvents.clear();
+    const ProcConnector::Outcome outcome = mConnector->Read(mEvents);
+    CountGarbled();
+    std::for_each(mEvents.begin(), mEvents.end(), [this](const ProcEvent& event) { HandleEvent(event); });
+    DescribeNewPrograms(outcome);
+    // Behind what was read, so that the comparison has it.
+    if (outcome.overflows > 0) {
+        HandleOverflows(outcome.overflows);
+    }
+    if (outcome.error != 0) {
+        moduleLog.Error("the proc connector cannot be read: %s", std::strerror(outcome.error));
         std::this_thread::sleep_for(ERROR_PAUSE);
-        break;
-    case ProcConnector::Outcome::Empty:
-        break;
+    }
+}
+
+void ProcsRealTask::DescribeNewPrograms(const ProcConnector::Outcome& outcome) {
+    const auto starts = std::count_if(mEvents.begin(), mEvents.end(),
+                                      [](const ProcEvent& event) { return event.kind == ProcsMessage::KIND_EXEC; });
+    mUndescribed += starts;
+    if (outcome.overflows > 0 || mUndescribed >= MAX_UNDESCRIBED || (mUndescribed > 0 && starts == 0)) {
+        mAnnouncer.Describe(outcome.overflows == 0);
+        mUndescribed = 0;
     }
 }
 
@@ -179,36 +201,49 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event) {
 }
 
 void ProcsRealTask::HandleExec(const ProcEvent& event) {
-    const std::optional<ProcEvent> fork = mForks.Take(event.pid);
+    const std::optional<ProcEvent> newFork = mNewForks.Take(event.pid);
+    const std::optional<ProcEvent> fork = newFork ? newFork : mForks.Take(event.pid);
     // Of a process that is gone already it is still known whether it was in scope before.
-    const std::optional<bool> inScope = Framework::Scope::Ask(event.pid);
+    const std::optional<bool> inScope = newFork ? IsForkInScope(*newFork) : Framework::Scope::Ask(event.pid);
     if (!(inScope ? *inScope : fork || mAnnouncer.Knows(event.pid))) {
         return;
     }
-    mExecs.Add();
+    if (newFork) {
+        mForkCount.Add();
+    }
     if (fork) {
         mFolded.Add();
     }
+    mExecs.Add();
     mAnnouncer.OnExec(event, fork ? fork->parentPid : 0);
 }
 
 void ProcsRealTask::HandleFork(const ProcEvent& event) {
-    // A child that is gone already was where its parent is.
-    const std::optional<bool> inScope = Framework::Scope::Ask(event.pid);
-    if (inScope ? *inScope : Framework::Scope::Contains(event.parentPid)) {
-        mForkCount.Add();
-        mForks.Hold(event, Clock::now());
-    }
+    mNewForks.Hold(event, Clock::now());
 }
 
 // The control group of a process that has ended can often not be asked any more: what has been
 // announced, or is just held back, was in scope.
 void ProcsRealTask::HandleExit(const ProcEvent& event) {
-    if (const std::optional<ProcEvent> fork = mForks.Take(event.pid)) {
+    if (const std::optional<ProcEvent> newFork = mNewForks.Take(event.pid)) {
+        if (IsForkInScope(*newFork)) {
+            mForkCount.Add();
+            mAnnouncer.OnFork(*newFork);
+        }
+    } else if (const std::optional<ProcEvent> fork = mForks.Take(event.pid)) {
         mAnnouncer.OnFork(*fork);
     }
     if (mAnnouncer.OnExit(event)) {
         mExits.Add();
+    }
+}
+
+void ProcsRealTask::HoldNewForks() {
+    for (const ProcEvent& fork : mNewForks.TakeAll()) {
+        if (IsForkInScope(fork)) {
+            mForkCount.Add();
+            mForks.Hold(fork, Clock::now());
+        }
     }
 }
 
@@ -218,9 +253,9 @@ void ProcsRealTask::CountGarbled() {
     mGarbledSeen = garbled;
 }
 
-void ProcsRealTask::HandleOverflow() {
-    mOverflows.Add();
-    mLost.Add();
+void ProcsRealTask::HandleOverflows(unsigned int count) {
+    mOverflows.Add(count);
+    mLost.Add(count);
     mRescanDue.store(true);
     const auto now = Clock::now();
     if (now - mLossLogged >= LOSS_LOG_INTERVAL) {

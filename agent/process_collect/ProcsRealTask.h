@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,7 +22,8 @@ namespace Engine {
 // Two threads:
 //
 //   reader   connector → scope → fork hold → Announcer. Reads on while others judge, so that the
-//            kernel's buffer does not run over.
+//            kernel's buffer does not run over. Subscribers are woken for each exec, and otherwise once
+//            for all that was read.
 //   task     subscriptions; what the reader leaves to do after a loss: the comparison with /proc, and
 //            what subscribers are owed. Sleeps otherwise.
 //
@@ -42,13 +44,15 @@ private:
     // Reader thread.
     void ReadUntilStopped();
     bool WaitForEvents();
-    void ReadBatch();
+    void ReadEvents();
     void HandleEvent(const ProcEvent& event);
     void HandleExec(const ProcEvent& event);
     void HandleFork(const ProcEvent& event);
     void HandleExit(const ProcEvent& event);
+    void HoldNewForks();
+    void DescribeNewPrograms(const ProcConnector::Outcome& outcome);
     void CountGarbled();
-    void HandleOverflow();
+    void HandleOverflows(unsigned int count);
     void WakeTask();
 
     // Task thread.
@@ -57,7 +61,11 @@ private:
     // Only the reader thread uses these while it runs.
     const std::unique_ptr<ProcConnector> mConnector;
     ForkHold mForks;
-    std::vector<ProcEvent> mBatch;
+    // Forks of the events just read, of which nobody has asked yet whether they are in scope: where the
+    // child's exec has been read along with them, it is asked once for both.
+    ForkHold mNewForks;
+    std::vector<ProcEvent> mEvents;
+    std::ptrdiff_t mUndescribed = 0; // programs announced since the last Describe
     std::uint64_t mGarbledSeen = 0;
     std::chrono::steady_clock::time_point mLossLogged;
 

@@ -8,8 +8,9 @@ namespace Framework {
 // Which processes the agent may see, judge and act on.
 //
 // Without a control group: all of them. With one: those whose control group (v2) is the named group
-// or lies below it, asked of /proc/PID/cgroup each time, since a process may be moved. The group's
-// name is its path as it stands behind "0::" there, so the process's own cgroup namespace decides.
+// or lies below it. The kernel is asked each time, since a process may be moved: for the group's id where it
+// tells (Linux 6.13), and of a group not met before for its name. That is its path as it stands behind "0::"
+// in /proc/PID/cgroup, so the process's own cgroup namespace decides.
 class Scope {
 public:
     // Sets the group for the whole process; an empty text takes the limit away. Called once at start,

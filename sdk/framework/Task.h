@@ -50,7 +50,12 @@ public:
     // null. Thread-safe.
     virtual bool EnqueueMsg(std::shared_ptr<Message>& message);
 
-    // The same with several messages, none of them null, in their order: the task is woken once. Returns how
+    // The same without waking the task, which takes the message out when it next wakes: the caller owes it a
+    // Wake.
+    bool EnqueueMsgQuietly(std::shared_ptr<Message>& message);
+    void Wake() { mEvent.Signal(); }
+
+    // EnqueueMsg with several messages, none of them null, in their order: the task is woken once. Returns how
     // many were taken, which are the first ones.
     std::size_t EnqueueMsgs(std::vector<std::shared_ptr<Message>> messages);
 
@@ -107,6 +112,7 @@ private:
     void RunPeriodically();
     void RunGuarded();
     void HandleGuarded(const Message* message);
+    bool PutInQueue(std::shared_ptr<Message>& message);
     void CountLosses(std::size_t count);
 
     const std::string mFeatureName;

@@ -168,6 +168,20 @@ TEST_F(ScopeTest, AProcessIsContainedWhileItIsInTheGroup) {
     EXPECT_FALSE(Scope::Contains(child.Pid()));
 }
 
+TEST_F(ScopeTest, AnotherLimitIsAskedOfTheSameGroupAnew) {
+    const TestGroup group;
+    if (!group.IsMade()) {
+        GTEST_SKIP() << "no control group (v2) can be made here";
+    }
+    const IdleChild child;
+    ASSERT_TRUE(group.Move(child.Pid(), group.Name()));
+    Scope::SetCgroup(group.Name());
+    EXPECT_TRUE(Scope::Contains(child.Pid()));
+    EXPECT_TRUE(Scope::Contains(child.Pid()));
+    Scope::SetCgroup(group.Name() + "/below");
+    EXPECT_FALSE(Scope::Contains(child.Pid()));
+}
+
 TEST_F(ScopeTest, AProcessThatIsGoneIsNotContained) {
     const TestGroup group;
     if (!group.IsMade()) {

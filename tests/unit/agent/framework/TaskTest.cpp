@@ -240,6 +240,17 @@ TEST(Task, AMessageWakesTheTask) {
     EXPECT_TRUE(WaitFor([&] { return task->Numbers() == std::vector<int>{1}; }));
 }
 
+TEST(Task, AQuietMessageWaitsUntilTheTaskIsWoken) {
+    auto task = MakeTask("task");
+    const TaskThread thread(*task);
+    ASSERT_TRUE(WaitFor([&] { return task->runs == 1; }));
+    std::shared_ptr<Framework::Message> message = std::make_shared<NumberMessage>(1);
+    ASSERT_TRUE(task->EnqueueMsgQuietly(message));
+    EXPECT_EQ(task->GetQueueDepth(), 1U);
+    task->Wake();
+    EXPECT_TRUE(WaitFor([&] { return task->Numbers() == std::vector<int>{1}; }));
+}
+
 TEST(Task, MessagesAreHandledOnTheTasksThreadOnly) {
     auto task = MakeTask("task");
     std::atomic<std::thread::id> handler{};

@@ -72,7 +72,10 @@ protected:
     static ProcEvent Exit(int pid, std::uint64_t timestampNs) { return {3, pid, 0, timestampNs}; }
 
     // What the receiver was told of the process once everything in its queue has been handled.
-    Kinds ToldOf(int pid) const { return ToldOf(*mReceiver, pid); }
+    Kinds ToldOf(int pid) {
+        mAnnouncer.WakeSubscribers();
+        return ToldOf(*mReceiver, pid);
+    }
     static Kinds ToldOf(const Receiver& receiver, int pid) {
         EXPECT_TRUE(WaitFor([&receiver] { return receiver.GetQueueDepth() == 0; }));
         std::size_t size = 0;
@@ -122,6 +125,33 @@ TEST_F(AnnouncerTest, AComparisonTellsNothingOfWhatWasTold) {
     EXPECT_EQ(ToldOf(forked.Pid()), Kinds{2});
     EXPECT_EQ(Count("events.rescued"), rescuedBefore);
     EXPECT_EQ(Count("events.rescan"), rescansBefore + 1);
+}
+
+TEST_F(AnnouncerTest, AProgramThatWasDescribedIsNotToldAgainByAComparison) {
+    const ChildProcess started = SpawnChild();
+    mAnnouncer.OnExec(Exec(started, NowNs()), getpid());
+    mAnnouncer.Describe(true);
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(started.Pid()), Kinds{1});
+}
+
+TEST_F(AnnouncerTest, AProgramThatCouldNotBeDescribedForALossIsToldAgainByTheComparison) {
+    const ChildProcess started = SpawnChild();
+    mAnnouncer.OnExec(Exec(started, NowNs()), getpid());
+    mAnnouncer.Describe(false);
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(started.Pid()), (Kinds{1, 1}));
+}
+
+TEST_F(AnnouncerTest, AnExecWakesAtOnceAForkWhenSubscribersAreWoken) {
+    const ChildProcess started = SpawnChild();
+    const ChildProcess forked = ForkChild();
+    mAnnouncer.OnFork(Fork(forked, NowNs()));
+    EXPECT_EQ(mReceiver->GetQueueDepth(), 1u);
+    mAnnouncer.WakeSubscribers();
+    EXPECT_TRUE(WaitFor([&] { return mReceiver->WasTold(2, forked.Pid()); }));
+    mAnnouncer.OnExec(Exec(started, NowNs()), getpid());
+    EXPECT_TRUE(WaitFor([&] { return mReceiver->WasTold(1, started.Pid()); }));
 }
 
 TEST_F(AnnouncerTest, WhatWasThereAtTheStartIsNotToldAndItsOldEventsNeither) {
@@ -248,6 +278,7 @@ TEST_F(AnnouncerTest, OnlyTheKindsAskedForAreTold) {
     const ChildProcess child = SpawnChild();
     mAnnouncer.OnExec(Exec(child, NowNs()), 0);
     mAnnouncer.OnExit(Exit(child.Pid(), NowNs()));
+    mAnnouncer.WakeSubscribers();
     EXPECT_EQ(ToldOf(*exits, child.Pid()), Kinds{3});
     EXPECT_EQ(ToldOf(child.Pid()), (Kinds{1, 3}));
 }

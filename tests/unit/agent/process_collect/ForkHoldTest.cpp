@@ -78,3 +78,14 @@ TEST(ForkHoldTest, TheTimeoutLeadsToTheOldestForkAndIsNeverShort) {
     EXPECT_EQ(hold.GetTimeoutMs(START + std::chrono::microseconds(1500)), 9);
     EXPECT_EQ(hold.GetTimeoutMs(START + milliseconds(500)), 0);
 }
+
+TEST(ForkHoldTest, AllCanBeTakenBeforeTheirTime) {
+    ForkHold hold;
+    hold.Hold(Fork(5), START);
+    hold.Hold(Fork(6), START + milliseconds(5));
+    const std::vector<ProcEvent> all = hold.TakeAll();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(all[0].pid, 5);
+    EXPECT_EQ(all[1].pid, 6);
+    EXPECT_EQ(hold.GetSize(), 0u);
+}
