@@ -19,12 +19,13 @@ namespace {
 
 constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 
-// File systems whose time stamps and leases are the kernel's own doing. From <linux/magic.h> but for XFS,
-// which is in its own header (fs/xfs/libxfs/xfs_format.h, XFS_SB_MAGIC). The three generations of ext share a
-// number.
+// File systems whose time stamps and leases are the kernel's own doing, and that are told of the first store to
+// a page of a shared mapping (their vm_operations_struct has a page_mkwrite) unless they are never written to.
+// From <linux/magic.h> but for XFS, which is in its own header (fs/xfs/libxfs/xfs_format.h, XFS_SB_MAGIC). The
+// three generations of ext share a number.
 constexpr std::uint32_t XFS_MAGIC = 0x58465342;
-constexpr std::array<std::uint32_t, 7> KERNEL_FILE_SYSTEMS = {
-    EXT4_SUPER_MAGIC, XFS_MAGIC, BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC, TMPFS_MAGIC, SQUASHFS_MAGIC, EROFS_SUPER_MAGIC_V1,
+constexpr std::array<std::uint32_t, 6> KERNEL_FILE_SYSTEMS = {
+    EXT4_SUPER_MAGIC, XFS_MAGIC, BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC, SQUASHFS_MAGIC, EROFS_SUPER_MAGIC_V1,
 };
 
 std::int64_t ToNs(const timespec& time) {

@@ -27,13 +27,15 @@ namespace SDK {
 //     but         write(2) sets it before it copies the data, and a page of a shared mapping sets it when it is
 //                 first written to, not at later stores: who has the file open for writing, or mapped, can
 //                 change the content afterwards without another ctime.
+//     but         tmpfs, and so what memfd_create(2) gives, is not told of such a store at all: a page that was
+//                 read through the mapping first is then changed without another ctime.
 //     but         it follows the machine's clock, which can be set back.
 //     but         a file system in user space or over a network tells whatever its server likes.
 //
 // So a digest is remembered, under device, file system id, inode, size, mtime and ctime in nanoseconds and the
 // read limit, only if all of this held:
 //
-//     1. the file system is one of the kernel's own (a list in the source);
+//     1. the file system is one of the kernel's own, in which every change moves ctime (a list in the source);
 //     2. before the content was read, ctime lay at least SETTLE_TIME in the past, by the clock that the
 //        kernel takes it from, so that every change from then on gives another ctime;
 //     3. after that, nobody had the file open for writing or mapped so: a read lease (fcntl(2), F_SETLEASE)

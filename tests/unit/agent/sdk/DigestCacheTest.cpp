@@ -188,6 +188,22 @@ TEST_F(DigestCacheTest, AStoreThroughASharedMappingThatLeavesTheTimesAloneIsSeen
     munmap(mapping, LIMIT);
 }
 
+// Its own memory is one that can be had without mounting a file system.
+TEST_F(DigestCacheTest, AFileInMemoryIsNotRememberedForAStoreThroughAMappingLeavesItsTimesAlone) {
+    const FileDescriptor memory(memfd_create("file", MFD_CLOEXEC));
+    ASSERT_EQ(write(memory.Get(), "content", 7), 7);
+    const std::string path = "/proc/self/fd/" + std::to_string(memory.Get());
+    auto* mapping = static_cast<char*>(mmap(nullptr, LIMIT, PROT_READ | PROT_WRITE, MAP_SHARED, memory.Get(), 0));
+    ASSERT_NE(mapping, MAP_FAILED);
+    ASSERT_EQ(mapping[0], 'c');
+    const struct stat before = Stat(path);
+    EXPECT_EQ(Ask(path), "content");
+    mapping[0] = 'C';
+    ASSERT_EQ(Stat(path).st_ctim.tv_nsec, before.st_ctim.tv_nsec);
+    EXPECT_EQ(Ask(path), "Content");
+    munmap(mapping, LIMIT);
+}
+
 TEST_F(DigestCacheTest, AChangeWhileTheFileIsReadIsNotRemembered) {
     const std::string path = dir.Write("file", "content");
     AwaitNextTick(path);
