@@ -13,21 +13,29 @@ namespace Engine {
 namespace {
 
 // What a row holds decides whether it counts, never whether the rest does: SQLite's JSON functions fail
-// on a text that is no JSON, and CASE is what keeps them from seeing one.
+// on a text that is no JSON, and CASE is what keeps them from seeing one. Paths and users are taken as the JSON
+// that they are written in: SQLite would not know the bytes that are no UTF-8 in them.
 constexpr const char* SELECT_PROGRAMS =
     "WITH alerts AS MATERIALIZED ("
     " SELECT time, CASE WHEN json_valid(data) THEN json_extract(data, '$.process_info') END AS process"
     " FROM reports WHERE type = ?1 AND time >= ?2 AND typeof(time) = 'integer'),"
     "seen AS ("
     " SELECT time,"
-    "  json_extract(process, '$.process_path') AS path,"
+    "  process -> '$.process_path' AS path,"
     "  coalesce(json_extract(process, '$.process_hash'), '') AS hash,"
-    "  coalesce(nullif(json_extract(process, '$.process_username'), ''),"
-    "   json_extract(process, '$.process_uid')) AS user"
+    "  coalesce(nullif(nullif(process -> '$.process_username', '\"\"'), 'null'),"
+    "   process -> '$.process_uid') AS user"
     " FROM alerts WHERE CASE WHEN json_valid(process) THEN json_type(process, '$.process_path') = 'text'"
     "  AND json_extract(process, '$.block') = 0 END)"
-    "SELECT path, hash, count(*), min(time), max(time), json_group_array(DISTINCT CAST(user AS TEXT))"
+    "SELECT path, hash, count(*), min(time), max(time), json_group_array(DISTINCT user)"
     " FROM seen GROUP BY path, hash ORDER BY count(*) DESC, max(time) DESC, path, hash LIMIT ?3";
+
+// A text or number written in JSON.
+std::string ReadScalar(const std::string& json) {
+    Json::Value scalar;
+    SDK::JsonUtils::ParseJsonStr("[" + json + "]", scalar);
+    return scalar.isArray() && scalar.size() == 1 && !scalar[0].isArray() ? scalar[0].asString() : "";
+}
 
 std::vector<std::string> ReadUsers(const std::string& array) {
     Json::Value names;
@@ -35,7 +43,7 @@ std::vector<std::string> ReadUsers(const std::string& array) {
     std::vector<std::string> users;
     for (const Json::Value& name : names) {
         if (name.isString()) {
-            users.push_back(name.asString());
+            users.push_back(ReadScalar(name.asString()));
         }
     }
     std::sort(users.begin(), users.end());
@@ -60,7 +68,7 @@ int SummariseAlerts(sqlite3* database, std::optional<std::int64_t> since, AlertS
             summary.complete = false;
             return SQLITE_OK;
         }
-        summary.programs.push_back({select.Text(0), select.Text(1), select.Integer(2), select.Integer(3),
+        summary.programs.push_back({ReadScalar(select.Text(0)), select.Text(1), select.Integer(2), select.Integer(3),
                                     select.Integer(4), ReadUsers(select.Text(5))});
     }
     return result == SQLITE_DONE ? SQLITE_OK : result;

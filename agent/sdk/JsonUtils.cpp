@@ -4,12 +4,15 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include "agent/sdk/JsonBytes.h"
 #include "agent/sdk/JsonTokens.h"
 
 namespace SDK {
@@ -62,8 +65,10 @@ JsonUtils::Fault ReadFault(const std::string& errors) {
 bool ReadStrictly(const char* text, std::size_t length, Json::Value& value, std::string& errors) {
     // One a thread: making it takes longer than reading a short document.
     static thread_local const std::unique_ptr<Json::CharReader> reader(StrictReader().newCharReader());
+    const std::optional<std::string> restored = RestoreBytes({text, length});
+    const std::string_view document = restored ? std::string_view(*restored) : std::string_view(text, length);
     Json::Value parsed;
-    if (!reader->parse(text, text + length, &parsed, &errors)) {
+    if (!reader->parse(document.data(), document.data() + document.size(), &parsed, &errors)) {
         return false;
     }
     value = std::move(parsed);
@@ -143,7 +148,7 @@ bool JsonUtils::IsArrayValue(const Json::Value& object, const char* key) {
 
 std::string JsonUtils::JsonToString(const Json::Value& value) {
     try {
-        return Json::writeString(OneLineWriter(), value);
+        return EscapeBytes(Json::writeString(OneLineWriter(), value));
     } catch (const std::exception&) {
         return "";
     }

@@ -43,8 +43,11 @@ public:
     static bool IsArrayValue(const Json::Value& object, const char* key);
 
     // The value as one line of JSON without a trailing newline. Members come in byte order of their
-    // keys (jsoncpp keeps objects sorted). Text is written as the bytes it is, so that a path which
-    // is not valid UTF-8 reads back unchanged; control characters and quotes are escaped.
+    // keys (jsoncpp keeps objects sorted). The line is valid UTF-8 whatever the values hold: control
+    // characters and quotes are escaped, and each byte 0xNN that is no part of valid UTF-8 is written as
+    // \udcNN, half of a surrogate pair, which no text that is UTF-8 has. ParseJsonStr reads that as the
+    // byte again, so that a path comes back unchanged; so does whoever decodes as Python's
+    // "surrogateescape" does.
     static std::string JsonToString(const Json::Value& value);
 };
 

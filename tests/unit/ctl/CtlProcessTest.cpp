@@ -350,7 +350,7 @@ TEST_F(CtlProcessTest, AFileIsNamedToTheDaemonAsTheKernelWouldNameIt) {
     }
     streams.Write("a &b\xff", "");
     EXPECT_EQ(Run({"explain", "--json", "a &b\xff"}), 0);
-    EXPECT_THAT(out, HasSubstr("\"file\":\"" + folder + "/a &b\xff\""));
+    EXPECT_THAT(out, HasSubstr("\"file\":\"" + folder + "/a &b\\udcff\""));
 }
 
 TEST_F(CtlProcessTest, WhatCannotBeExplainedSaysWhy) {

@@ -16,6 +16,7 @@ using Engine::ReportReader;
 using Engine::ReportStore;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 struct Alert {
     std::string path = "/opt/tool";
@@ -147,6 +148,10 @@ TEST_F(AlertSummaryTest, BytesThatAreNotUtf8AreKept) {
             "{\"process_info\":{\"block\":0,\"process_path\":\"/\xff\xfe\",\"process_username\":\"\xff\"}}"}});
 
     EXPECT_THAT(Lines(Summarise()), ElementsAre("/\xff\xfe  1 3 3 \xff"));
+
+    Store({{0, 3, ReportStore::ALERT_TYPE,
+            R"({"process_info":{"block":0,"process_path":"/\udced\udcb3\udcbf","process_username":"\udcff"}})"}});
+    EXPECT_THAT(Lines(Summarise()), UnorderedElementsAre("/\xff\xfe  1 3 3 \xff", "/\xed\xb3\xbf  1 3 3 \xff"));
 }
 
 TEST_F(AlertSummaryTest, ASummaryIsBoundedAndSaysSo) {

@@ -274,12 +274,32 @@ TEST(JsonToString, EscapesControlCharactersAndQuotes) {
     EXPECT_EQ(Parsed(text), value);
 }
 
-TEST(JsonToString, KeepsTheBytesOfPathsThatAreNotUtf8) {
+TEST(JsonToString, BytesThatAreNotUtf8AreEscapedAndReadBack) {
     Json::Value value(Json::objectValue);
-    value["path"] = "/tmp/\xFF\xC3(\x80\xE2\x82/caf\xC3\xA9";
+    value["path"] = "/tmp/\xFF\xC3(\x80\xE2\x82\xED\xB3\xBF/caf\xC3\xA9\\udcff";
     const std::string text = JsonUtils::JsonToString(value);
-    EXPECT_EQ(text, "{\"path\":\"/tmp/\xFF\xC3(\x80\xE2\x82/caf\xC3\xA9\"}");
+    EXPECT_EQ(text,
+              "{\"path\":\"/tmp/\\udcff\\udcc3(\\udc80\\udce2\\udc82\\udced\\udcb3\\udcbf/caf\xC3\xA9\\\\udcff\"}");
     EXPECT_EQ(JsonUtils::GetStringValue(Parsed(text), "path", ""), value["path"].asString());
+}
+
+TEST(JsonToString, EveryByteReadsBack) {
+    std::string bytes;
+    for (int first = 0; first < 256; ++first) {
+        for (int second = 0; second < 256; ++second) {
+            bytes += {static_cast<char>(first), static_cast<char>(second)};
+        }
+    }
+    Json::Value value(Json::objectValue);
+    value[bytes] = bytes;
+    const std::string text = JsonUtils::JsonToString(value);
+    EXPECT_EQ(Parsed(text), value);
+    EXPECT_EQ(JsonUtils::JsonToString(Parsed(text)), text);
+}
+
+TEST(ParseJsonStr, ThePairThatMakesACharacterIsNotTakenForBytes) {
+    EXPECT_EQ(Parsed(R"(["\ud83d\udcff\uDCfF\uDC7f"])")[0].asString(), "\xF0\x9F\x93\xBF\xFF\xED\xB1\xBF");
+    EXPECT_EQ(Parsed("[\"raw \xFF \\\\udcff \\udc80\"]")[0].asString(), "raw \xFF \\udcff \x80");
 }
 
 TEST(JsonToString, LosesNoNumber) {
