@@ -5,19 +5,29 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/WriteConfinement.h"
+#include "sdk/ModuleLog.h"
+#include "sdk/StrUtils.h"
 
 namespace SDK {
 
 namespace {
+
+ModuleLog moduleLog("sdk");
 
 using Clock = std::chrono::steady_clock;
 
@@ -60,20 +70,88 @@ public:
         posix_spawn_file_actions_addclosefrom_np(&mActions, STDERR_FILENO + 1);
     }
 
-    bool Spawn(const std::vector<std::string>& words, pid_t& pid) const {
-        std::vector<char*> arguments;
-        arguments.reserve(words.size() + 1);
-        for (const std::string& word : words) {
-            arguments.push_back(const_cast<char*>(word.c_str()));
-        }
-        arguments.push_back(nullptr);
-        return posix_spawnp(&pid, arguments[0], &mActions, &mAttributes, arguments.data(), environ) == 0;
+    bool Spawn(const std::string& program, const std::vector<std::string>& words,
+               const std::vector<std::string>& environment, pid_t& pid) const {
+        return posix_spawn(&pid, program.c_str(), &mActions, &mAttributes, ToPointers(words).data(),
+                           ToPointers(environment).data()) == 0;
     }
 
 private:
+    static std::vector<char*> ToPointers(const std::vector<std::string>& texts) {
+        std::vector<char*> pointers;
+        pointers.reserve(texts.size() + 1);
+        for (const std::string& text : texts) {
+            pointers.push_back(const_cast<char*>(text.c_str()));
+        }
+        pointers.push_back(nullptr);
+        return pointers;
+    }
+
     posix_spawnattr_t mAttributes{};
     posix_spawn_file_actions_t mActions{};
 };
+
+// The folders that programs are looked up in. A relative one would be another one in every folder.
+std::vector<std::string> ReadSearchPath() {
+    const char* path = std::getenv("PATH");
+    std::vector<std::string> folders = StrUtils::EasySplit(path == nullptr ? "/usr/bin:/bin" : path, ":");
+    std::erase_if(folders, [](const std::string& folder) { return !folder.starts_with('/'); });
+    return folders;
+}
+
+bool IsProgram(const std::string& path) {
+    struct stat file {};
+    return stat(path.c_str(), &file) == 0 && S_ISREG(file.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+// Where the program is: the name itself when it has a "/"; empty when it is found nowhere.
+std::string LookUp(const std::string& name, const std::vector<std::string>& folders) {
+    if (name.find('/') != std::string::npos) {
+        return name;
+    }
+    for (const std::string& folder : folders) {
+        std::string path = folder;
+        path.append("/").append(name);
+        if (IsProgram(path)) {
+            return path;
+        }
+    }
+    return "";
+}
+
+std::vector<std::string> MakeEnvironment(const std::vector<std::string>& folders) {
+    std::string path = "PATH=";
+    for (const std::string& folder : folders) {
+        path += (path.back() == '=' ? "" : ":") + folder;
+    }
+    return {path, "LC_ALL=C"};
+}
+
+void ConfineWrites() {
+    static std::once_flag said;
+    if (!ConfineWritesToTemporaryFiles()) {
+        std::call_once(said, [] {
+            moduleLog.Warning("the kernel has no Landlock: programs that the agent runs can write to any file");
+        });
+    }
+}
+
+// On a thread of its own, because what a thread gives up by confining itself it does not get back.
+bool SpawnConfined(const SpawnPlan& plan, const std::vector<std::string>& words, pid_t& pid) {
+    const std::vector<std::string> folders = ReadSearchPath();
+    const std::string program = LookUp(words.front(), folders);
+    const std::vector<std::string> environment = MakeEnvironment(folders);
+    bool started = false;
+    try {
+        std::thread([&] {
+            ConfineWrites();
+            started = plan.Spawn(program, words, environment, pid);
+        }).join();
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return started;
+}
 
 // Takes what the pipe holds now. Closes the descriptor at the end of the stream.
 void Drain(FileDescriptor& pipe, std::string& output, std::size_t maxOutput) {
@@ -154,7 +232,7 @@ int RunProgram(const std::vector<std::string>& words, std::string& output, std::
     plan.DetachFromCaller();
     plan.RedirectStandardFiles(writeEnd.Get());
     pid_t pid = 0;
-    if (!plan.Spawn(words, pid)) {
+    if (!SpawnConfined(plan, words, pid)) {
         return RUN_NOT_STARTED;
     }
     writeEnd.Reset();

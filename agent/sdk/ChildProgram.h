@@ -10,7 +10,12 @@ namespace SDK {
 constexpr int RUN_NOT_STARTED = 127;
 constexpr int RUN_SIGNAL_BASE = 128;
 
-// Runs `words[0]` (looked up in PATH) with all of `words` as its arguments and waits until it ends.
+// Runs `words[0]` (looked up in the absolute folders of PATH) with all of `words` as its arguments and waits
+// until it ends.
+//
+// Of this process's environment it is given PATH alone, without what is no absolute folder, and LC_ALL=C. It
+// can write below /tmp only (ConfineWritesToTemporaryFiles); where the kernel cannot see to that, a warning is
+// logged once and the program runs all the same.
 //
 // `output` receives the first `maxOutput` bytes of its standard output; the rest is read and dropped.
 // Standard input and error are /dev/null; no other descriptor and no signal setting of this process

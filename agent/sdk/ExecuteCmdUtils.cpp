@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "agent/sdk/ChildProgram.h"
+#include "agent/sdk/ClaimedFiles.h"
 #include "agent/sdk/CommandLine.h"
 
 namespace SDK {
@@ -13,7 +14,8 @@ int ExecuteCmdUtils::ExecuteCmd(const std::string& command, std::string& output,
     if (!SplitCommandLine(command, words)) {
         return -1;
     }
-    return RunProgram(words, output, maxOutput, TIMEOUT_MS);
+    const ClaimedFiles temporaries(words);
+    return temporaries.AreHeld() ? RunProgram(words, output, maxOutput, TIMEOUT_MS) : RUN_NOT_STARTED;
 }
 
 } // namespace SDK

@@ -7,6 +7,7 @@
 
 #include <elf.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace utils::elf {
@@ -16,8 +17,7 @@ namespace {
 // A descriptor that is closed on every path out of its scope.
 class OpenFile {
 public:
-    // Non-blocking, so that a FIFO in the place of an image holds nobody up.
-    explicit OpenFile(const std::string& path) : mFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+    OpenFile(const std::string& path, int flags) : mFd(open(path.c_str(), flags | O_CLOEXEC)) {}
     ~OpenFile() {
         if (mFd >= 0) {
             close(mFd);
@@ -27,6 +27,14 @@ public:
     OpenFile& operator=(const OpenFile&) = delete;
 
     bool IsOpen() const { return mFd >= 0; }
+
+    bool IsDevice() const {
+        struct stat info {};
+        return fstat(mFd, &info) == 0 && (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode));
+    }
+
+    // A name of the very file that is open.
+    std::string Link() const { return "/proc/self/fd/" + std::to_string(mFd); }
 
     // Reads up to `size` bytes at `offset`; what the file does not have stays as it was.
     std::size_t ReadAt(std::uint64_t offset, void* buffer, std::size_t size) const {
@@ -62,7 +70,14 @@ bool HasSection(const OpenFile& file, const Elf64_Ehdr& header, std::uint32_t se
 } // namespace
 
 SectionSearch FindSectionOfType(const std::string& path, std::uint32_t sectionType) {
-    const OpenFile file(path);
+    // Looked at first, without opening it: who may name an image may put a link in its place, and some devices
+    // (a watchdog, a tape) act when they are opened.
+    const OpenFile place(path, O_PATH);
+    if (place.IsOpen() && place.IsDevice()) {
+        return SectionSearch::NotElf;
+    }
+    // Non-blocking, so that a FIFO in the place of an image holds nobody up.
+    const OpenFile file(place.IsOpen() ? place.Link() : path, O_RDONLY | O_NONBLOCK);
     if (!file.IsOpen()) {
         return SectionSearch::CannotOpen;
     }

@@ -3,11 +3,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -152,6 +154,103 @@ TEST(ExecuteCmd, LooksTheProgramUpInPath) {
     MakeScript(dir, "corvalent-test-program", "echo found $1");
     setenv("PATH", (dir.Path() + ":/usr/bin:/bin").c_str(), 1);
     EXPECT_EQ(Execute("corvalent-test-program here").output, "found here\n");
+}
+
+TEST(ExecuteCmd, OnlyAbsoluteFoldersOfPathCount) {
+    const TempDir dir;
+    MakeScript(dir, "corvalent-test-program", "echo found");
+    setenv("PATH", ".:tools::/usr/bin:/bin", 1);
+    std::filesystem::current_path(dir.Path());
+    EXPECT_EQ(Execute("corvalent-test-program").status, 127);
+    EXPECT_EQ(Execute("./corvalent-test-program").output, "found\n");
+    std::filesystem::current_path("/");
+}
+
+TEST(ExecuteCmd, PassesOnNoVariableButThePath) {
+    setenv("LD_PRELOAD", "/no/such/library.so", 1);
+    setenv("TMPDIR", "/no/such/folder", 1);
+    setenv("PATH", "bin:/usr/bin::/bin", 1);
+    EXPECT_EQ(Execute("env").output, "PATH=/usr/bin:/bin\nLC_ALL=C\n");
+    unsetenv("LD_PRELOAD");
+    unsetenv("TMPDIR");
+}
+
+TEST(ExecuteCmd, AProgramWritesNowhereButToTemporaryFiles) {
+    const TempDir dir;
+    char elsewhere[] = "/var/tmp/corvalent-test-XXXXXX";
+    ASSERT_NE(mkdtemp(elsewhere), nullptr);
+    const std::string kept = std::string(elsewhere) + "/kept";
+    std::ofstream(kept) << "kept";
+    std::filesystem::create_symlink(kept, dir / "link");
+    for (const std::string& command : {"sh -c 'echo x > " + kept + "'", "cp /etc/hostname " + kept + ".new",
+                                       "truncate -s 0 " + kept, "mv " + kept + " " + (dir / "moved"), "rm " + kept,
+                                       "mkdir " + kept + ".folder", "sh -c 'echo x > " + (dir / "link") + "'"}) {
+        EXPECT_NE(Execute(command).status, 0) << command;
+    }
+    EXPECT_EQ(TempDir::ReadText(kept), "kept");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(elsewhere), {}), 1);
+    EXPECT_EQ(Execute("sh -c 'mkdir " + (dir / "a") + " && echo x > " + (dir / "a/b") + " && mv " + (dir / "a/b") +
+                      " " + (dir / "c") + " && echo y > /dev/null'")
+                  .status,
+              0);
+    EXPECT_EQ(dir.Read("c"), "x\n");
+    // Only what the program does is confined.
+    std::filesystem::remove_all(elsewhere);
+    EXPECT_FALSE(std::filesystem::exists(elsewhere));
+}
+
+namespace {
+
+// A path that ExecuteCmd takes for a temporary file of this process; nothing is there before and after.
+class TemporaryOfOurs : public testing::Test {
+protected:
+    TemporaryOfOurs() { std::filesystem::remove_all(path); }
+    ~TemporaryOfOurs() override { std::filesystem::remove_all(path); }
+
+    const std::string path = "/tmp/corvalent-test." + std::to_string(getpid());
+    const TempDir dir;
+};
+
+} // namespace
+
+TEST_F(TemporaryOfOurs, IsAnEmptyFileOfOursWhenTheProgramBegins) {
+    EXPECT_EQ(Execute("stat -c '%F %a %u' " + path).output,
+              "regular empty file 600 " + std::to_string(geteuid()) + "\n");
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(Execute("sh -c 'echo kept > $0' " + path).status, 0);
+    EXPECT_EQ(TempDir::ReadText(path), "kept\n");
+}
+
+TEST_F(TemporaryOfOurs, WhatSomebodyPutThereIsRemovedAndNotWrittenThrough) {
+    const std::string victim = dir.Write("victim", "as it was");
+    for (int kind = 0; kind < 3; ++kind) {
+        if (kind == 0) {
+            std::filesystem::create_symlink(victim, path);
+        } else if (kind == 1) {
+            std::filesystem::create_hard_link(victim, path);
+        } else {
+            ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+        }
+        EXPECT_EQ(Execute("sh -c 'echo new > $0' " + path).status, 0) << kind;
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path))) << kind;
+        EXPECT_EQ(TempDir::ReadText(path), "new\n") << kind;
+        EXPECT_EQ(TempDir::ReadText(victim), "as it was") << kind;
+        EXPECT_EQ(Execute("true " + path).status, 0) << kind;
+        EXPECT_FALSE(std::filesystem::exists(path)) << kind;
+    }
+}
+
+TEST_F(TemporaryOfOurs, WhereAFolderIsNoProgramRuns) {
+    std::filesystem::create_directory(path);
+    EXPECT_EQ(Execute("touch " + path + " " + (dir / "made")).status, 127);
+    EXPECT_EQ(dir.Read("made"), "<missing>");
+    EXPECT_TRUE(std::filesystem::is_directory(path));
+}
+
+TEST_F(TemporaryOfOurs, NoOtherPathIsTakenForOne) {
+    const std::string below = dir.Write("x." + std::to_string(getpid()), "kept");
+    const std::string other = dir.Write("other", "kept");
+    EXPECT_EQ(Execute("cat " + below + " " + other).output, "keptkept");
 }
 
 TEST(ExecuteCmd, PassesOnNoDescriptor) {

@@ -4,8 +4,11 @@
 #include <fstream>
 
 #include <elf.h>
+#include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -155,6 +158,20 @@ TEST_F(PrelinkTest, WhatIsNoElfFileIsNotPrelinked) {
     EXPECT_EQ(log.Records().size(), 5U);
 }
 
+// Some devices act when they are opened.
+TEST_F(PrelinkTest, ADeviceIsNotOpened) {
+    const std::string device = root / "device";
+    ASSERT_EQ(mknod(device.c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(inotify_add_watch(watch, device.c_str(), IN_OPEN), 0);
+    EXPECT_FALSE(engine.IsPrelinkedProcess(device.c_str()));
+    char events[1024];
+    EXPECT_EQ(read(watch, events, sizeof(events)), -1);
+    close(open(device.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_GT(read(watch, events, sizeof(events)), 0);
+    close(watch);
+}
+
 TEST_F(PrelinkTest, APathThatLeadsNowhereIsNotPrelinked) {
     std::filesystem::create_symlink(root / "missing", root / "dangling");
     EXPECT_FALSE(engine.IsPrelinkedProcess(nullptr));
@@ -216,7 +233,7 @@ TEST_F(PrelinkTest, WithoutAnUndoneFileThereIsNoDigest) {
 }
 
 TEST_F(PrelinkTest, AnUndoneFileThatCannotBeReadStaysBehind) {
-    InstallPrelink(R"(mkdir "$4")");
+    InstallPrelink(R"(rm "$4" && mkdir "$4")");
     const std::string image = root.Write("tool", "prelinked");
     std::string digest;
     EXPECT_FALSE(engine.RevertPrelinkedProcessHash(image, digest));
