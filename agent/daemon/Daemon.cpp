@@ -9,6 +9,7 @@
 #include <iostream>
 #include <optional>
 
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "agent/daemon/Notify.h"
 #include "agent/daemon/Status.h"
 #include "agent/sdk/CpuGovernor.h"
+#include "agent/sdk/ForeignRights.h"
 #include "agent/sdk/LogCapture.h"
 #include "agent/sdk/LogSetup.h"
 #include "framework/Scope.h"
@@ -77,6 +79,13 @@ Daemon::Daemon(const std::string& root, bool console) : mRoot(AbsoluteRoot(root)
 void Daemon::BlockStopSignals() {
     const sigset_t signals = StopSignals();
     sigprocmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void Daemon::HideMemory() {
+    // Only for root: another user would lose its own files in /proc.
+    if (geteuid() == 0) {
+        prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    }
 }
 
 int Daemon::Run() {
@@ -151,6 +160,19 @@ int Daemon::MakeFolders() const {
     return 0;
 }
 
+std::vector<std::string> Daemon::FindForeignRights() const {
+    std::vector<std::string> found;
+    for (const char* name : {"", "bin", "lib", "module", "conf", "data", "log", "run"}) {
+        struct stat folder {};
+        const std::string path = mRoot + name;
+        const bool known = stat(path.c_str(), &folder) == 0;
+        if (const std::string rights = known ? SDK::FindForeignRights(path, folder) : ""; !rights.empty()) {
+            found.push_back(rights + ": others can change what the agent runs or believes");
+        }
+    }
+    return found;
+}
+
 int Daemon::TakeLock() {
     std::string reason;
     switch (mLock.Acquire(mRoot + "run/agent.lock", reason)) {
@@ -182,6 +204,10 @@ int Daemon::ApplySettings() {
     mLogs = true;
     Framework::Scope::SetCgroup(mSettings.cgroup);
     SDK::SetCpuBudgetPercent(mSettings.cpuBudgetPercent);
+    for (const std::string& rights : FindForeignRights()) {
+        moduleLog.Error("%s", rights);
+        Say(rights);
+    }
     moduleLog.Notice("version %s, root [%s], scope [%s], pid %d", CORVALENT_VERSION, mRoot, mSettings.cgroup,
                      static_cast<int>(getpid()));
     return 0;

@@ -37,6 +37,10 @@ public:
     // other thread is there.
     static void BlockStopSignals();
 
+    // No core file is ever written of this process, whose memory holds lists and command lines, and nobody may
+    // trace it who is not root with CAP_SYS_PTRACE. Programs that it starts are not concerned.
+    static void HideMemory();
+
     // The whole life of the daemon; returns its exit status.
     int Run();
 
@@ -49,6 +53,8 @@ private:
     // Each returns 0 or the exit status.
     int Prepare();
     int MakeFolders() const;
+    // A line for each folder that others than this user and root may write to; no reason to end.
+    std::vector<std::string> FindForeignRights() const;
     int TakeLock();
     int ApplySettings();
     int StartModules(Framework::Engine& engine) const;

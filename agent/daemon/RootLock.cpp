@@ -6,7 +6,10 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include "agent/sdk/OwnFile.h"
 
 namespace Daemon {
 
@@ -28,9 +31,14 @@ RootLock::~RootLock() {
 }
 
 RootLock::Result RootLock::Acquire(const std::string& path, std::string& reason) {
-    mFd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (mFd < 0) {
+    mFd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    struct stat file {};
+    if (mFd < 0 || fstat(mFd, &file) != 0) {
         reason = "cannot open [" + path + "]: " + std::strerror(errno);
+        return Result::FAILED;
+    }
+    if (const int error = SDK::CheckOwnFile(file); error != 0) {
+        reason = "will not write to [" + path + "]: " + std::strerror(error);
         return Result::FAILED;
     }
     if (flock(mFd, LOCK_EX | LOCK_NB) != 0) {

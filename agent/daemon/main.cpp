@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
         std::cerr << "corvalentd: " << error.what() << "\n";
         return EXIT_USAGE;
     }
+    Daemon::Daemon::HideMemory();
     Daemon::Daemon::BlockStopSignals();
     // A peer that closed its end shows as an error of the write.
     std::signal(SIGPIPE, SIG_IGN);

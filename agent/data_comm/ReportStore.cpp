@@ -1,12 +1,14 @@
 #include "agent/data_comm/ReportStore.h"
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 
 #include <sqlite3.h>
 #include <sys/stat.h>
 
 #include "agent/data_comm/Sqlite.h"
+#include "agent/sdk/OwnFile.h"
 #include "sdk/FileUtils.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/TimeUtils.h"
@@ -81,6 +83,12 @@ int InsertInOneTransaction(sqlite3* database, const std::vector<Report>& reports
     return result;
 }
 
+// SQLite would follow a link, and write to a file that has other names, too.
+int CheckPlace(const std::string& path) {
+    struct stat file {};
+    return lstat(path.c_str(), &file) == 0 ? SDK::CheckOwnFile(file) : 0;
+}
+
 std::string SelectText(const ReportQuery& query) {
     std::string sql = "SELECT id, time, type, data FROM reports WHERE 1";
     if (query.type) {
@@ -124,6 +132,10 @@ bool ReportStore::Open(std::string& reason) {
 }
 
 int ReportStore::OpenOnce(std::string& reason) {
+    if (const int error = CheckPlace(mPath); error != 0) {
+        reason = "[" + mPath + "] is no file of the agent's own: " + std::strerror(error);
+        return SQLITE_CANTOPEN;
+    }
     int result = sqlite3_open_v2(mPath.c_str(), &mDatabase, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     if (result == SQLITE_OK) {
         sqlite3_busy_timeout(mDatabase, BUSY_TIMEOUT_MS);

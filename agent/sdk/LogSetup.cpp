@@ -12,6 +12,7 @@
 #include "agent/sdk/FileDescriptor.h"
 #include "agent/sdk/LogChannels.h"
 #include "agent/sdk/LoggerRegistry.h"
+#include "agent/sdk/OwnFile.h"
 
 namespace SDK {
 
@@ -25,10 +26,13 @@ std::optional<int> ParseLevel(const std::string& level) {
     }
 }
 
-// The file channel opens its file at the first record, when nobody hears of a failure any more.
+// The file channel opens its file at the first record, when nobody hears of a failure any more. It would follow
+// a link, and wait for a reader of a FIFO.
 int CheckCanBeWritten(const std::string& path) {
-    const FileDescriptor file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    return file.IsOpen() ? 0 : errno;
+    constexpr int FLAGS = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    const FileDescriptor file(open(path.c_str(), FLAGS, S_IRUSR | S_IWUSR));
+    struct stat info {};
+    return file.IsOpen() && fstat(file.Get(), &info) == 0 ? CheckOwnFile(info) : errno;
 }
 
 Poco::AutoPtr<Poco::Channel> MakeAgentChannel(const LogSettings& settings) {

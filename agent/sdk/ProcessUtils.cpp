@@ -162,7 +162,16 @@ bool RunsOwnProgram(int pid) {
 } // namespace
 
 int ProcessUtils::GetProcessExePath(int pid, std::string& path) {
-    return WithoutThrowing([&] { return ReadLink(ProcPath(pid, "exe"), path); });
+    return WithoutThrowing([&] {
+        const std::string link = ProcPath(pid, "exe");
+        const int result = ReadLink(link, path);
+        // Deep enough in nested folders a file has no path that fits; the link itself leads to it.
+        if (result == ENAMETOOLONG) {
+            path = link;
+            return 0;
+        }
+        return result;
+    });
 }
 
 int ProcessUtils::GetProcessCmdline(int pid, std::string& cmdline, std::size_t maxBytes) {

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "agent/sdk/ForeignRights.h"
 #include "ctl/Output.h"
 #include "ctl/doctor/Finding.h"
 #include "ctl/doctor/History.h"
@@ -55,27 +56,9 @@ Finding CheckRoom(const Subject& subject, const std::string& folder) {
 
 // ---- rights
 
-std::string OctalMode(mode_t mode) {
-    constexpr mode_t ALL_BITS = 07777;
-    std::array<char, 8> text{};
-    std::snprintf(text.data(), text.size(), "%04o", static_cast<unsigned int>(mode & ALL_BITS));
-    return text.data();
-}
-
-// What is wrong with who may change the file; "" when nothing is.
-std::string FindStranger(const std::string& path, const struct stat& file) {
-    if (file.st_uid != 0 && file.st_uid != geteuid()) {
-        return path + " belongs to user " + std::to_string(file.st_uid);
-    }
-    if ((file.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return path + " has mode " + OctalMode(file.st_mode);
-    }
-    return "";
-}
-
 std::string FindStrangerAt(const std::string& path) {
     struct stat file {};
-    return stat(path.c_str(), &file) == 0 ? FindStranger(path, file) : "";
+    return stat(path.c_str(), &file) == 0 ? SDK::FindForeignRights(path, file) : "";
 }
 
 // What is wrong with who may change the files in a folder; "" when nothing is, or `error` says why they
@@ -111,6 +94,13 @@ Finding CheckRights(const Subject& subject, const std::string& folder) {
     return error ? CannotSee(error.message()) : Ok("nobody else can change anything there");
 }
 
+// That folder may be gone after a restart of the machine.
+Finding CheckRunRights(const Subject& subject) {
+    std::error_code error;
+    const bool there = fs::exists(subject.root + "run", error);
+    return there || error ? CheckRights(subject, "run") : Ok("the daemon makes it when it starts");
+}
+
 // Whoever may rename a folder above the root may put another root in its place.
 Finding CheckAbove(const Subject& subject) {
     std::error_code error;
@@ -119,7 +109,7 @@ Finding CheckAbove(const Subject& subject) {
         struct stat folder {};
         const bool known = stat(path.c_str(), &folder) == 0;
         const bool sticky = (folder.st_mode & S_ISVTX) != 0;
-        const std::string stranger = known && !sticky ? FindStranger(path.string(), folder) : "";
+        const std::string stranger = known && !sticky ? SDK::FindForeignRights(path.string(), folder) : "";
         if (!stranger.empty()) {
             return Failed(stranger + ": others can replace the whole installation", "chown root and chmod go-w");
         }
@@ -296,6 +286,7 @@ Checks StateChecks() {
         checks.push_back({std::string("rights in ") + folder + "/",
                           [folder](const Subject& subject) { return CheckRights(subject, folder); }});
     }
+    checks.push_back({"rights in run/", CheckRunRights});
     for (const StateFile& file : STATE_FILES) {
         checks.push_back({file.name, [&file](const Subject& subject) { return CheckStateFile(subject, file); }});
     }

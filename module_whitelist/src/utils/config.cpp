@@ -99,7 +99,8 @@ std::string Rebuild(const std::vector<std::string>& lines, const std::string& se
 } // namespace
 
 bool get_config_str(const char* path, const char* section, const char* key, std::string& value) {
-    if (path == nullptr) {
+    // Opening a FIFO would wait, and a device may have no end.
+    if (path == nullptr || !SDK::FileUtils::IsFile(path)) {
         return false;
     }
     std::ifstream file(path);

@@ -52,4 +52,13 @@ TEST_F(RootLockTest, ALinkIsNotFollowed) {
     EXPECT_EQ(folder.Read("elsewhere"), "<missing>");
 }
 
+TEST_F(RootLockTest, AFileThatHasAnotherNameTooIsNotWrittenTo) {
+    ASSERT_EQ(link(folder.Write("elsewhere", "somebody's").c_str(), path.c_str()), 0);
+    RootLock lock;
+
+    EXPECT_EQ(lock.Acquire(path, reason), RootLock::Result::FAILED);
+    EXPECT_THAT(reason, HasSubstr("Too many links"));
+    EXPECT_EQ(folder.Read("elsewhere"), "somebody's");
+}
+
 } // namespace

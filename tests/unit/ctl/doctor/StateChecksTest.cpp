@@ -60,6 +60,15 @@ TEST_F(StateChecksTest, RoomRunsOutInBytesAndInodes) {
     ExpectFailure("room in data/", "No such file");
 }
 
+TEST_F(StateChecksTest, TheSocketsFolderIsTheAgentsAloneAndMayBeMissing) {
+    std::filesystem::create_directory(root / "run");
+    ExpectOk("rights in run/");
+    chmod((root / "run").c_str(), 0777);
+    ExpectFailure("rights in run/", "run has mode 0777");
+    std::filesystem::remove_all(root / "run");
+    ExpectOk("rights in run/");
+}
+
 TEST_F(StateChecksTest, NobodyElseMayChangeTheInstallation) {
     for (const std::string folder : {"bin", "lib", "module", "conf", "data", "log"}) {
         const std::string check = "rights in " + folder + "/";
