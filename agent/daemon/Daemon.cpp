@@ -22,6 +22,7 @@
 #include "agent/sdk/ForeignRights.h"
 #include "agent/sdk/LogCapture.h"
 #include "agent/sdk/LogSetup.h"
+#include "agent/sdk/ReplacingFile.h"
 #include "framework/Scope.h"
 #include "sdk/HttpUtils.h"
 #include "sdk/ModuleLog.h"
@@ -142,8 +143,15 @@ int Daemon::Prepare() {
     // Whatever the agent makes is its own user's alone.
     umask(077);
     SDK::PathUtils::SetInstallationPath(mRoot);
-    const int status = MakeFolders();
-    return status == 0 ? TakeLock() : status;
+    int status = MakeFolders();
+    if (status == 0) {
+        status = TakeLock();
+    }
+    if (status == 0) {
+        // The lock says that nobody is writing there.
+        SDK::ReplacingFile::RemoveLeftovers(mRoot + "conf");
+    }
+    return status;
 }
 
 int Daemon::MakeFolders() const {

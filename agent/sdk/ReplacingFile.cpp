@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,6 +12,14 @@
 namespace SDK {
 
 namespace {
+
+constexpr const char* PREFIX = ".corvalent-";
+constexpr const char* PLACES = "XXXXXX"; // for mkostemp(3) to fill in
+
+bool IsTemporaryName(const std::string& name) {
+    const std::string prefix = PREFIX;
+    return name.starts_with(prefix) && name.size() == prefix.size() + std::string(PLACES).size();
+}
 
 std::string FolderOf(const std::string& path) {
     const std::string::size_type slash = path.rfind('/');
@@ -28,7 +38,7 @@ ReplacingFile::~ReplacingFile() {
 }
 
 int ReplacingFile::Open() {
-    std::string name = mFolder + ".corvalent-XXXXXX";
+    std::string name = mFolder + PREFIX + PLACES;
     mFile.Reset(mkostemp(name.data(), O_CLOEXEC));
     if (!mFile.IsOpen()) {
         return errno;
@@ -47,6 +57,17 @@ int ReplacingFile::Commit() {
     }
     mTemporary.clear();
     return SyncFolder();
+}
+
+void ReplacingFile::RemoveLeftovers(const std::string& folder) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+        std::error_code failed;
+        if (IsTemporaryName(entry->path().filename().string()) && entry->is_regular_file(failed)) {
+            unlink(entry->path().c_str());
+        }
+    }
 }
 
 int ReplacingFile::SyncFolder() const {

@@ -15,7 +15,7 @@ namespace SDK {
 //     destroyed without a Commit that succeeded  ->  the temporary file is gone, the destination as it was
 //
 // After a crash at any point the destination is the old file or the new one, whole; a temporary file
-// (".corvalent-" and six more characters) may be left. Results are 0 or an errno value.
+// (".corvalent-" and six more characters) may be left, for RemoveLeftovers. Results are 0 or an errno value.
 class ReplacingFile {
 public:
     explicit ReplacingFile(const std::string& destination);
@@ -26,6 +26,10 @@ public:
     int Open();
     int Write(const char* data, std::size_t length);
     int Commit();
+
+    // Deletes the temporary files that a process which was killed has left in the folder. Only for a folder in
+    // which no file is being replaced.
+    static void RemoveLeftovers(const std::string& folder);
 
 private:
     int SyncFolder() const;

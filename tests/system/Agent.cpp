@@ -127,10 +127,18 @@ Agent::~Agent() = default;
 // ---- its life
 
 void Agent::Start() {
+    Launch();
+    WaitUntilReady();
+}
+
+void Agent::Launch() {
     std::vector<std::string> words = mLauncher;
     words.insert(words.end(), {mRoot / "bin/corvalentd", "--root", mRoot.Path()});
     mDaemon = std::make_unique<Program>(words, mWork / "daemon");
-    WaitUntilReady();
+}
+
+bool Agent::IsReady() const {
+    return mDaemon->GetErrors().find("corvalentd: ready") != std::string::npos;
 }
 
 void Agent::StartWatching() {
@@ -238,6 +246,11 @@ std::vector<Json::Value> Agent::Reports(const std::string& type) const {
         }
         all.insert(all.end(), reports.begin(), reports.end());
     }
+}
+
+std::vector<Json::Value> Agent::ReportsAfter(std::int64_t id) const {
+    const Json::Value reports = Get("/reports?after=" + std::to_string(id))["reports"];
+    return {reports.begin(), reports.end()};
 }
 
 std::vector<Json::Value> Agent::Alerts() const {
@@ -350,8 +363,8 @@ Json::Value Agent::Get(const std::string& path) const {
 }
 
 void Agent::WaitUntilReady() {
-    WaitFor([&] { return mDaemon->HasEnded() || mDaemon->GetErrors().find("ready") != std::string::npos; });
-    if (mDaemon->HasEnded() || mDaemon->GetErrors().find("ready") == std::string::npos) {
+    WaitFor([&] { return mDaemon->HasEnded() || IsReady(); });
+    if (mDaemon->HasEnded() || !IsReady()) {
         GiveUp("the daemon does not become ready");
     }
 }

@@ -95,6 +95,11 @@ public:
     // Starts the daemon and waits until it takes requests.
     void Start();
 
+    // The same without the wait.
+    void Launch();
+    bool IsReady() const;
+    bool HasEnded() { return mDaemon->HasEnded(); }
+
     // The same when a policy is in place: also until the module watches.
     void StartWatching();
 
@@ -137,6 +142,9 @@ public:
 
     // What was reported: [{"id", "time", "type", "data"}...], oldest first.
     std::vector<Json::Value> Reports(const std::string& type) const;
+
+    // Those of every type with a greater id, as many as one answer holds.
+    std::vector<Json::Value> ReportsAfter(std::int64_t id) const;
 
     // The documents of the alerts about one process, or about all.
     std::vector<Json::Value> Alerts() const;

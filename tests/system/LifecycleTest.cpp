@@ -1,11 +1,7 @@
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <set>
 #include <stdexcept>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,10 +10,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "sdk/JsonUtils.h"
 #include "support/ScopedProcess.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
+#include "system/StateFiles.h"
+#include "system/Traffic.h"
 
 namespace SystemTest {
 namespace {
@@ -32,14 +29,6 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::milliseconds LONGEST_STOP{2000};
 
-std::set<std::string> NamesIn(const std::string& folder) {
-    std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder)) {
-        names.insert(entry.path().filename().string());
-    }
-    return names;
-}
-
 // The processes that were started with the text as one of their arguments.
 std::vector<std::string> FindProcessesOf(const std::string& argument) {
     std::vector<std::string> found;
@@ -52,25 +41,10 @@ std::vector<std::string> FindProcessesOf(const std::string& argument) {
     return found;
 }
 
-void ExpectWholeStateFiles(const Agent& agent) {
-    EXPECT_THAT(NamesIn(agent.Root() / "conf"),
-                IsSubsetOf({"agent.json", "policy.json", "desired.json", "modwhitelist.ini", "whitelist.data",
-                            "arsserverproc.data", "osPresetProcess.dat", "servicePresetProcess.dat"}));
-    for (const std::string& name : NamesIn(agent.Root() / "conf")) {
-        const std::string text = agent.Root().Read("conf/" + name);
-        Json::Value document;
-        EXPECT_TRUE(name == "modwhitelist.ini" || text.empty() || SDK::JsonUtils::ParseJsonStr(text, document) == 0)
-            << name << ": " << text;
-    }
-    // Blank lines count for nothing.
-    const std::string state = agent.Root().Read("conf/modwhitelist.ini");
-    EXPECT_THAT(state, testing::AnyOf("", testing::MatchesRegex("\\[Driver\\]\nLearnTime=[0-9]+\n+LearnMod=[0-3]\n+")));
-}
-
 // The daemon's end, in whatever state it is.
 void ExpectOrderlyStop(Agent& agent) {
     EXPECT_LT(agent.Stop(), LONGEST_STOP);
-    ExpectWholeStateFiles(agent);
+    ExpectWholeStateFiles(agent.Root());
     EXPECT_THAT(NamesIn(agent.Root() / "run"), IsSubsetOf({"agent.lock"}));
     EXPECT_TRUE(FindProcessesOf(agent.Root().Path()).empty());
 }
@@ -116,36 +90,10 @@ TEST(LifecycleTest, ItStopsInOrderRightAfterAPolicyCame) {
     ExpectOrderlyStop(agent);
 }
 
-// Programs start one after the other, from a thread of their own, for as long as this lives.
-class Traffic {
-public:
-    Traffic(const Agent& agent, const std::string& program)
-        : mThread([this, group = agent.Scope().Path(), program] {
-              while (!mStop) {
-                  ScopedProcess process(group, {program});
-                  process.Wait(TestSupport::DEADLINE);
-                  ++mCount;
-              }
-          }) {}
-    ~Traffic() {
-        mStop = true;
-        mThread.join();
-    }
-    Traffic(const Traffic&) = delete;
-    Traffic& operator=(const Traffic&) = delete;
-
-    int Count() const { return mCount; }
-
-private:
-    std::atomic<bool> mStop{false};
-    std::atomic<int> mCount{0};
-    std::thread mThread;
-};
-
 TEST(LifecycleTest, ItStopsInOrderWhileProgramsStart) {
     Agent agent;
     agent.MakeDetecting({.programs = {"/usr/bin/true"}}, {});
-    const Traffic traffic(agent, "/usr/bin/true");
+    const Traffic traffic(agent.Scope().Path(), {{"/usr/bin/true"}});
     ASSERT_TRUE(WaitFor([&] { return traffic.Count() > 20; }));
     ExpectOrderlyStop(agent);
 }
@@ -201,7 +149,7 @@ TEST(LifecycleTest, ItStopsInOrderWhileADownloadHangs) {
     const std::chrono::milliseconds took = agent.Stop();
     EXPECT_LT(took, LONGEST_STOP);
     EXPECT_TRUE(delivery.WaitForEnd(TestSupport::DEADLINE));
-    ExpectWholeStateFiles(agent);
+    ExpectWholeStateFiles(agent.Root());
 }
 
 // ---- many processes
