@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <memory>
 
@@ -117,6 +118,18 @@ int ReplaceFile(const std::string& path, const char* data, std::size_t length) {
     return result == 0 ? file.Commit() : result;
 }
 
+// link(2) does not replace. Where both names are the file's already, rename(2) does nothing and leaves both.
+int ReplaceName(const std::string& path, const std::string& name) {
+    const std::string temporary = name + "~";
+    unlink(temporary.c_str());
+    if (link(path.c_str(), temporary.c_str()) != 0) {
+        return errno;
+    }
+    const int result = rename(temporary.c_str(), name.c_str()) == 0 ? 0 : errno;
+    unlink(temporary.c_str());
+    return result;
+}
+
 int AppendToFile(const std::string& path, const char* data, std::size_t length) {
     FileDescriptor file;
     const int result = OpenRegular(path, O_WRONLY | O_APPEND | O_CREAT, file);
@@ -207,6 +220,10 @@ int FileUtils::WriteFile(const std::string& path, const std::string& text, bool 
 
 int FileUtils::RemoveFile(const std::string& path) {
     return unlink(path.c_str()) == 0 ? 0 : errno;
+}
+
+int FileUtils::KeepAs(const std::string& path, const std::string& name) {
+    return WithoutThrowing([&] { return ReplaceName(path, name); });
 }
 
 bool FileUtils::IsFile(const std::string& path) {

@@ -274,6 +274,22 @@ Finding CheckSetAside(const Subject& subject) {
                                 "find the cause (disk, power), rescue what sqlite3 .recover gives, and delete them");
 }
 
+// What a start could not load and has kept.
+Finding CheckUnloaded(const Subject& subject) {
+    std::string names;
+    std::error_code error;
+    for (fs::directory_iterator entry(subject.root + "conf", error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (name.ends_with(".unloaded")) {
+            names += (names.empty() ? "conf/" : ", conf/") + name;
+        }
+    }
+    return names.empty() ? Ok("none")
+                         : Warning("a start could not load what is kept as " + names,
+                                   "find the cause (disk, power, size), rescue what is needed, and delete it");
+}
+
 } // namespace
 
 Checks StateChecks() {
@@ -290,6 +306,7 @@ Checks StateChecks() {
     for (const StateFile& file : STATE_FILES) {
         checks.push_back({file.name, [&file](const Subject& subject) { return CheckStateFile(subject, file); }});
     }
+    checks.push_back({"unloaded state", CheckUnloaded});
     checks.push_back({"ages of state", CheckAges});
     checks.push_back({"data/reports.db", CheckReports});
     checks.push_back({"damaged histories", CheckSetAside});

@@ -18,6 +18,7 @@
 #include "utils/Constants.h"
 #include "utils/PolicyContent.h"
 #include "utils/StateFiles.h"
+#include "utils/UnloadedFile.h"
 #include "utils/config.h"
 
 namespace Engine {
@@ -86,7 +87,11 @@ bool ConfigManager::Init() {
     if (!SDK::FileUtils::IsFile(mConfigFile) && SDK::FileUtils::WriteFile(mConfigFile, "", false) != 0) {
         return false;
     }
-    GetLearnedTimeFromFile();
+    std::int64_t size = 0;
+    if (!GetLearnedTimeFromFile() && SDK::FileUtils::GetFileSize(mConfigFile, size) == 0 && size > 0) {
+        moduleLog.Error("[%s] is damaged, it holds no LearnTime: the time learned begins with 0; %s", mConfigFile,
+                        utils::unloaded_file::Keep(mConfigFile));
+    }
     return true;
 }
 

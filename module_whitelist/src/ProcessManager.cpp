@@ -40,6 +40,7 @@
 #include "utils/ListDocument.h"
 #include "utils/ProcessUtils.h"
 #include "utils/StateFiles.h"
+#include "utils/UnloadedFile.h"
 
 namespace Engine {
 
@@ -151,6 +152,24 @@ std::vector<ProcessInfo> Expand(const TrustGroup& group) {
     return entries;
 }
 
+// Of a file that the module never writes: it stays as it is.
+void TellUnloaded(const std::string& path, const char* list) {
+    const std::string reason = utils::unloaded_file::ExplainList(path);
+    if (!reason.empty()) {
+        moduleLog.Error("[%s] is not loaded, there is no %s list: %s", path, list, reason);
+    }
+}
+
+// What `store` says; false, logged, when it throws.
+template <typename Store> bool StoredWithoutThrowing(const Store& store) {
+    try {
+        return store();
+    } catch (const std::exception& error) {
+        moduleLog.Error("the local list was not stored: %s", error.what());
+        return false;
+    }
+}
+
 // Creates the file empty unless it is there.
 void EnsureFile(const std::string& path) {
     if (!SDK::FileUtils::IsFile(path)) {
@@ -205,11 +224,12 @@ bool ProcessManager::Onstart() {
     const bool learning = ConfigManager::Instance()->GetMod() == MOD_LEARN;
     ReloadLocalTrust();
     ReloadServerTrust();
-    if (SDK::FileUtils::IsFile(servicePresetFile)) {
-        LoadPresetProcInfoFromFile(servicePresetFile, ServicePresetMap());
+    if (SDK::FileUtils::IsFile(servicePresetFile) &&
+        !LoadPresetProcInfoFromFile(servicePresetFile, ServicePresetMap())) {
+        TellUnloaded(servicePresetFile, "service preset");
     }
-    if (SDK::FileUtils::IsFile(osPresetFile)) {
-        LoadPresetProcInfoFromFile(osPresetFile, OsPresetMap());
+    if (SDK::FileUtils::IsFile(osPresetFile) && !LoadPresetProcInfoFromFile(osPresetFile, OsPresetMap())) {
+        TellUnloaded(osPresetFile, "OS preset");
     }
     InitTrustProcess();
     if (learning) {
@@ -230,13 +250,9 @@ void ProcessManager::Onstop() {
 void ProcessManager::BeginBackgroundStoring() {
     const SDK::WriteGuard guard(storingLock);
     try {
-        storing = std::make_unique<utils::BackgroundWork>([this] {
-            try {
-                PersistencyLocalProcess();
-            } catch (const std::exception& error) {
-                moduleLog.Error("the local list was not stored: %s", error.what());
-            }
-        });
+        storing = std::make_unique<utils::BackgroundWork>(
+            [this] { return StoredWithoutThrowing([this] { return PersistencyLocalProcess(); }); },
+            [this] { return StoredWithoutThrowing([this] { return StoreLocalTrustAgain(); }); });
     } catch (const std::exception& error) {
         moduleLog.Warning("the local list is not stored in the background: %s", error.what());
     }
@@ -332,11 +348,22 @@ void ProcessManager::MergeIntoLocalTrust(TrustRecordSet entries) {
 // one, never an empty one.
 void ProcessManager::ReloadLocalTrust() {
     TrustRecordSet entries;
-    ReadLocalTrust(entries);
+    if (!ReadLocalTrust(entries)) {
+        KeepUnloadedLocalTrust();
+    }
     const SDK::WriteGuard guard(localTrustLock);
     localTrustMap.swap(entries);
     ++localTrustGeneration;
     localLoaded.store(true);
+}
+
+// While it learns the agent replaces the file; whatever can be rescued from it is to be rescued.
+void ProcessManager::KeepUnloadedLocalTrust() const {
+    const std::string reason = utils::unloaded_file::ExplainList(localTrustFile);
+    if (!reason.empty()) {
+        moduleLog.Error("[%s] is not loaded, the local list begins empty: %s; %s", localTrustFile, reason,
+                        utils::unloaded_file::Keep(localTrustFile));
+    }
 }
 
 bool ProcessManager::InitLocalProcessFromFile() {
@@ -369,7 +396,34 @@ bool ProcessManager::PersistencyLocalProcess() {
     if (ConfigManager::Instance()->GetDirMod() && !text.empty()) {
         SendReport(REPORT_FULL_LIST, text);
     }
-    return SDK::FileUtils::WriteFile(localTrustFile, text, false) == 0;
+    return StoreLocalTrust(text);
+}
+
+// The operator hears of it when storing begins to fail and when it works again, not each time; and of a file
+// that the next start will not load while there is time to do something.
+bool ProcessManager::StoreLocalTrust(const std::string& text) {
+    const int error = SDK::FileUtils::WriteFile(localTrustFile, text, false);
+    const bool failed = error != 0;
+    if (failed && !storingFailed) {
+        moduleLog.Error("the local list cannot be stored in [%s] and is kept in memory, next try soon: %s",
+                        localTrustFile, std::strerror(error));
+    } else if (!failed && storingFailed) {
+        moduleLog.Notice("the local list is stored again in [%s]", localTrustFile);
+    }
+    storingFailed = failed;
+    const bool tooLarge = text.size() > MAX_FILE_BYTES;
+    if (tooLarge && !tooLargeTold) {
+        moduleLog.Error("the local list takes %z bytes in [%s], beyond the %?d that are read: it will not be loaded by "
+                        "the next start; move programs to a preset list",
+                        text.size(), localTrustFile, MAX_FILE_BYTES);
+    }
+    tooLargeTold = tooLarge;
+    return !failed;
+}
+
+bool ProcessManager::StoreLocalTrustAgain() {
+    const std::lock_guard<std::mutex> writing(persistLock);
+    return !storingFailed || StoreLocalTrust(LocalTrustToText());
 }
 
 // Reads what follows the portion, from the beginning when there is none yet or the list has been replaced.
@@ -437,6 +491,7 @@ bool ProcessManager::InitServerProcessFromFile() {
 void ProcessManager::ReloadServerTrust() {
     std::string text;
     if (!ReadServerTrustFile(text) || !ReplaceServerTrust(text.data(), text.size())) {
+        TellUnloaded(serverTrustFile, "server");
         const SDK::WriteGuard guard(serverTrustLock);
         serverTrustMap.clear();
     }
@@ -446,7 +501,7 @@ void ProcessManager::SyncServerTrustProcess(const char* data, std::size_t len) {
     ReplaceServerTrust(data, len);
 }
 
-// False, the list as it was, when the document cannot be parsed.
+// False when the document is none: the list is as it was when it cannot be parsed, else empty.
 bool ProcessManager::ReplaceServerTrust(const char* data, std::size_t len) {
     std::map<std::string, TrustGroup> groups;
     const Shape shape = utils::list_document::Read(data, len, [&](const Json::Value& element) {
@@ -465,7 +520,7 @@ bool ProcessManager::ReplaceServerTrust(const char* data, std::size_t len) {
     }
     const SDK::WriteGuard guard(serverTrustLock);
     serverTrustMap.swap(groups);
-    return true;
+    return shape == Shape::List;
 }
 
 bool ProcessManager::PersistencyServerProcess(const char* data, std::size_t len) {

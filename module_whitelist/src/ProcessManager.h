@@ -279,6 +279,10 @@ private:
     bool ParseLocalTrust(const std::string& text, TrustRecordSet& entries) const;
     void MergeIntoLocalTrust(TrustRecordSet entries);
     void ReloadLocalTrust();
+    void KeepUnloadedLocalTrust() const;
+    bool StoreLocalTrust(const std::string& text);
+    // What could not be stored, if that still is so.
+    bool StoreLocalTrustAgain();
     bool ReadOnLocalTrust(LocalTrustPortion& portion) const;
     std::string LocalTrustToText() const;
     void StoreAdopted();
@@ -337,7 +341,9 @@ private:
     mutable SDK::RwLock reportTaskLock;
     mutable SDK::RwLock interpreterLock;
     mutable std::mutex prelinkLock; // one user of an undone image's temporary file at a time
-    std::mutex persistLock;         // one writer of the local list's file at a time
+    std::mutex persistLock;         // one writer of the local list's file at a time; guards the next two
+    bool storingFailed = false;     // the file is not as the list was when it was last to be stored
+    bool tooLargeTold = false;      // the operator knows that it is larger than a start reads
     SDK::RwLock storingLock;
     std::unique_ptr<utils::BackgroundWork> storing GUARDED_BY(storingLock);
     std::atomic<bool> localLoaded{false}; // the local list was loaded from its file at least once

@@ -32,6 +32,10 @@ public:
     // Deletes a file that is not a directory. ENOENT when there is none.
     static int RemoveFile(const std::string& path);
 
+    // Gives the file a second name in the same file system, in place of whatever bears it now: a file that is
+    // replaced afterwards under its first name stays under the second.
+    static int KeepAs(const std::string& path, const std::string& name);
+
     // True when the path, links followed, leads to a regular file.
     static bool IsFile(const std::string& path);
 

@@ -4,7 +4,8 @@
 
 namespace utils {
 
-BackgroundWork::BackgroundWork(std::function<void()> work) : mWork(std::move(work)), mThread([this] { Run(); }) {}
+BackgroundWork::BackgroundWork(Work work, Work again)
+    : mWork(std::move(work)), mAgain(std::move(again)), mThread([this] { Run(); }) {}
 
 BackgroundWork::~BackgroundWork() {
     {
@@ -26,15 +27,31 @@ void BackgroundWork::Request() {
 void BackgroundWork::Run() {
     std::unique_lock lock(mMutex);
     for (;;) {
-        mChanged.wait(lock, [this] { return mRequests > 0 || mEnding; });
-        if (mRequests == 0) {
+        const bool requested = AwaitRequest(lock);
+        const bool ending = mEnding;
+        if (!requested && mDone) {
             return;
         }
-        --mRequests;
+        mRequests -= requested ? 1 : 0;
         lock.unlock();
-        mWork();
+        const bool done = requested ? mWork() : mAgain();
         lock.lock();
+        mDone = done;
+        if (!requested && ending) {
+            return;
+        }
     }
+}
+
+// False when there is none: at the end, or when it is time to try again.
+bool BackgroundWork::AwaitRequest(std::unique_lock<std::mutex>& lock) {
+    const auto called = [this] { return mRequests > 0 || mEnding; };
+    if (mDone) {
+        mChanged.wait(lock, called);
+    } else {
+        mChanged.wait_for(lock, RETRY_INTERVAL, called);
+    }
+    return mRequests > 0;
 }
 
 } // namespace utils

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -9,11 +10,16 @@
 namespace utils {
 
 // Does one piece of work on a thread of its own, whenever it is asked to, so that who asks need not wait.
-// It is done once for each request, in their order, as if who asks had done it. Thread-safe.
+// It is done once for each request, in their order, as if who asks had done it. What fails is tried again, by
+// what is given for that, once in `RETRY_INTERVAL` and a last time at the end. Thread-safe.
 class BackgroundWork {
 public:
-    // Starts the thread; throws std::system_error when there can be none. The work must not throw.
-    explicit BackgroundWork(std::function<void()> work);
+    // Returns false when it failed. Must not throw.
+    using Work = std::function<bool()>;
+    static constexpr std::chrono::seconds RETRY_INTERVAL{2};
+
+    // Starts the thread; throws std::system_error when there can be none.
+    BackgroundWork(Work work, Work again);
 
     // Does what is still requested, then ends the thread.
     ~BackgroundWork();
@@ -25,12 +31,15 @@ public:
 
 private:
     void Run();
+    bool AwaitRequest(std::unique_lock<std::mutex>& lock);
 
-    const std::function<void()> mWork;
+    const Work mWork;
+    const Work mAgain;
     std::mutex mMutex; // guards what follows it
     std::condition_variable mChanged;
     std::size_t mRequests = 0; // not begun yet
     bool mEnding = false;
+    bool mDone = true;   // false: what was done last failed, and was not made up for
     std::thread mThread; // last, so that all it uses is there
 };
 

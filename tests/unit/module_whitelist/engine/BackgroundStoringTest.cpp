@@ -7,22 +7,31 @@
 #include <gtest/gtest.h>
 
 #include "TrustEngineTest.h"
+#include "support/WaitFor.h"
 #include "utils/BackgroundWork.h"
 
 namespace EngineTest {
 namespace {
+
+bool NeverNeeded() {
+    ADD_FAILURE() << "nothing failed";
+    return true;
+}
 
 TEST(BackgroundWorkTest, EachRequestIsDoneOnceAlsoThoseThatComeMeanwhile) {
     std::promise<void> begun;
     std::promise<void> released;
     std::atomic<int> turns{0};
     {
-        utils::BackgroundWork work([&] {
-            if (++turns == 1) {
-                begun.set_value();
-                released.get_future().wait();
-            }
-        });
+        utils::BackgroundWork work(
+            [&] {
+                if (++turns == 1) {
+                    begun.set_value();
+                    released.get_future().wait();
+                }
+                return true;
+            },
+            NeverNeeded);
         work.Request();
         begun.get_future().wait();
         work.Request();
@@ -35,9 +44,34 @@ TEST(BackgroundWorkTest, EachRequestIsDoneOnceAlsoThoseThatComeMeanwhile) {
 TEST(BackgroundWorkTest, NothingIsDoneUnasked) {
     int turns = 0;
     {
-        const utils::BackgroundWork work([&] { ++turns; });
+        const utils::BackgroundWork work(
+            [&] {
+                ++turns;
+                return true;
+            },
+            NeverNeeded);
     }
     EXPECT_EQ(turns, 0);
+}
+
+TEST(BackgroundWorkTest, WhatFailsIsTriedAgainUntilItIsDone) {
+    std::atomic<int> again{0};
+    utils::BackgroundWork work([] { return false; }, [&] { return ++again == 2; });
+    work.Request();
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return again == 2; }));
+}
+
+TEST(BackgroundWorkTest, WhatFailsIsTriedALastTimeAtTheEnd) {
+    std::atomic<int> again{0};
+    {
+        utils::BackgroundWork work([] { return false; },
+                                   [&] {
+                                       ++again;
+                                       return false;
+                                   });
+        work.Request();
+    }
+    EXPECT_EQ(again, 1);
 }
 
 // Programs that the server list vouches for are adopted into the local list.
