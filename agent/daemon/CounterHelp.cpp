@@ -35,6 +35,7 @@ std::span<const CounterHelp> ListCounterHelp() {
         CounterHelp{"reports.stored", "Reports stored in the history."},
         CounterHelp{"reports.write_errors", "Failed attempts to store reports, which are repeated."},
         CounterHelp{"reports.given_up", "Reports that could not be stored before the agent's end."},
+        CounterHelp{"log.lost", "Records that could not be written to the log's file."},
         CounterHelp{"queue.lost", "Messages of any kind that a full queue refused."},
         CounterHelp{"messages.undeliverable", "Messages to a task that does not run."},
         CounterHelp{"task.exceptions", "Exceptions caught at the border of a task."},

@@ -10,8 +10,10 @@
 
 #include "agent/framework/Guard.h"
 #include "agent/framework/ModuleLibrary.h"
+#include "agent/framework/StopStep.h"
 #include "agent/framework/TaskIndex.h"
 #include "agent/sdk/LogCapture.h"
+#include "agent/sdk/LogChannels.h"
 #include "framework/Counters.h"
 #include "framework/Policy.h"
 #include "sdk/FileUtils.h"
@@ -95,6 +97,7 @@ Engine::Outcome MakeOutcome(bool accepted, const SDK::LogCapture& capture) {
 
 void UnInitModule(Module& module) {
     const std::string name = module.name();
+    NoteStopStep("the UnInit of module [" + name + "]");
     CallGuarded("module", name, "UnInit", [&] {
         const int status = module.UnInit();
         if (status != 0) {
@@ -348,6 +351,7 @@ Json::Value Engine::CollectStatus() const {
     counters["digest.hit"] = Json::UInt64(digests.hits);
     counters["digest.miss"] = Json::UInt64(digests.misses);
     counters["digest.refused"] = Json::UInt64(digests.refused);
+    counters["log.lost"] = Json::UInt64(SDK::CountLostRecords());
     Json::Value status(Json::objectValue);
     status["tasks"] = tasks;
     status["counters"] = counters;

@@ -1,10 +1,14 @@
 #include "agent/sdk/LogChannels.h"
 
+#include <chrono>
 #include <cstdlib>
+#include <mutex>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <Poco/Exception.h>
 #include <Poco/FileChannel.h>
 #include <Poco/Formatter.h>
 #include <Poco/FormattingChannel.h>
@@ -90,6 +94,94 @@ private:
     }
 };
 
+std::atomic<std::uint64_t> lostRecords{0};
+
+// A file that cannot be written for a while, because the disk is full, say.
+//
+//     written  ->  a record cannot be written: said on standard error, once; the file is closed
+//     closed   ->  records are counted; once in RETRY_INTERVAL the file is opened again, and says first how
+//                  many are missing
+//
+// Poco's own channel keeps a stream that has failed once, and writes nothing for the rest of its life.
+class PersistentFileChannel : public Poco::Channel {
+public:
+    PersistentFileChannel(const std::string& path, std::uint64_t maxBytes, int files)
+        : mPath(path), mFile(new Poco::FileChannel(path)),
+          mLines(new Poco::FormattingChannel(Poco::AutoPtr<LineFormatter>(new LineFormatter), mFile)) {
+        mFile->setProperty(Poco::FileChannel::PROP_ROTATION, std::to_string(maxBytes));
+        mFile->setProperty(Poco::FileChannel::PROP_ARCHIVE, "number");
+        mFile->setProperty(Poco::FileChannel::PROP_PURGECOUNT, std::to_string(files));
+    }
+
+    void log(const Poco::Message& message) override {
+        const std::lock_guard<std::mutex> guard(mMutex);
+        if ((mMissing > 0 && !Resume()) || !Write(message)) {
+            Miss();
+        }
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::seconds RETRY_INTERVAL{1};
+
+    bool Write(const Poco::Message& message) {
+        try {
+            mLines->log(message);
+            return true;
+        } catch (const Poco::Exception& error) {
+            mReason = error.displayText();
+        }
+        mFile->close();
+        mNextTry = Clock::now() + RETRY_INTERVAL;
+        return false;
+    }
+
+    bool Resume() {
+        if (Clock::now() < mNextTry) {
+            return false;
+        }
+        mNextTry = Clock::now() + RETRY_INTERVAL;
+        const Poco::Message note("log",
+                                 std::to_string(mMissing) +
+                                     " records are missing here: the log could not be written (" + mReason + ")",
+                                 Poco::Message::PRIO_ERROR, "LogChannels.cpp", __LINE__);
+        if (!EndTornLine() || !Write(note)) {
+            return false;
+        }
+        mMissing = 0;
+        return true;
+    }
+
+    // The record that failed may have been written in part.
+    bool EndTornLine() const {
+        const FileDescriptor file(::open(mPath.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
+        char last = '\n';
+        const off_t size = file.IsOpen() ? lseek(file.Get(), 0, SEEK_END) : 0;
+        if (size > 0 && pread(file.Get(), &last, 1, size - 1) != 1) {
+            return false;
+        }
+        return last == '\n' || WriteFully(file.Get(), "\n", 1) == 0;
+    }
+
+    void Miss() {
+        lostRecords.fetch_add(1, std::memory_order_relaxed);
+        if (++mMissing == 1) {
+            const std::string line =
+                "corvalent: the log [" + mPath +
+                "] cannot be written, records are lost until it can: " + PrintableText::Escape(mReason) + "\n";
+            WriteFully(STDERR_FILENO, line.data(), line.size());
+        }
+    }
+
+    const std::string mPath;
+    std::mutex mMutex; // guards what follows it
+    Poco::AutoPtr<Poco::FileChannel> mFile;
+    Poco::AutoPtr<Poco::FormattingChannel> mLines;
+    std::uint64_t mMissing = 0;
+    std::string mReason;
+    Clock::time_point mNextTry;
+};
+
 } // namespace
 
 Poco::AutoPtr<Poco::Channel> MakeConsoleChannel() {
@@ -114,11 +206,11 @@ bool IsStandardErrorJournal() {
 }
 
 Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& path, std::uint64_t maxBytes, int files) {
-    Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(path));
-    file->setProperty(Poco::FileChannel::PROP_ROTATION, std::to_string(maxBytes));
-    file->setProperty(Poco::FileChannel::PROP_ARCHIVE, "number");
-    file->setProperty(Poco::FileChannel::PROP_PURGECOUNT, std::to_string(files));
-    return new Poco::FormattingChannel(Poco::AutoPtr<LineFormatter>(new LineFormatter), file);
+    return new PersistentFileChannel(path, maxBytes, files);
+}
+
+std::uint64_t CountLostRecords() {
+    return lostRecords.load(std::memory_order_relaxed);
 }
 
 void RootForwarder::log(const Poco::Message& message) {

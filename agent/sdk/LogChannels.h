@@ -28,8 +28,12 @@ Poco::AutoPtr<Poco::Channel> MakeJournalChannel();
 // variable, but not the stream.
 bool IsStandardErrorJournal();
 
-// Writes records to a file with rotation by size. Thread-safe.
+// Writes records to a file with rotation by size. While it cannot be written, records are lost, which is
+// counted, said once on standard error and, when it can be written again, in the file. Thread-safe.
 Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& path, std::uint64_t maxBytes, int files);
+
+// How many records have been lost so, since the start of the process.
+std::uint64_t CountLostRecords();
 
 // The channel of every logger that the registry hands out: it passes each record on to whatever
 // channel the root logger has at that moment, so that loggers need not be visited when it changes.

@@ -82,8 +82,8 @@ TEST_F(HealthChecksTest, MarksThatDoNotStandAreSaid) {
 TEST_F(HealthChecksTest, EveryLossIsAWarningWithItsMeaning) {
     for (const char* counter :
          {"events.lost", "events.garbled", "events.overflow", "files.lost", "files.overflow", "queue.lost",
-          "reports.write_errors", "reports.given_up", "messages.undeliverable", "isolate.failed", "task.exceptions",
-          "module.exceptions", "task.init_failures", "task.abandoned"}) {
+          "reports.write_errors", "reports.given_up", "log.lost", "messages.undeliverable", "isolate.failed",
+          "task.exceptions", "module.exceptions", "task.init_failures", "task.abandoned"}) {
         ExpectOk(counter, "0");
         subject.status["counters"][counter] = 3;
         ExpectWarning(counter, "3 since the start: ");
