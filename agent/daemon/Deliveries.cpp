@@ -95,21 +95,23 @@ void Deliveries::Work() {
             if (awaitsDetection) {
                 Guarded("starting detection", [this] { mDetection.StartWhenLearned(); });
             }
+            Guarded("writing what could not be written", [this] { SaveAgain(); });
         }
         Guarded("looking at the mode", [&] { awaitsDetection = mDetection.IsAwaited(); });
         NoteAtWork(false);
         lock.lock();
-        WaitForJob(lock, awaitsDetection);
+        WaitForJob(lock, awaitsDetection || HasUnsaved());
     }
+    Guarded("writing what could not be written", [this] { SaveAgain(); });
     for (Job& job : mJobs) {
         job.outcome.set_value(Refusal("the agent is stopping"));
     }
     mJobs.clear();
 }
 
-void Deliveries::WaitForJob(std::unique_lock<std::mutex>& lock, bool awaitsDetection) {
+void Deliveries::WaitForJob(std::unique_lock<std::mutex>& lock, bool looks) {
     const auto hasWork = [this] { return mStopping || !mJobs.empty(); };
-    if (awaitsDetection) {
+    if (looks) {
         mWork.wait_for(lock, mLookInterval, hasWork);
     } else {
         mWork.wait(lock, hasWork);
@@ -177,7 +179,7 @@ Deliveries::Outcome Deliveries::RedeliverPolicy() {
     return outcome;
 }
 
-void Deliveries::KeepPolicy(const std::string& text, Outcome& outcome) const {
+void Deliveries::KeepPolicy(const std::string& text, Outcome& outcome) {
     Json::Value delivered;
     SDK::JsonUtils::ParseJsonStr(text, delivered);
     // A delivery with the hash of the installed policy is accepted without taking its place; what is
@@ -185,13 +187,28 @@ void Deliveries::KeepPolicy(const std::string& text, Outcome& outcome) const {
     if (mEngine.GetPolicy(POLICY_KEY)["document"] != delivered) {
         return;
     }
-    const int error = SDK::FileUtils::WriteFile(mPolicyPath, text, false);
-    if (error != 0) {
+    mUnsavedPolicy = text;
+    if (const int error = SavePolicy(); error != 0) {
         const std::string note = "the policy is in force but could not be kept for the next start: [" + mPolicyPath +
                                  "]: " + std::strerror(error);
         moduleLog.Error("%s", note);
         outcome.notes.push_back(note);
     }
+}
+
+int Deliveries::SavePolicy() {
+    const int error = SDK::FileUtils::WriteFile(mPolicyPath, *mUnsavedPolicy, false);
+    if (error == 0) {
+        mUnsavedPolicy.reset();
+    }
+    return error;
+}
+
+void Deliveries::SaveAgain() {
+    if (mUnsavedPolicy && SavePolicy() == 0) {
+        moduleLog.Notice("the policy in force is kept in [%s] after all", mPolicyPath);
+    }
+    mDesired.SaveAgain();
 }
 
 void Deliveries::TakeSnapshot() {

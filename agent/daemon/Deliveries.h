@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -25,7 +26,8 @@ namespace Daemon {
 //
 // Whoever has a delivery to make hands it in and waits for what became of it; deliveries happen in the
 // order in which they were handed in. While detection is wished and not on yet, the same thread looks
-// every few seconds whether it can be started; otherwise it sleeps until there is work.
+// every few seconds whether it can be started, and while the policy or the wish could not be written, whether
+// they can be; otherwise it sleeps until there is work.
 //
 // All public operations may be called from any thread.
 class Deliveries {
@@ -72,7 +74,7 @@ private:
 
     Outcome Do(std::function<Outcome()> work);
     void Work();
-    void WaitForJob(std::unique_lock<std::mutex>& lock, bool awaitsDetection);
+    void WaitForJob(std::unique_lock<std::mutex>& lock, bool looks);
     void Perform(Job& job);
     void NoteAtWork(bool atWork);
     void Guarded(const char* what, const std::function<void()>& work) const;
@@ -80,7 +82,10 @@ private:
     Outcome DeliverPolicy(const std::string& text);
     Outcome DeliverCommand(const std::string& key, const std::string& text);
     Outcome RedeliverPolicy();
-    void KeepPolicy(const std::string& text, Outcome& outcome) const;
+    void KeepPolicy(const std::string& text, Outcome& outcome);
+    int SavePolicy();
+    bool HasUnsaved() const { return mUnsavedPolicy || mDesired.IsUnsaved(); }
+    void SaveAgain();
     void TakeSnapshot();
 
     Framework::Engine& mEngine;
@@ -88,6 +93,8 @@ private:
     const std::chrono::milliseconds mLookInterval;
     Desired mDesired;
     Detection mDetection;
+
+    std::optional<std::string> mUnsavedPolicy; // for the thread
 
     mutable SDK::RwLock mPolicyLock;
     Json::Value mPolicy GUARDED_BY(mPolicyLock);

@@ -44,13 +44,32 @@ bool Desired::IsDetectionWished() const {
 void Desired::WishDetection(bool wished) {
     const SDK::WriteGuard guard(mLock);
     mDetect = wished;
-    Json::Value document(Json::objectValue);
-    document["detect"] = wished;
-    const std::string text = SDK::JsonUtils::JsonToString(document) + "\n";
-    if (const int error = SDK::FileUtils::WriteFile(mPath, text, false); error != 0) {
-        moduleLog.Error("[%s] cannot be written, the wish for detection is lost at the next stop: %s", mPath,
-                        std::strerror(error));
+    if (const int error = Save(); error != 0) {
+        moduleLog.Error("[%s] cannot be written, the wish for detection is lost at the next stop unless it can be "
+                        "until then: %s",
+                        mPath, std::strerror(error));
     }
+}
+
+bool Desired::IsUnsaved() const {
+    const SDK::ReadGuard guard(mLock);
+    return mUnsaved;
+}
+
+void Desired::SaveAgain() {
+    const SDK::WriteGuard guard(mLock);
+    if (mUnsaved && Save() == 0) {
+        moduleLog.Notice("[%s] is written after all, the wish for detection is kept", mPath);
+    }
+}
+
+int Desired::Save() {
+    Json::Value document(Json::objectValue);
+    document["detect"] = mDetect;
+    const std::string text = SDK::JsonUtils::JsonToString(document) + "\n";
+    const int error = SDK::FileUtils::WriteFile(mPath, text, false);
+    mUnsaved = error != 0;
+    return error;
 }
 
 } // namespace Daemon

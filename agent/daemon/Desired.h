@@ -17,13 +17,20 @@ public:
     bool IsDetectionWished() const;
 
     // Remembers the wish here and in the file. A file that cannot be written is logged: the wish then
-    // holds until the daemon ends.
+    // holds until the daemon ends, unless SaveAgain succeeds before.
     void WishDetection(bool wished);
 
+    // Whether the file does not say what is wished.
+    bool IsUnsaved() const;
+    void SaveAgain();
+
 private:
+    int Save() REQUIRES(mLock);
+
     const std::string mPath;
     mutable SDK::RwLock mLock;
     bool mDetect GUARDED_BY(mLock) = false;
+    bool mUnsaved GUARDED_BY(mLock) = false;
 };
 
 } // namespace Daemon

@@ -99,11 +99,16 @@ bool DataCommTask::StoreBatch() {
         return false;
     }
     Framework::Counters::Of("reports.stored").Add(mBatch.size());
+    if (mFailing) {
+        mFailing = false;
+        moduleLog.Notice("reports can be stored again, none of those kept in memory is lost");
+    }
     mBatch.clear();
     return true;
 }
 
 void DataCommTask::LogFailure(const std::string& reason) {
+    mFailing = true;
     const auto now = std::chrono::steady_clock::now();
     if (now < mNextFailureLog) {
         return;

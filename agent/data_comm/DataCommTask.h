@@ -16,8 +16,9 @@ namespace Engine {
 //
 // What the queue holds is taken in batches, one transaction each. While a batch cannot be written
 // (disk full, database locked) it is kept and tried again with growing pauses, and the queue fills up
-// behind it; each failure counts as "reports.write_errors" and is logged at most once a minute. So
-// the memory in use is bounded by one batch and the queue, whose overflow the framework counts.
+// behind it; each failure counts as "reports.write_errors" and is logged at most once a minute, and the
+// first success after it is logged, too. So the memory in use is bounded by one batch and the queue, whose overflow the
+// framework counts.
 //
 // After the last Run, UnInit stores what the queue still holds. What cannot be written within a second
 // then is given up, counted as "reports.given_up" and logged.
@@ -47,6 +48,7 @@ private:
 
     ReportStore mStore;
     std::vector<Report> mBatch; // used by HandleMsg, Run and UnInit, which never run at the same time
+    bool mFailing = false;      // the last attempt failed; used by the same three
     std::chrono::steady_clock::time_point mNextFailureLog;
 };
 

@@ -41,6 +41,13 @@ bool IsDamage(int result) {
     return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
 }
 
+// Of a connection that has met one of these nothing is to be expected, even when the cause is gone: one that
+// was opened while the file could not be written stays one that cannot write.
+bool IsConnectionLost(int result) {
+    const int primary = result & 0xFF;
+    return IsDamage(result) || primary == SQLITE_READONLY || primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN;
+}
+
 int Execute(sqlite3* database, const char* sql) {
     return sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
 }
@@ -204,7 +211,7 @@ bool ReportStore::Append(const std::vector<Report>& reports, std::string& reason
     if (sqlite3_get_autocommit(mDatabase) == 0) {
         Execute(mDatabase, "ROLLBACK");
     }
-    if (IsDamage(result)) {
+    if (IsConnectionLost(result)) {
         Close();
     }
     return false;

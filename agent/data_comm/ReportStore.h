@@ -73,7 +73,8 @@ public:
 
     // Stores all of the reports or none, in one transaction, opening the store where needed; their
     // `id` is given by the store. True: they are on the disk. False with the reason: nothing was
-    // stored; a database that turned out to be damaged is dealt with by the next Open.
+    // stored; a database that turned out to be damaged, or could not be read or written at all, is opened
+    // anew by the next call.
     bool Append(const std::vector<Report>& reports, std::string& reason);
 
 private:
