@@ -63,7 +63,7 @@ bool Task::EnqueueMsg(std::shared_ptr<Message>& message) {
     if (!message) {
         return false;
     }
-    if (InterceptMsg(message)) {
+    if (InterceptGuarded(message)) {
         return true;
     }
     const bool taken = PutInQueue(message);
@@ -74,7 +74,7 @@ bool Task::EnqueueMsg(std::shared_ptr<Message>& message) {
 }
 
 bool Task::EnqueueMsgQuietly(std::shared_ptr<Message>& message) {
-    return message && (InterceptMsg(message) || PutInQueue(message));
+    return message && (InterceptGuarded(message) || PutInQueue(message));
 }
 
 bool Task::PutInQueue(std::shared_ptr<Message>& message) {
@@ -87,7 +87,7 @@ bool Task::PutInQueue(std::shared_ptr<Message>& message) {
 
 std::size_t Task::EnqueueMsgs(std::vector<std::shared_ptr<Message>> messages) {
     const std::size_t intercepted =
-        std::erase_if(messages, [this](std::shared_ptr<Message>& message) { return InterceptMsg(message); });
+        std::erase_if(messages, [this](std::shared_ptr<Message>& message) { return InterceptGuarded(message); });
     if (messages.empty()) {
         return intercepted;
     }
@@ -197,6 +197,13 @@ void Task::RunGuarded() {
             moduleLog.Warning("task [%s]: Run returned %d", name(), result);
         }
     });
+}
+
+// The sender is not to suffer for what the receiver throws.
+bool Task::InterceptGuarded(std::shared_ptr<Message>& message) {
+    bool taken = true;
+    CallGuarded("task", name(), "InterceptMsg", [&] { taken = InterceptMsg(message); });
+    return taken;
 }
 
 void Task::HandleGuarded(const Message* message) {

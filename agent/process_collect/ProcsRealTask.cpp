@@ -142,6 +142,9 @@ void ProcsRealTask::ReadUntilStopped() {
             moduleLog.Error("process events were dropped: %s", error.what());
             mAnnouncer.Describe(false);
             mRescanDue.store(true);
+        } catch (...) {
+            moduleLog.Error("process events were dropped: an exception of an unknown type");
+            mRescanDue.store(true);
         }
         mAnnouncer.WakeSubscribers();
         if (mRescanDue.load() || mAnnouncer.HasDebts()) {

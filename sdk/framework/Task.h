@@ -60,7 +60,7 @@ public:
     std::size_t EnqueueMsgs(std::vector<std::shared_ptr<Message>> messages);
 
     // Called first thing by EnqueueMsg, on the sender's thread: true takes the message out of the
-    // queue's hands. The default takes none.
+    // queue's hands, and so does an exception, which is logged and counted. The default takes none.
     virtual bool InterceptMsg(std::shared_ptr<Message>& message);
 
     // Handles one message on the task's thread. The default hands it to this task's
@@ -111,6 +111,7 @@ private:
     void MarkStarting() { mPhase.store(TASK_STARTING, std::memory_order_release); }
     void RunPeriodically();
     void RunGuarded();
+    bool InterceptGuarded(std::shared_ptr<Message>& message);
     void HandleGuarded(const Message* message);
     bool PutInQueue(std::shared_ptr<Message>& message);
     void CountLosses(std::size_t count);
