@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
@@ -18,6 +20,8 @@
 #include "agent/daemon/Metrics.h"
 #include "agent/daemon/Notify.h"
 #include "agent/daemon/Status.h"
+#include "agent/framework/RunningTasks.h"
+#include "agent/framework/StopStep.h"
 #include "agent/sdk/CpuGovernor.h"
 #include "agent/sdk/ForeignRights.h"
 #include "agent/sdk/LogCapture.h"
@@ -35,6 +39,9 @@ namespace {
 SDK::ModuleLog moduleLog("daemon");
 
 namespace fs = std::filesystem;
+
+// Longer than a task is given to end (Module::STOP_DEADLINE), shorter than a service manager waits.
+constexpr std::chrono::seconds STOP_LIMIT{25};
 
 void Say(const std::string& line) {
     std::cerr << "corvalentd: " + line + "\n" << std::flush;
@@ -99,13 +106,35 @@ int Daemon::Run() {
     if (const int status = ApplySettings(); status != 0) {
         return status;
     }
+    std::optional<StopLimit> stopLimit;
     int status = StartModules(engine);
     if (status == 0) {
-        status = Serve(engine);
+        status = Serve(engine, stopLimit);
     }
+    return End(engine, status);
+}
+
+// Threads that were left behind run on and use what the end of the process destroys, so it ends here when there
+// are any.
+int Daemon::End(Framework::Engine& engine, int status) const {
     engine.UnInitModules();
+    const std::vector<std::string> abandoned = Framework::ListAbandonedTasks();
+    for (const std::string& task : abandoned) {
+        status = Fail(EXIT_MODULE_FAILED, "task [" + task + "] did not end and was left behind");
+    }
     moduleLog.Notice("stopped, status %d", status);
+    if (!abandoned.empty()) {
+        std::_Exit(status);
+    }
     return status;
+}
+
+void Daemon::GiveUp() const {
+    const std::string step = Framework::GetStopStep();
+    const int status = Fail(EXIT_MODULE_FAILED, "the stop takes longer than " + std::to_string(STOP_LIMIT.count()) +
+                                                    " seconds and is broken off; it waits for " +
+                                                    (step.empty() ? "a delivery" : step));
+    std::_Exit(status);
 }
 
 int Daemon::Fail(int status, const std::string& reason) const {
@@ -249,7 +278,7 @@ int Daemon::InitModules(Framework::Engine& engine) const {
                 "a module cannot start: " + (cause.empty() ? "status " + std::to_string(status) : cause));
 }
 
-int Daemon::Serve(Framework::Engine& engine) const {
+int Daemon::Serve(Framework::Engine& engine, std::optional<StopLimit>& stopLimit) const {
     Deliveries deliveries(engine, mRoot + "conf/");
     const Status status(engine, deliveries);
     MetricsServer metrics([&status] { return RenderMetrics(status.Collect()); });
@@ -270,6 +299,8 @@ int Daemon::Serve(Framework::Engine& engine) const {
         heartbeat.Start(*timing);
     }
     WaitForStop();
+    Framework::NoteStopStep("");
+    stopLimit.emplace(STOP_LIMIT, [this] { GiveUp(); });
     NotifyServiceManager("STOPPING=1");
     heartbeat.Stop();
     metrics.Stop();

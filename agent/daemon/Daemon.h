@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -7,6 +8,7 @@
 #include "agent/daemon/MetricsServer.h"
 #include "agent/daemon/RootLock.h"
 #include "agent/daemon/Settings.h"
+#include "agent/daemon/StopLimit.h"
 #include "framework/Engine.h"
 
 namespace Daemon {
@@ -16,7 +18,7 @@ namespace Daemon {
 enum ExitStatus : int {
     EXIT_DONE = 0,
     EXIT_NO_ROOT = 66,         // the root or its module folder is missing
-    EXIT_MODULE_FAILED = 70,   // a module cannot be loaded, or failed without a status of its own
+    EXIT_MODULE_FAILED = 70,   // a module cannot be loaded, failed without a status of its own, or did not end
     EXIT_CANNOT_CREATE = 73,   // a folder, the lock, the log, the socket or the port for metrics
     EXIT_ALREADY_RUNNING = 75, // another daemon works in this root
     EXIT_BAD_SETTINGS = 78,    // conf/agent.json
@@ -59,7 +61,10 @@ private:
     int ApplySettings();
     int StartModules(Framework::Engine& engine) const;
     int InitModules(Framework::Engine& engine) const;
-    int Serve(Framework::Engine& engine) const;
+    // `stopLimit` begins with the stop.
+    int Serve(Framework::Engine& engine, std::optional<StopLimit>& stopLimit) const;
+    int End(Framework::Engine& engine, int status) const;
+    void GiveUp() const;
     bool ServeMetrics(MetricsServer& metrics, std::string& reason) const;
     static void WaitForStop();
 

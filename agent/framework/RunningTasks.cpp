@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include "agent/framework/Guard.h"
+#include "agent/framework/StopStep.h"
 #include "agent/framework/TaskIndex.h"
 #include "framework/Counters.h"
 #include "framework/Module.h"
@@ -28,6 +29,7 @@ bool InitTask(Task& task) {
 }
 
 void UnInitTask(Task& task) {
+    NoteStopStep("the UnInit of task [" + task.name() + "]");
     CallGuarded("task", task.name(), "UnInit", [&] {
         if (!task.UnInit()) {
             moduleLog.Warning("task [%s]: UnInit failed", task.name());
@@ -42,12 +44,21 @@ void RunTask(Poco::AutoPtr<Task>& task, std::promise<void>& ended) {
     ended.set_value();
 }
 
-// Keeps a task object for good.
+// Task objects that are kept for good, like this itself.
+struct AbandonedTasks {
+    SDK::RwLock lock;
+    std::vector<Poco::AutoPtr<Task>> tasks GUARDED_BY(lock);
+
+    static AbandonedTasks& Instance() {
+        static auto* const instance = new AbandonedTasks;
+        return *instance;
+    }
+};
+
 void KeepForever(const Poco::AutoPtr<Task>& task) {
-    static SDK::RwLock lock;
-    static auto* const kept = new std::vector<Poco::AutoPtr<Task>>;
-    const SDK::WriteGuard guard(lock);
-    kept->push_back(task);
+    AbandonedTasks& abandoned = AbandonedTasks::Instance();
+    const SDK::WriteGuard guard(abandoned.lock);
+    abandoned.tasks.push_back(task);
 }
 
 } // namespace
@@ -119,6 +130,7 @@ bool RunningTasks::Stop(const Selector& selector) {
 
 bool RunningTasks::End(const EntryPtr& entry, Deadline deadline) {
     if (entry->ended.valid()) {
+        NoteStopStep("the end of task [" + entry->task->name() + "]");
         if (entry->ended.wait_until(deadline) != std::future_status::ready) {
             Abandon(*entry);
             Remove(entry);
@@ -158,6 +170,16 @@ std::vector<Poco::AutoPtr<Task>> RunningTasks::List() const {
         tasks.push_back(entry->task);
     }
     return tasks;
+}
+
+std::vector<std::string> ListAbandonedTasks() {
+    AbandonedTasks& abandoned = AbandonedTasks::Instance();
+    std::vector<std::string> names;
+    const SDK::ReadGuard guard(abandoned.lock);
+    for (const Poco::AutoPtr<Task>& task : abandoned.tasks) {
+        names.push_back(task->name());
+    }
+    return names;
 }
 
 } // namespace Framework

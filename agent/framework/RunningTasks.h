@@ -4,6 +4,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -63,5 +64,8 @@ private:
     mutable SDK::RwLock mLock;
     std::vector<EntryPtr> mEntries GUARDED_BY(mLock);
 };
+
+// The names of all tasks of this process that were left behind because they did not end. Thread-safe.
+std::vector<std::string> ListAbandonedTasks();
 
 } // namespace Framework
