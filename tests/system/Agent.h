@@ -99,6 +99,11 @@ public:
     void Launch();
     bool IsReady() const;
     bool HasEnded() { return mDaemon->HasEnded(); }
+    void Signal(int signal) { mDaemon->Signal(signal); }
+    // As Program says.
+    int GetExitStatus() const { return mDaemon->GetStatus(); }
+    // What it said on standard error.
+    std::string GetErrors() const { return mDaemon->GetErrors(); }
 
     // The same when a policy is in place: also until the module watches.
     void StartWatching();

@@ -6,3 +6,10 @@ foreach(source ${faults_tests})
   string(TOLOWER system_faults_${concern}_test name)
   corvalent_add_test(${name} ${source} LIBS system_harness LABELS system TIMEOUT 300)
 endforeach()
+
+# What fails on purpose.
+add_library(faulty_test_module MODULE ${TEST_DIR}/FaultyModule.cpp)
+target_link_libraries(faulty_test_module PRIVATE framework)
+set_target_properties(faulty_test_module PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+target_compile_definitions(system_faults_module_test PRIVATE FAULTY_MODULE="$<TARGET_FILE:faulty_test_module>")
+add_dependencies(system_faults_module_test faulty_test_module)

@@ -1,0 +1,276 @@
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/ScopedProcess.h"
+#include "support/TempMount.h"
+#include "support/WaitFor.h"
+#include "system/Agent.h"
+#include "system/CtlOutput.h"
+#include "system/StateFiles.h"
+
+namespace SystemTest {
+namespace {
+
+using testing::HasSubstr;
+using TestSupport::ScopedProcess;
+using TestSupport::TempMount;
+using TestSupport::WaitFor;
+
+namespace fs = std::filesystem;
+
+constexpr const char* CANNOT_STORE_REPORTS = "reports cannot be stored and are kept in memory";
+constexpr const char* CAN_STORE_REPORTS = "reports can be stored again";
+constexpr const char* CANNOT_STORE_LIST = "the local list cannot be stored in [";
+constexpr const char* CAN_STORE_LIST = "the local list is stored again in [";
+constexpr const char* LOG_WAS_CUT = "records are missing here: the log could not be written";
+
+// An agent one or more of whose folders lie on small disks of the test's own.
+class Disk : public testing::Test {
+protected:
+    // Has the folders lie together on a disk of that size.
+    const TempMount& Move(const std::vector<std::string>& folders, const std::string& size) {
+        disks.push_back(std::make_unique<TempMount>(size));
+        const TempMount& disk = *disks.back();
+        for (const std::string& folder : folders) {
+            const std::string place = agent.Root() / folder;
+            fs::create_directory(disk / folder);
+            if (fs::exists(place)) {
+                fs::copy(place, disk / folder);
+                fs::remove_all(place);
+            }
+            fs::create_directory_symlink(disk / folder, place);
+        }
+        return disk;
+    }
+
+    struct Started {
+        int pid;
+        std::string path;
+    };
+
+    // A program that nobody knows has been started in the scope, and lives as long as this test.
+    Started StartUnknown() {
+        const std::string path = agent.MakeProgram("unknown-" + std::to_string(started.size()));
+        started.push_back(std::make_unique<ScopedProcess>(agent.Scope().Path(), std::vector<std::string>{path, "600"}));
+        return {started.back()->Pid(), path};
+    }
+
+    // Starts unknown programs, one after the other, until something is so; the last one.
+    Started StartUntil(const std::function<bool()>& condition) {
+        Started last = StartUnknown();
+        EXPECT_TRUE(WaitFor([&] {
+            constexpr std::chrono::milliseconds PATIENCE{300};
+            const bool done = WaitFor(condition, PATIENCE);
+            if (!done) {
+                last = StartUnknown();
+            }
+            return done;
+        }));
+        return last;
+    }
+
+    std::int64_t Counter(const std::string& name) const { return agent.Status()["counters"][name].asInt64(); }
+
+    // The agent has judged this many more than `before`, whether or not it can tell anybody.
+    void ExpectJudged(std::int64_t before, int more) const {
+        EXPECT_TRUE(WaitFor([&] { return Counter("events.judged") >= before + more; }));
+    }
+
+    bool IsStored(const std::string& program) const {
+        return agent.Root().Read("conf/whitelist.data").find("\"" + program + "\"") != std::string::npos;
+    }
+
+    bool IsLearned(const std::string& program) const {
+        const Json::Value list = agent.Trust("local");
+        return std::any_of(list.begin(), list.end(),
+                           [&](const Json::Value& entry) { return entry["path"] == program; });
+    }
+
+    // Each was reported, once.
+    void ExpectAlerts() const {
+        for (const auto& process : started) {
+            agent.WaitForAlert(process->Pid());
+            EXPECT_EQ(agent.AlertsOf(process->Pid()).size(), 1U);
+        }
+    }
+
+    Agent agent;
+    std::vector<std::unique_ptr<TempMount>> disks; // unmounted before the agent's root is removed
+    std::vector<std::unique_ptr<ScopedProcess>> started;
+};
+
+TEST_F(Disk, WhenDataIsFullItJudgesOnTellsOnceAndStoresEveryReportWhenThereIsRoomAgain) {
+    constexpr int MORE = 10;
+    const TempMount& disk = Move({"data"}, "2m");
+    agent.MakeDetecting();
+    disk.Fill();
+    StartUntil([&] { return Counter("reports.write_errors") > 0; });
+    const std::int64_t judgedBefore = Counter("events.judged");
+    for (int i = 0; i < MORE; ++i) {
+        StartUnknown();
+    }
+    EXPECT_TRUE(WaitFor([&] { return Counter("events.judged") >= judgedBefore + MORE; }));
+    EXPECT_TRUE(WaitFor([&] { return Counter("reports.write_errors") >= 3; }));
+    EXPECT_EQ(agent.CountInLog(CANNOT_STORE_REPORTS), 1);
+    EXPECT_THAT(agent.Ctl({"doctor"}).out, HasSubstr("attempts to store reports failed"));
+
+    disk.MakeRoom();
+
+    ExpectAlerts();
+    EXPECT_EQ(agent.CountInLog(CANNOT_STORE_REPORTS), 1);
+    EXPECT_EQ(agent.CountInLog(CAN_STORE_REPORTS), 1);
+    agent.Stop();
+}
+
+TEST_F(Disk, WhenDataIsReadOnlyAtTheStartTheHistoryStandsAndReportsAreStoredWhenItCanBeWritten) {
+    const TempMount& disk = Move({"data"}, "2m");
+    agent.MakeDetecting();
+    StartUnknown();
+    ExpectAlerts();
+    agent.Stop();
+    disk.SetReadOnly(true);
+    agent.StartWatching();
+    agent.WaitForMode(DETECTING);
+    StartUntil([&] { return Counter("reports.write_errors") >= 3; });
+    EXPECT_EQ(agent.CountInLog(CANNOT_STORE_REPORTS), 1);
+
+    disk.SetReadOnly(false);
+
+    ExpectAlerts();
+    EXPECT_EQ(agent.CountInLog(CAN_STORE_REPORTS), 1);
+    agent.Stop();
+}
+
+TEST_F(Disk, WhenDataIsFullToTheEndTheStopIsOrderlyAndSaysHowManyReportsAreLost) {
+    const TempMount& disk = Move({"data"}, "2m");
+    agent.MakeDetecting();
+    const std::size_t alertsBefore = agent.Alerts().size();
+    disk.Fill();
+    StartUntil([&] { return Counter("reports.write_errors") > 0; });
+
+    agent.Stop();
+
+    EXPECT_EQ(agent.CountInLog("reports could not be stored before the stop and are lost"), 1);
+    disk.MakeRoom();
+    agent.StartWatching();
+    EXPECT_GE(agent.Alerts().size(), alertsBefore);
+    EXPECT_EQ(agent.CountInLog("moved aside"), 0);
+    agent.Stop();
+}
+
+TEST_F(Disk, WhenConfIsFullItLearnsOnTellsOnceAndStoresTheListWhenThereIsRoomAgain) {
+    const TempMount& disk = Move({"conf"}, "1m");
+    agent.Start();
+    agent.ApplyAndWatch({});
+    const std::string before = StartUnknown().path;
+    ASSERT_TRUE(WaitFor([&] { return IsStored(before); }));
+    disk.Fill();
+    const std::string during = StartUntil([&] { return agent.CountInLog(CANNOT_STORE_LIST) > 0; }).path;
+    EXPECT_TRUE(WaitFor([&] { return IsLearned(during); }));
+    EXPECT_TRUE(IsStored(before)) << agent.Root().Read("conf/whitelist.data");
+
+    disk.MakeRoom();
+
+    EXPECT_TRUE(WaitFor([&] { return IsStored(during); }));
+    EXPECT_TRUE(WaitFor([&] { return agent.CountInLog(CAN_STORE_LIST) == 1; }));
+    EXPECT_EQ(agent.CountInLog(CANNOT_STORE_LIST), 1);
+    agent.Stop();
+    ExpectWholeStateFiles(agent.Root());
+}
+
+TEST_F(Disk, WhenConfIsReadOnlyItDetectsOnAndKeepsTheWishAndThePolicyWhenItCanBeWritten) {
+    const TempMount& disk = Move({"conf"}, "1m");
+    agent.WriteLearned({});
+    agent.Start();
+    agent.ApplyAndWatch({});
+    const std::string policyBefore = agent.Root().Read("conf/policy.json");
+    disk.SetReadOnly(true);
+
+    EXPECT_EQ(agent.Ctl({"detect", "start"}).status, 0);
+    const Result applied = agent.Apply(MakePolicy({.hash = "policy-2"}));
+    EXPECT_EQ(applied.status, 0);
+    EXPECT_THAT(applied.out + applied.err, HasSubstr("could not be kept for the next start"));
+    EXPECT_EQ(agent.CountInLog("the wish for detection is lost at the next stop unless"), 1);
+    agent.WaitForMode(DETECTING);
+    agent.WaitForAlert(StartUntil([&] { return !agent.Alerts().empty(); }).pid);
+    EXPECT_EQ(agent.Root().Read("conf/policy.json"), policyBefore);
+    EXPECT_THAT(agent.Ctl({"doctor"}).out, HasSubstr("mounted read-only"));
+
+    disk.SetReadOnly(false);
+
+    EXPECT_TRUE(WaitFor([&] { return agent.Root().Read("conf/desired.json") == "{\"detect\":true}\n"; }));
+    EXPECT_TRUE(WaitFor([&] { return agent.Root().Read("conf/policy.json").find("policy-2") != std::string::npos; }));
+    agent.Stop();
+    agent.StartWatching();
+    agent.WaitForMode(DETECTING);
+    agent.Stop();
+}
+
+TEST_F(Disk, WhenTheLogIsFullItDetectsOnSaysSoElsewhereAndCountsWhatIsMissing) {
+    const TempMount& disk = Move({"log"}, "1m");
+    agent.MakeDetecting();
+    disk.Fill();
+    StartUntil([&] { return Counter("log.lost") > 0; });
+    ExpectAlerts();
+    EXPECT_THAT(agent.Ctl({"doctor"}).out, HasSubstr("records could not be written to the log"));
+    const std::string said = agent.GetErrors();
+    EXPECT_EQ(said.find("cannot be written"), said.rfind("cannot be written"));
+    EXPECT_THAT(said, HasSubstr("log/corvalent.log] cannot be written"));
+
+    disk.MakeRoom();
+
+    StartUntil([&] { return agent.CountInLog(LOG_WAS_CUT) > 0; });
+    EXPECT_EQ(agent.CountInLog(LOG_WAS_CUT), 1);
+    agent.Stop();
+    EXPECT_EQ(agent.CountInLog("stopped, status 0"), 1);
+}
+
+TEST_F(Disk, WhenAllIsFullItJudgesOnAndNothingThatStoodThereIsLost) {
+    const TempMount& disk = Move({"conf", "data", "log"}, "4m");
+    agent.MakeDetecting();
+    StartUnknown();
+    ExpectAlerts();
+    const std::string list = agent.Root().Read("conf/whitelist.data");
+    disk.Fill();
+    StartUntil([&] { return Counter("reports.write_errors") > 0 && Counter("log.lost") > 0; });
+    EXPECT_EQ(agent.GetMode(), DETECTING);
+
+    disk.MakeRoom();
+
+    ExpectAlerts();
+    EXPECT_EQ(agent.Root().Read("conf/whitelist.data"), list);
+    agent.Stop();
+    ExpectWholeStateFiles(agent.Root());
+}
+
+TEST_F(Disk, ALogThatCannotBeWrittenAtTheStartIsSaidInOneLineWithItsStatus) {
+    const TempMount& disk = Move({"log"}, "1m");
+    disk.SetReadOnly(true);
+    const Result run = agent.RunToTheEnd();
+    EXPECT_EQ(run.status, 73);
+    EXPECT_THAT(run.err, HasSubstr("cannot log to [" + (agent.Root() / "log/corvalent.log") + "]: Read-only file"));
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+}
+
+TEST_F(Disk, WithReadOnlyConfItStartsFromWhatIsThere) {
+    const TempMount& disk = Move({"conf"}, "1m");
+    agent.MakeDetecting();
+    agent.Stop();
+    disk.SetReadOnly(true);
+    agent.StartWatching();
+    agent.WaitForMode(DETECTING);
+    StartUnknown();
+    ExpectAlerts();
+    agent.Stop();
+}
+
+} // namespace
+} // namespace SystemTest
