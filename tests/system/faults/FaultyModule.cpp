@@ -19,9 +19,17 @@ namespace {
 
 SDK::ModuleLog moduleLog("faulty");
 
-void FailAt(const std::string& place) {
+std::string GetFault() {
     const char* wanted = std::getenv("CORVALENT_FAULT");
-    const std::string fault = wanted == nullptr ? "" : wanted;
+    return wanted == nullptr ? "" : wanted;
+}
+
+bool IsWanted(const std::string& place) {
+    return GetFault().starts_with(place + ":");
+}
+
+void FailAt(const std::string& place) {
+    const std::string fault = GetFault();
     if (fault == place + ":std") {
         throw std::runtime_error("faulty on purpose");
     }
@@ -80,6 +88,9 @@ public:
     int Init() override {
         FailAt("module.Init");
         RegisterTaskletCallback("faulty", new Framework::TaskletCallback(this, &FaultyModule::Obey, false));
+        if (IsWanted("module.Policy")) {
+            RegisterPolicyCallback("10001", new Framework::PolicyCallback(this, &FaultyModule::Refresh));
+        }
         RegisterTask(new FaultyTask, true);
         moduleLog.Information("started");
         return Framework::Module::Init();
@@ -95,6 +106,12 @@ private:
     static std::string GetName() {
         const char* name = std::getenv("CORVALENT_FAULTY_NAME");
         return name == nullptr ? "faulty_module" : name;
+    }
+
+    Framework::Policy* Refresh(const std::string& /*key*/, const std::string& /*document*/,
+                               Framework::Policy*& /*current*/) {
+        FailAt("module.Policy");
+        return nullptr;
     }
 
     int Obey(const std::string& /*command*/) {
