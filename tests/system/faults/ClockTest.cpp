@@ -146,7 +146,9 @@ TEST_F(Clock, SetBackAndForwardNoReportIsLostNothingHangsOrSpinsAndTheWatchdogIs
     }
     ExpectHistoryInOrder();
     EXPECT_EQ(agent.GetMode(), DETECTING);
-    EXPECT_EQ(agent.Status()["events"]["lost"].asInt(), 0);
+    // But for what the kernel could not keep because the whole machine was too busy.
+    const Json::Value counters = agent.Status()["counters"];
+    EXPECT_EQ(counters["events.lost"], counters["events.overflow"]);
     SetAhead(-HOUR);
     EXPECT_LT(agent.Stop(), std::chrono::seconds(5));
     agent.StartWatching();
