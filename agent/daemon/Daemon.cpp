@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -27,6 +28,7 @@
 #include "agent/sdk/LogCapture.h"
 #include "agent/sdk/LogSetup.h"
 #include "agent/sdk/ReplacingFile.h"
+#include "framework/Counters.h"
 #include "framework/Scope.h"
 #include "sdk/HttpUtils.h"
 #include "sdk/ModuleLog.h"
@@ -118,6 +120,10 @@ int Daemon::Run() {
 // are any.
 int Daemon::End(Framework::Engine& engine, int status) const {
     engine.UnInitModules();
+    // The log may be on the same disk.
+    if (const std::uint64_t lost = Framework::Counters::Of("reports.given_up").Get(); lost > 0) {
+        Say(std::to_string(lost) + " reports could not be stored and are lost");
+    }
     const std::vector<std::string> abandoned = Framework::ListAbandonedTasks();
     for (const std::string& task : abandoned) {
         status = Fail(EXIT_MODULE_FAILED, "task [" + task + "] did not end and was left behind");

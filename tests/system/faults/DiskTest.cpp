@@ -1,13 +1,16 @@
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include "support/ScopedProcess.h"
 #include "support/TempMount.h"
@@ -32,23 +35,70 @@ constexpr const char* CANNOT_STORE_LIST = "the local list cannot be stored in ["
 constexpr const char* CAN_STORE_LIST = "the local list is stored again in [";
 constexpr const char* LOG_WAS_CUT = "records are missing here: the log could not be written";
 
+// A disk (ext4 in a file) of the test's own that can fail: it is read-only from then on, also to who has its files
+// open for writing.
+class FailingDisk {
+public:
+    FailingDisk() {
+        Do("truncate -s 16M " + Image() + " && mkfs.ext4 -q " + Image());
+        fs::create_directory(Path());
+        Mount();
+    }
+    ~FailingDisk() { umount2(Path().c_str(), MNT_DETACH); }
+    FailingDisk(const FailingDisk&) = delete;
+    FailingDisk& operator=(const FailingDisk&) = delete;
+
+    // Why there can be none here; empty when there can.
+    static std::string WhyNot() {
+        const bool tools = std::system("command -v mkfs.ext4 >/dev/null && losetup -f >/dev/null 2>&1") == 0;
+        return tools ? TestSupport::WhyNoMount() : "no mkfs.ext4 or no loop device";
+    }
+
+    std::string Path() const { return mDir / "mount"; }
+
+    // As after an error of the device: mount(8), ext4(5), "abort".
+    void Fail() const { Do("mount -o remount,abort " + Path()); }
+
+    // While nobody has a file open.
+    void Repair() const {
+        Do("umount " + Path());
+        Mount();
+    }
+
+private:
+    std::string Image() const { return mDir / "image"; }
+    void Mount() const { Do("mount -o loop " + Image() + " " + Path()); }
+
+    static void Do(const std::string& command) {
+        if (std::system(command.c_str()) != 0) {
+            throw std::runtime_error("failed: " + command);
+        }
+    }
+
+    TestSupport::TempDir mDir;
+};
+
 // An agent one or more of whose folders lie on small disks of the test's own.
 class Disk : public testing::Test {
 protected:
     // Has the folders lie together on a disk of that size.
     const TempMount& Move(const std::vector<std::string>& folders, const std::string& size) {
         disks.push_back(std::make_unique<TempMount>(size));
-        const TempMount& disk = *disks.back();
+        MoveTo(disks.back()->Path(), folders);
+        return *disks.back();
+    }
+
+    void MoveTo(const std::string& disk, const std::vector<std::string>& folders) const {
         for (const std::string& folder : folders) {
             const std::string place = agent.Root() / folder;
-            fs::create_directory(disk / folder);
+            const std::string moved = disk + "/" + folder;
+            fs::create_directory(moved);
             if (fs::exists(place)) {
-                fs::copy(place, disk / folder);
+                fs::copy(place, moved);
                 fs::remove_all(place);
             }
-            fs::create_directory_symlink(disk / folder, place);
+            fs::create_directory_symlink(moved, place);
         }
-        return disk;
     }
 
     struct Started {
@@ -247,6 +297,39 @@ TEST_F(Disk, WhenAllIsFullItJudgesOnAndNothingThatStoodThereIsLost) {
 
     ExpectAlerts();
     EXPECT_EQ(agent.Root().Read("conf/whitelist.data"), list);
+    agent.Stop();
+    ExpectWholeStateFiles(agent.Root());
+}
+
+// What stood there stands; what could not be written up to the stop is counted as lost.
+TEST_F(Disk, WhenTheDiskFailsAtWorkItJudgesOnTellsItAndTheNextStartHasAllThatStoodThere) {
+    if (const std::string reason = FailingDisk::WhyNot(); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const FailingDisk disk;
+    MoveTo(disk.Path(), {"conf", "data", "log"});
+    agent.MakeDetecting();
+    StartUnknown();
+    ExpectAlerts();
+    const std::vector<Json::Value> alerts = agent.Alerts();
+    const std::string list = agent.Root().Read("conf/whitelist.data");
+    disk.Fail();
+    const std::int64_t judged = Counter("events.judged");
+    StartUntil([&] { return Counter("reports.write_errors") >= 3 && Counter("log.lost") > 0; });
+    EXPECT_TRUE(WaitFor([&] { return Counter("events.judged") > judged; }));
+    EXPECT_EQ(agent.GetMode(), DETECTING);
+    EXPECT_THAT(agent.GetErrors(), HasSubstr("log/corvalent.log] cannot be written"));
+    EXPECT_THAT(agent.Ctl({"doctor"}).out, HasSubstr("attempts to store reports failed"));
+    agent.Stop();
+    EXPECT_THAT(agent.GetErrors(), HasSubstr(" reports could not be stored and are lost\n"));
+
+    disk.Repair();
+
+    agent.StartWatching();
+    agent.WaitForMode(DETECTING);
+    EXPECT_THAT(agent.Alerts(), testing::ElementsAreArray(alerts));
+    EXPECT_EQ(agent.Root().Read("conf/whitelist.data"), list);
+    EXPECT_EQ(agent.CountInLog("moved aside"), 0);
     agent.Stop();
     ExpectWholeStateFiles(agent.Root());
 }
