@@ -1,23 +1,45 @@
 #include "framework/HandledEvent.h"
 
+#include <cerrno>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace Framework {
 
 namespace {
 
-thread_local std::uint64_t handledNs = 0;
+thread_local const HandledEvent* handled = nullptr;
 
 } // namespace
 
-HandledEvent::HandledEvent(std::uint64_t timestampNs) : mOuterNs(handledNs) {
-    handledNs = timestampNs;
+// By number: Debian 12's C library has the wrapper, older ones do not.
+HandledEvent::HandledEvent(std::uint64_t timestampNs, int pid) : mOuter(handled), mTimestampNs(timestampNs), mPid(pid) {
+    if (mPid > 0) {
+        mPidfd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
+        mError = mPidfd < 0 ? errno : 0;
+    }
+    handled = this;
 }
 
 HandledEvent::~HandledEvent() {
-    handledNs = mOuterNs;
+    handled = mOuter;
+    if (mPidfd >= 0) {
+        close(mPidfd);
+    }
 }
 
 std::uint64_t HandledEvent::GetTimestampNs() {
-    return handledNs;
+    return handled == nullptr ? 0 : handled->mTimestampNs;
+}
+
+bool HandledEvent::IsAbout(int pid, int& pidfd, int& error) {
+    if (handled == nullptr || pid <= 0 || handled->mPid != pid) {
+        return false;
+    }
+    pidfd = handled->mPidfd;
+    error = handled->mError;
+    return true;
 }
 
 } // namespace Framework

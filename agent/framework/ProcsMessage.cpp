@@ -36,7 +36,8 @@ void ProcsMessage::DeliverTo(AbstractMessageReceiver& receiver) const {
         return;
     }
     {
-        const Framework::HandledEvent handled(mTimestampNs);
+        // Of an exit nobody acts on a process.
+        const Framework::HandledEvent handled(mTimestampNs, mKind == KIND_EXIT ? 0 : mPid);
         receiver.ProcsMessageAction(mPid, mKind, mInfo);
     }
     if (mKind == KIND_EXEC || mKind == KIND_FORK) {

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "framework/HandledEvent.h"
 #include "framework/Scope.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/ProcStat.h"
@@ -34,8 +35,24 @@ constexpr std::size_t MAX_ANCESTORS = 1024;
 int OpenPidfd(int pid) {
     return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
 }
+// A descriptor of its own.
+int Duplicate(int fd) {
+    return fcntl(fd, F_DUPFD_CLOEXEC, 0);
+}
 bool SendSignal(int pidfd, int signal) {
     return syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) == 0;
+}
+
+// The process that is meant: the one that the event being handled was about when its handling began, or whoever
+// bears the number now when there is no such event. -1 with errno when there is none.
+int OpenMeantProcess(int pid) {
+    int pidfd = -1;
+    int error = 0;
+    if (!Framework::HandledEvent::IsAbout(pid, pidfd, error)) {
+        return OpenPidfd(pid);
+    }
+    errno = error;
+    return pidfd < 0 ? -1 : Duplicate(pidfd);
 }
 
 // The parents of the agent up to init; nothing when the way up cannot be followed to its end.
@@ -168,7 +185,7 @@ IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, b
         return Refuse(pid, path, objection);
     }
     IsolationResult result;
-    const SDK::FileDescriptor process(OpenPidfd(pid));
+    const SDK::FileDescriptor process(OpenMeantProcess(pid));
     if (!process.IsOpen()) {
         moduleLog.Error("process [%d] [%s] could not be isolated: %s", pid, path, std::strerror(errno));
         return result;

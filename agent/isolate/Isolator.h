@@ -26,8 +26,10 @@ struct IsolationResult {
 //
 //     pidfd_open → refusals → image remembered → pidfd_send_signal → path opened → chmod → both closed
 //
-// The pidfd comes first and the process is asked once more whether it is still there after the
-// refusals were checked by pid, so that a pid that was reused in between is never hit.
+// Within the handling of an event about the process its pidfd is the one that was opened before anybody
+// judged (Framework::HandledEvent); otherwise it is opened first of all. Either way the process is asked once
+// more whether it is still there after the refusals were checked by pid, so that a pid that was reused
+// between the judgement and the signal is never hit.
 class Isolator {
 public:
     // Kills `pid` when `kill` is set, at once. Makes the regular file at `path` readable by its owner

@@ -14,7 +14,9 @@
 
 #include "ConfigManager.h"
 #include "ProcessManager.h"
+#include "framework/HandledEvent.h"
 #include "sdk/ModuleLog.h"
+#include "sdk/ProcStat.h"
 #include "sdk/TimeUtils.h"
 #include "utils/Constants.h"
 #include "utils/ProcessUtils.h"
@@ -55,6 +57,12 @@ std::optional<std::uint64_t> ReadInode(const std::string& path) {
         return std::nullopt;
     }
     return file.st_ino;
+}
+
+// 0 when there is no such process (any more).
+std::uint64_t ReadBegin(int pid) {
+    SDK::ProcStat stat;
+    return SDK::ProcStat::Read(pid, stat) == 0 ? stat.startTime : 0;
 }
 
 bool WasCheckedRecently(const ProcessInfo& info, std::time_t now) {
@@ -162,6 +170,7 @@ void SpecifiedFileAudit::KeepSizeProcessIDMap() {
         const ProcessInfo* known = ProcessManager::Instance()->GetProcessInfoFromID(item.second.pid);
         return known == nullptr || known->exited;
     });
+    std::erase_if(mBegins, [this](const auto& item) { return mProcesses.count(item.first) == 0; });
     // With more records than the limit the difference wraps around, and the limit stays.
     if (mProcessLimit - mProcesses.size() < PROCESS_LIMIT_STEP) {
         mProcessLimit += PROCESS_LIMIT_STEP;
@@ -180,8 +189,27 @@ ProcessInfo* SpecifiedFileAudit::GetProcessInfo(int pid) {
         return nullptr;
     }
     ProcessInfo info = *known;
+    mBegins[pid] = ReadBegin(pid);
     AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
     return &mProcesses.emplace(pid, std::move(info)).first->second;
+}
+
+// The record to go by when the one that is given is of a process that has ended since and whose number
+// another one bears now: of that one, anew. Null when there is nothing to be known of it.
+ProcessInfo* SpecifiedFileAudit::RenewIfReused(ProcessInfo* info) {
+    const int pid = info->pid;
+    const std::uint64_t begin = ReadBegin(pid);
+    if (begin == 0 || mBegins[pid] == begin) {
+        return info;
+    }
+    mProcesses.erase(pid);
+    // The engine may not have been told of it yet.
+    ProcessManager::Instance()->OnProcessCreate(pid);
+    ProcessInfo* own = GetProcessInfo(pid);
+    if (own != nullptr) {
+        MatchByContent(*own);
+    }
+    return own;
 }
 
 void SpecifiedFileAudit::MatchByContent(ProcessInfo& info) {
@@ -239,6 +267,12 @@ void SpecifiedFileAudit::OnFileRecordMsg(std::int32_t pid, const std::string& pa
     CheckAndDelInodeCache();
     const FileInodeNoCache* file = GetInodeCacheEntry(*inode, path);
     if (file == nullptr || !file->cared) {
+        return;
+    }
+    // Whoever is isolated from here on is the process that is looked at.
+    const Framework::HandledEvent held(0, pid);
+    info = RenewIfReused(info);
+    if (info == nullptr || info->trusted) {
         return;
     }
     info->auditHit = true;

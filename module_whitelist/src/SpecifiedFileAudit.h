@@ -33,7 +33,8 @@ struct FileInodeNoCache {
 //     inode cache   from 100,000 entries on, those not seen for 30 seconds go; if that made much room,
 //                   the rarely seen go too. A cache full of fresh entries may grow beyond that.
 //     pid map       from 10,000 records on, those of ended processes go; the limit grows with the
-//                   processes that live
+//                   processes that live. A process that was given the number of an ended one gets a
+//                   record of its own before it is learned or judged.
 //
 // One instance; all operations are for the thread of the task that owns it, so it has no lock.
 class SpecifiedFileAudit {
@@ -104,7 +105,11 @@ public:
 private:
     SpecifiedFileAudit();
 
+    ProcessInfo* RenewIfReused(ProcessInfo* info);
+
     std::map<std::int32_t, ProcessInfo> mProcesses;
+    // When the processes of the records began: see SDK::ProcStat. 0 where that could not be read.
+    std::map<std::int32_t, std::uint64_t> mBegins;
     std::unique_ptr<char[]> mScratch;
     std::uint64_t mProcessLimit;
     std::map<std::uint64_t, FileInodeNoCache> mInodes;

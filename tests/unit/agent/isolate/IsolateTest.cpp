@@ -175,6 +175,46 @@ TEST_F(IsolateTest, AKillOnAccountOfAnEventIsTimedAndOnlyThat) {
     EXPECT_EQ(timed(), before + 1);
 }
 
+TEST_F(IsolateTest, AProcessThatWasGivenThePidOfTheOneThatIsMeantIsNeverHit) {
+    ChildProcess meant = StartImage();
+    const int pid = meant.Pid();
+    const Framework::HandledEvent event(0, pid);
+    meant.End();
+    const ChildProcess other = ChildProcess::SpawnAs(pid, *mGroup, {mImage, "1000"});
+    ASSERT_EQ(other.Pid(), pid);
+    const std::uint64_t failedBefore = Count("isolate.failed");
+    LogRecorder log;
+    const Request answer = Isolate(pid, mImage);
+    EXPECT_FALSE(answer.result);
+    EXPECT_FALSE(answer.kill);
+    EXPECT_FALSE(answer.chmod);
+    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "process [" + std::to_string(pid) + "] [" + mImage +
+                                                 "] could not be isolated: No such process"));
+    EXPECT_EQ(Count("isolate.failed"), failedBefore + 1);
+    EXPECT_TRUE(other.IsRunning());
+    EXPECT_EQ(ModeOf(mImage), 0755u);
+}
+
+TEST_F(IsolateTest, AnEventAboutAProcessThatHadEndedHitsNobody) {
+    ChildProcess meant = StartImage();
+    const int pid = meant.Pid();
+    meant.End();
+    const Framework::HandledEvent event(0, pid);
+    const ChildProcess other = ChildProcess::SpawnAs(pid, *mGroup, {mImage, "1000"});
+    EXPECT_FALSE(Isolate(pid, mImage).kill);
+    EXPECT_TRUE(other.IsRunning());
+}
+
+TEST_F(IsolateTest, AnEventAboutOneProcessKeepsNobodyFromIsolatingAnother) {
+    ChildProcess meant = StartImage();
+    ChildProcess other = StartImage();
+    const Framework::HandledEvent event(0, meant.Pid());
+    EXPECT_TRUE(Isolate(other.Pid(), mImage).kill);
+    ExpectKilled(other);
+    EXPECT_TRUE(Isolate(meant.Pid(), mImage).kill);
+    ExpectKilled(meant);
+}
+
 TEST_F(IsolateTest, OnlyWhatIsAskedForIsDone) {
     ChildProcess child = StartImage();
     const Request nothing = Isolate(child.Pid(), mImage, {.kill = false, .chmod = false});
