@@ -77,6 +77,10 @@ pid_t Starter::Start(const Command& command) const {
         execv(arguments[0], arguments.data());
         _exit(CANNOT_EXECUTE);
     }
+    if (pid < 0) {
+        // Nobody may take -1 for a process: a signal to it goes to all that there are.
+        throw std::runtime_error("cannot fork for " + command.front());
+    }
     return pid;
 }
 

@@ -58,6 +58,11 @@ public:
             RunChild(procs, arguments.data(), stdinFd, quiet, execPipe[1]);
         }
         close(execPipe[1]);
+        if (mPid < 0) {
+            close(execPipe[0]);
+            // Nobody may take -1 for a process: a signal to it goes to all that there are.
+            throw std::runtime_error("cannot fork for " + command.front() + ": " + std::strerror(errno));
+        }
         AwaitExec(execPipe[0], command.front());
     }
     ~ScopedProcess() {

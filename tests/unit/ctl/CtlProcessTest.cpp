@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,9 @@ public:
             dup2(open((folder / "stderr").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600), STDERR_FILENO);
             execv(CORVALENTCTL, words.data());
             _exit(126);
+        }
+        if (mPid < 0) {
+            throw std::runtime_error("cannot fork");
         }
     }
     ~Ctl() {

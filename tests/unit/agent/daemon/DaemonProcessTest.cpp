@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <stdexcept>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -57,6 +58,9 @@ public:
             }
             execv(CORVALENTD, words.data());
             _exit(126);
+        }
+        if (mPid < 0) {
+            throw std::runtime_error("cannot fork");
         }
     }
     ~Process() {

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -72,6 +73,9 @@ private:
 class IdleChild {
 public:
     IdleChild() : mPid(fork()) {
+        if (mPid < 0) {
+            throw std::runtime_error("cannot fork");
+        }
         if (mPid == 0) {
             for (;;) {
                 pause();

@@ -170,6 +170,7 @@ TEST_F(DetectionTest, RealAndEffectiveIdsAreTold) {
         }
     }
     close(ready[1]);
+    ASSERT_GT(pid, 0);
     char byte = 0;
     EXPECT_EQ(read(ready[0], &byte, 1), 1);
     close(ready[0]);
