@@ -18,6 +18,7 @@
 #include "agent/sdk/ReplacingFile.h"
 #include "agent/sdk/WithoutThrowing.h"
 #include "sdk/Histogram.h"
+#include "sdk/ProcessImage.h"
 #include "sdk/TimeUtils.h"
 
 namespace SDK {
@@ -189,10 +190,14 @@ int DigestContentTimed(int fd, const std::string& algorithm, std::string& digest
     return result;
 }
 
-// Calls `digestOpen(fd, digest)` with the regular file opened. `digest` is empty unless the result is 0.
+// Calls `digestOpen(fd, digest)` with the regular file opened, or with the image that the thread holds under
+// this path. `digest` is empty unless the result is 0.
 template <typename DigestOpen> int DigestFile(const std::string& path, std::string& digest, DigestOpen digestOpen) {
     std::string computed;
     const int result = WithoutThrowing([&] {
+        if (const ProcessImage* image = ProcessImage::At(path)) {
+            return lseek(image->GetFd(), 0, SEEK_SET) == 0 ? digestOpen(image->GetFd(), computed) : errno;
+        }
         FileDescriptor file;
         const int opened = OpenRegular(path, O_RDONLY, file);
         return opened == 0 ? digestOpen(file.Get(), computed) : opened;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <exception>
 #include <sstream>
@@ -16,9 +15,11 @@
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/ImagePath.h"
 #include "agent/sdk/WithoutThrowing.h"
 #include "sdk/PathUtils.h"
 #include "sdk/ProcStat.h"
+#include "sdk/ProcessImage.h"
 
 namespace SDK {
 
@@ -56,16 +57,6 @@ int ReadProcFile(const std::string& path, std::string& content, std::size_t maxB
         read.append(buffer.data(), static_cast<std::size_t>(count));
     }
     content = std::move(read);
-    return 0;
-}
-
-int ReadLink(const std::string& path, std::string& target) {
-    std::array<char, PATH_MAX> buffer; // NOLINT(*-member-init): readlink fills what is used
-    const ssize_t length = readlink(path.c_str(), buffer.data(), buffer.size());
-    if (length < 0) {
-        return errno;
-    }
-    target.assign(buffer.data(), static_cast<std::size_t>(length));
     return 0;
 }
 
@@ -163,6 +154,10 @@ bool RunsOwnProgram(int pid) {
 
 int ProcessUtils::GetProcessExePath(int pid, std::string& path) {
     return WithoutThrowing([&] {
+        if (const ProcessImage* held = ProcessImage::Of(pid)) {
+            path = held->GetPath();
+            return 0;
+        }
         const std::string link = ProcPath(pid, "exe");
         const int result = ReadLink(link, path);
         // Deep enough in nested folders a file has no path that fits; the link itself leads to it.

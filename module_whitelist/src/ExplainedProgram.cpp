@@ -15,6 +15,7 @@
 #include "framework/Scope.h"
 #include "sdk/PathUtils.h"
 #include "sdk/ProcStat.h"
+#include "sdk/ProcessImage.h"
 #include "sdk/ProcessUtils.h"
 #include "utils/ProcessUtils.h"
 #include "utils/Shebang.h"
@@ -86,6 +87,7 @@ std::string ExplainedProgram::FindProcess(int processId) {
     pid = processId;
     record.pid = pid;
     inScope = Framework::Scope::Contains(pid);
+    const SDK::ProcessImage held(pid);
     SDK::ProcessUtils::GetProcessExePath(pid, image);
     if (!image.empty()) {
         Examine();

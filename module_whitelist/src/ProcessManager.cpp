@@ -19,6 +19,7 @@
 #include <Poco/Format.h>
 
 #include "ConfigManager.h"
+#include "JudgedImage.h"
 #include "RowCopies.h"
 #include "framework/Engine.h"
 #include "framework/Message.h"
@@ -88,18 +89,34 @@ Poco::AutoPtr<ProcsFullTask> FindProcsFullTask() {
 // opened and looked at once.
 class ImageDigests {
 public:
-    // Empty for an image that cannot be read.
-    const std::string& Of(const std::string& path) {
+    // Empty for an image that cannot be read. An image that is held is looked at itself: another process may
+    // run another one under the same path.
+    std::string Of(const std::string& path) {
+        return SDK::ProcessImage::At(path) == nullptr ? OfFile(path) : Compute(path);
+    }
+
+private:
+    static std::string Compute(const std::string& path) {
+        std::string digest;
+        SDK::FileUtils::GetFileSha256(path, digest, MAX_FILE_BYTES);
+        return digest;
+    }
+
+    const std::string& OfFile(const std::string& path) {
         const auto [image, isNew] = mByPath.try_emplace(path);
         if (isNew) {
-            SDK::FileUtils::GetFileSha256(path, image->second, MAX_FILE_BYTES);
+            image->second = Compute(path);
         }
         return image->second;
     }
 
-private:
     std::unordered_map<std::string, std::string> mByPath;
 };
+
+// Only directory mode judges the processes that run already.
+std::optional<SDK::ProcessImage> HoldImageForRow(int pid) {
+    return ConfigManager::Instance()->GetDirMod() ? HoldJudgedImage(pid) : std::optional<SDK::ProcessImage>();
+}
 
 ProcessInfo RecordOf(const ProcsMessage::procInfo& process, ImageDigests& digests) {
     ProcessInfo info(process.pid);
@@ -638,6 +655,7 @@ bool ProcessManager::InitTrustProcess() {
     ImageDigests digests;
     for (const auto& [pid, process] : processes) {
         throttle.Check();
+        const auto image = HoldImageForRow(pid);
         ProcessInfo info = RecordOf(process, digests);
         if (!info.hash.empty()) {
             ConsiderRunningProcess(std::move(info));
@@ -717,6 +735,7 @@ bool ProcessManager::IsWhiteHash(const std::string& sha256, const std::string& p
 }
 
 bool ProcessManager::ProcessVerify(int pid) {
+    const auto image = HoldJudgedImage(pid);
     std::string path;
     SDK::ProcessUtils::GetProcessExePath(pid, path);
     if (FindUntrustedImage(pid, path)) {
@@ -948,6 +967,7 @@ void ProcessManager::ProcessManageWithDirMod(unsigned int kind, int pid, int ppi
 }
 
 bool ProcessManager::ProcessManageWithGlobalMod(int pid) {
+    const auto image = HoldJudgedImage(pid);
     ProcessInfo info(pid);
     if (SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0) {
         return false;
@@ -1024,6 +1044,7 @@ std::optional<Isolation> ProcessManager::HandToIsolateTask(const ProcessInfo& in
 }
 
 bool ProcessManager::OnProcessCreate(int pid) {
+    const auto image = HoldJudgedImage(pid);
     ProcessInfo info(pid);
     if (SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0) {
         return true;

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "ConfigManager.h"
+#include "JudgedImage.h"
 #include "ProcessManager.h"
 #include "framework/HandledEvent.h"
 #include "sdk/ModuleLog.h"
@@ -183,6 +184,7 @@ ProcessInfo* SpecifiedFileAudit::GetProcessInfo(int pid) {
     if (own != mProcesses.end()) {
         return &own->second;
     }
+    const auto image = HoldJudgedImage(pid);
     const ProcessInfo* known = ProcessManager::Instance()->GetProcessInfoFromIDDefinite(pid);
     if (known == nullptr) {
         moduleLog.Error("Can't Get Process info, by pass all opertaion");

@@ -47,7 +47,7 @@ public:
     // two digests must have used one limit for both. `digest` is cleared on failure.
     //
     // A file that has not changed since it was last asked for, as far as that can be known for certain, is
-    // not read again.
+    // not read again. The path of an image that the thread holds (ProcessImage) stands for that image.
     static int GetFileSha256(const std::string& path, std::string& digest, std::uint64_t maxBytes);
 
     // The same with an algorithm named as OpenSSL names it ("SHA256"); EINVAL if there is none such.

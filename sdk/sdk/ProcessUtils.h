@@ -21,9 +21,10 @@ public:
         std::uint32_t egid = 0; // effective
     };
 
-    // The target of /proc/PID/exe as the kernel gives it. An image that was deleted after the start
-    // keeps the kernel's suffix " (deleted)". Kernel threads have no image (ENOENT). One that lies so deep
-    // that its path does not fit (4,095 bytes) is named by the link itself, which leads to it.
+    // The target of /proc/PID/exe as the kernel gives it: the path in the process's own mount namespace. An
+    // image that was deleted or replaced after the start keeps the kernel's suffix " (deleted)", unless the
+    // calling thread holds it (ProcessImage). Kernel threads have no image (ENOENT). One that lies so deep that
+    // its path does not fit (4,095 bytes) is named by the link itself, which leads to it.
     static int GetProcessExePath(int pid, std::string& path);
 
     // /proc/PID/cmdline with its NULs turned into blanks and the last one dropped, cut after

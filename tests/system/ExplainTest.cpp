@@ -22,6 +22,8 @@ using TestSupport::ScopedProcess;
 
 namespace fs = std::filesystem;
 
+constexpr uid_t NOBODY = 65534;
+
 Json::Value Explain(Agent& agent, const std::string& target) {
     const Result result = agent.Ctl({"explain", target, "--json"});
     EXPECT_EQ(result.status, 0) << result.err;
@@ -175,15 +177,18 @@ TEST(ExplainTest, OfAScriptTheInterpreterIsJudged) {
 
 TEST(ExplainTest, WhatDetectionLetsGoIsSaidWithTheReason) {
     Agent agent;
-    const std::string known = agent.MakeProgram("known");
-    agent.MakeDetecting({.programs = {known}}, {});
-    const ScopedProcess deleted(agent.Scope().Path(), {known, "60"});
+    const std::string hidden = agent.MakeProgram("hidden");
+    fs::permissions(hidden, fs::perms(0711));
+    ASSERT_EQ(chown(hidden.c_str(), NOBODY, NOBODY), 0);
+    agent.SetLauncher({"/usr/bin/setpriv", "--bounding-set=-dac_override,-dac_read_search"});
+    agent.MakeDetecting();
+    const ScopedProcess unreadable(agent.Scope().Path(), {hidden, "60"});
     agent.DrainEvents();
-    fs::remove(known);
 
-    EXPECT_EQ(OutcomeOf(Explain(agent, deleted.Pid())), "let_go unreadable");
-    EXPECT_EQ(ReasonsOf(Explain(agent, deleted.Pid())), "not_asked not_asked not_asked not_asked");
-    EXPECT_THAT(agent.Ctl({"explain", std::to_string(deleted.Pid())}).out,
+    EXPECT_EQ(agent.AlertsOf(unreadable.Pid()).size(), 0U);
+    EXPECT_EQ(OutcomeOf(Explain(agent, unreadable.Pid())), "let_go unreadable");
+    EXPECT_EQ(ReasonsOf(Explain(agent, unreadable.Pid())), "not_asked not_asked not_asked not_asked");
+    EXPECT_THAT(agent.Ctl({"explain", std::to_string(unreadable.Pid())}).out,
                 HasSubstr("let go: its image cannot be read, and detection fails open\n"));
     const Json::Value outside = Explain(agent, getpid());
     EXPECT_EQ(OutcomeOf(outside), "not_judged out_of_scope");

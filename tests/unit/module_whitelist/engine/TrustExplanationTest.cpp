@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include <elf.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +20,20 @@ namespace EngineTest {
 namespace {
 
 using TestSupport::ForeignProcess;
+
+constexpr auto EXECUTABLE_ONLY = std::filesystem::perms(0711);
+
+// The thread has the rights to files of a user who owns none, as root has on a file system that refuses it.
+class WithoutFileRights {
+public:
+    WithoutFileRights() { setfsuid(OWNER_OF_NOTHING); }
+    ~WithoutFileRights() { setfsuid(0); }
+    WithoutFileRights(const WithoutFileRights&) = delete;
+    WithoutFileRights& operator=(const WithoutFileRights&) = delete;
+
+private:
+    static constexpr uid_t OWNER_OF_NOTHING = 65534;
+};
 
 class TrustExplanationTest : public TrustEngineTest {
 protected:
@@ -211,12 +226,23 @@ TEST_F(TrustExplanationTest, APrelinkedProgramWithoutItsOriginalIsLetGo) {
 
 TEST_F(TrustExplanationTest, AnImageThatCannotBeReadIsLetGo) {
     const ForeignProcess process({.words = {program, "1000"}});
-    std::filesystem::remove(program);
+    std::filesystem::permissions(program, EXECUTABLE_ONLY);
+    const WithoutFileRights refused;
     const Json::Value explanation = Explain(process.Pid());
     EXPECT_EQ(Outcome(explanation), "let_go");
     EXPECT_EQ(Reason(explanation), "unreadable");
-    EXPECT_EQ(explanation["image"], program + " (deleted)");
+    EXPECT_EQ(explanation["image"], program);
     EXPECT_TRUE(explanation["size"].isNull());
+}
+
+TEST_F(TrustExplanationTest, AnImageThatWasReplacedAfterItsStartIsExplainedByWhatRuns) {
+    const ForeignProcess process({.words = {program, "1000"}});
+    engine.UpdateLocalProcessInfo(Record(program, digest));
+    std::filesystem::rename(root.Write("other", "another file"), program);
+    const Json::Value explanation = Explain(process.Pid());
+    EXPECT_EQ(Outcome(explanation), "trusted");
+    EXPECT_EQ(explanation["image"], program);
+    EXPECT_EQ(explanation["digest"], digest);
 }
 
 TEST_F(TrustExplanationTest, TheAgentsOwnProcessesAreLetGo) {
@@ -348,8 +374,9 @@ TEST_F(DirectoryExplanationTest, WhatTheTableKnowsOfAProcessCounts) {
 
 TEST_F(DirectoryExplanationTest, AnImageThatCannotBeReadIsNotTrusted) {
     const ForeignProcess process({.words = {program, "1000"}});
-    engine.UpdateLocalProcessInfo(Record(program + " (deleted)", digest));
-    std::filesystem::remove(program);
+    engine.UpdateLocalProcessInfo(Record(program, digest));
+    std::filesystem::permissions(program, EXECUTABLE_ONLY);
+    const WithoutFileRights refused;
     const Json::Value explanation = Engine::ExplainProcess(process.Pid());
     EXPECT_EQ(Outcome(explanation), "untrusted");
     EXPECT_EQ(explanation["lists"][0]["reason"], "other_digest");

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <string>
+
+namespace SDK {
+
+// Holds open the image that a process runs, so that what is read is what runs.
+//
+// Between a process and the path of its image lies much that can change or differ: the image can be deleted
+// or replaced after the start, exist in memory only (memfd_create(2)), or be seen at that path in the process's
+// mount namespace alone, while another file lies there in the agent's. While a ProcessImage lives, on its
+// thread:
+//
+//     ProcessUtils::GetProcessExePath(pid)    gives the path of the held image, that of one which was deleted
+//                                             as it was before, and "/memfd:NAME" for one in memory
+//     FileUtils::GetFileSha256, GetFileHash   asked for that path, read the held image
+//
+// Nothing else changes; other paths and other threads mean what they always mean. Of several on one thread the
+// youngest counts; they end in reverse order, as the variables of a block do. Without effect when the process
+// is gone, has no image, or has one that may not be opened.
+//
+// Keeps its file system busy for as long as it lives.
+class ProcessImage {
+public:
+    explicit ProcessImage(int pid);
+    ~ProcessImage();
+    ProcessImage(const ProcessImage&) = delete;
+    ProcessImage& operator=(const ProcessImage&) = delete;
+
+    // The image that the calling thread holds of the process; null when it holds none.
+    static const ProcessImage* Of(int pid);
+
+    // The image that the calling thread holds and that bears this path; null when there is none.
+    static const ProcessImage* At(const std::string& path);
+
+    // As ProcessUtils::GetProcessExePath gives it.
+    const std::string& GetPath() const { return mPath; }
+
+    // Open for reading, at no particular place of the file.
+    int GetFd() const { return mFd; }
+
+private:
+    const int mPid;
+    const ProcessImage* const mOuter;
+    int mFd = -1;
+    std::string mPath;
+};
+
+} // namespace SDK
