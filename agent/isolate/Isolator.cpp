@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/ImagePath.h"
 #include "framework/HandledEvent.h"
 #include "framework/Scope.h"
 #include "sdk/ModuleLog.h"
@@ -117,21 +118,17 @@ const char* FindObjectionToProcess(int pid, bool hasImage) {
     return nullptr;
 }
 
-// Which file a process runs or a path leads to.
-struct FileIdentity {
-    dev_t device;
-    ino_t inode;
+// The file that a process runs.
+using Image = std::optional<struct stat>;
 
-    bool operator==(const FileIdentity& other) const = default;
-};
-
-std::optional<FileIdentity> GetImage(int pid) {
+Image GetImage(int pid) {
     const std::string link = "/proc/" + std::to_string(pid) + "/exe";
     struct stat image {};
-    if (stat(link.c_str(), &image) != 0) {
-        return std::nullopt;
-    }
-    return FileIdentity{image.st_dev, image.st_ino};
+    return stat(link.c_str(), &image) == 0 ? Image(image) : std::nullopt;
+}
+
+std::string LinkOf(const SDK::FileDescriptor& file) {
+    return "/proc/self/fd/" + std::to_string(file.Get());
 }
 
 bool Kill(int pid, const SDK::FileDescriptor& process) {
@@ -142,29 +139,42 @@ bool Kill(int pid, const SDK::FileDescriptor& process) {
     return false;
 }
 
+// Why the file that the path leads to is not the image's to change; null when it is.
+const char* FindObjectionToFile(const std::string& path, const SDK::FileDescriptor& file, const Image& image) {
+    struct stat found {};
+    if (fstat(file.Get(), &found) != 0 || !S_ISREG(found.st_mode)) {
+        return "it is no regular file";
+    }
+    if (!image || image->st_dev != found.st_dev || image->st_ino != found.st_ino) {
+        return "it is not the image that the process ran";
+    }
+    if (found.st_nlink > 1) {
+        return "it has other names, which may be trusted";
+    }
+    std::string ownPath;
+    if (SDK::ReadLink(LinkOf(file), ownPath) != 0 || ownPath != path) {
+        return "the path leads to it through a link";
+    }
+    return nullptr;
+}
+
 // The descriptor does not open the file itself (O_PATH), so nobody who watches opens is asked, the
 // agent's own watch on files included.
-bool MakeUnexecutable(const std::string& path, const std::optional<FileIdentity>& image) {
+bool MakeUnexecutable(const std::string& path, const Image& image) {
     const SDK::FileDescriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
     if (!file.IsOpen()) {
-        if (errno == ENOENT) {
+        if (errno == ENOENT && (!image || image->st_nlink == 0)) {
             return true;
         }
         moduleLog.Error("file [%s] was left as it is: %s", path, std::strerror(errno));
         return false;
     }
-    struct stat found {};
-    if (fstat(file.Get(), &found) != 0 || !S_ISREG(found.st_mode)) {
-        moduleLog.Error("file [%s] was left as it is: it is no regular file", path);
-        return false;
-    }
-    if (image != FileIdentity{found.st_dev, found.st_ino}) {
-        moduleLog.Error("file [%s] was left as it is: it is not the image that the process ran", path);
+    if (const char* objection = FindObjectionToFile(path, file, image)) {
+        moduleLog.Error("file [%s] was left as it is: %s", path, objection);
         return false;
     }
     // An O_PATH descriptor takes no fchmod; its link in /proc leads to the very same file.
-    const std::string link = "/proc/self/fd/" + std::to_string(file.Get());
-    if (chmod(link.c_str(), NOT_EXECUTABLE) != 0) {
+    if (chmod(LinkOf(file).c_str(), NOT_EXECUTABLE) != 0) {
         moduleLog.Error("the mode of file [%s] could not be changed: %s", path, std::strerror(errno));
         return false;
     }
@@ -190,7 +200,7 @@ IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, b
         moduleLog.Error("process [%d] [%s] could not be isolated: %s", pid, path, std::strerror(errno));
         return result;
     }
-    const std::optional<FileIdentity> image = GetImage(pid);
+    const Image image = GetImage(pid);
     if (const char* objection = FindObjectionToProcess(pid, image.has_value())) {
         return Refuse(pid, path, objection);
     }

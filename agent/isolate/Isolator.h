@@ -35,8 +35,13 @@ public:
     // Kills `pid` when `kill` is set, at once. Makes the regular file at `path` readable by its owner
     // only (0400) when `chmod` is set and that file is the image that the process runs; a path that
     // leads to anything else (it was replaced, means another file in the process's mount namespace, or
-    // is a script's) is left alone. A path that no longer leads anywhere counts as done: nothing is
-    // left there to start. A process that is refused keeps its file as it is.
+    // is a script's) is left alone. A path that no longer leads anywhere counts as done when the image
+    // has no name any more: nothing is left to start. A process that is refused keeps its file as it is.
+    //
+    // Also left alone is an image that may be a trusted program under another name, so that nobody has
+    // the agent take a program from the host by starting it from a path that is not trusted: one with
+    // further hard links, and one to which the path leads through a symbolic link. The kernel names an
+    // image without links, so in the agent's mount namespace the path is not the image's own then.
     //
     // One log record for a refusal and one for each act that failed. Any thread.
     static IsolationResult Isolate(int pid, const std::string& path, bool kill, bool chmod);

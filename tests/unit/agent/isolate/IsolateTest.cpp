@@ -253,8 +253,7 @@ TEST_F(IsolateTest, QuarantineIsNeverDoneButTheRestIs) {
 TEST_F(IsolateTest, ADeletedImageLeavesNothingToChange) {
     ChildProcess child = StartImage();
     ASSERT_EQ(unlink(mImage.c_str()), 0);
-    // As the kernel's link names the image of a process from then on.
-    const Request answer = Isolate(child.Pid(), mImage + " (deleted)");
+    const Request answer = Isolate(child.Pid(), mImage);
     EXPECT_TRUE(answer.result);
     EXPECT_TRUE(answer.kill);
     EXPECT_TRUE(answer.chmod);
@@ -285,6 +284,37 @@ TEST_F(IsolateTest, APathThatLeadsElsewhereThroughALinkIsLeftAsItIs) {
     EXPECT_TRUE(answer.kill);
     EXPECT_FALSE(answer.chmod);
     EXPECT_EQ(ModeOf(mDir / "other"), 0755u);
+}
+
+TEST_F(IsolateTest, AnImageThatWasMovedAwayIsNotDone) {
+    ChildProcess child = StartImage();
+    std::filesystem::rename(mImage, mDir / "moved");
+    const Request answer = Isolate(child.Pid(), mImage);
+    EXPECT_TRUE(answer.kill);
+    EXPECT_FALSE(answer.chmod);
+    EXPECT_EQ(ModeOf(mDir / "moved"), 0755u);
+}
+
+TEST_F(IsolateTest, AnImageToWhichThePathLeadsThroughALinkIsLeftAsItIs) {
+    ChildProcess child = StartImage();
+    std::filesystem::create_symlink(mImage, mDir / "link");
+    std::filesystem::create_directory_symlink(mDir.Path(), mDir / "folder");
+    EXPECT_FALSE(Isolate(child.Pid(), mDir / "link", {.kill = false}).chmod);
+    EXPECT_FALSE(Isolate(child.Pid(), mDir / "folder" + mImage.substr(mDir.Path().size()), {.kill = false}).chmod);
+    EXPECT_EQ(ModeOf(mImage), 0755u);
+}
+
+TEST_F(IsolateTest, AnImageWithAnotherNameIsLeftAsItIs) {
+    ChildProcess child = StartImage();
+    std::filesystem::create_hard_link(mImage, mDir / "trusted");
+    LogRecorder log;
+    const Request answer = Isolate(child.Pid(), mImage);
+    EXPECT_TRUE(answer.kill);
+    EXPECT_FALSE(answer.chmod);
+    ExpectKilled(child);
+    EXPECT_EQ(ModeOf(mDir / "trusted"), 0755u);
+    EXPECT_TRUE(log.Has(Message::PRIO_ERROR,
+                        "file [" + mImage + "] was left as it is: it has other names, which may be trusted"));
 }
 
 TEST_F(IsolateTest, AFolderIsLeftAsItIs) {
