@@ -251,5 +251,19 @@ TEST_F(ImageEvasion, AProgramThatEndsBeforeItCanBeLookedAtIsSeenButNotNamed) {
     }
 }
 
+TEST_F(ImageEvasion, AProgramThatExecutesATrustedOneBeforeItCanBeLookedAtIsTakenForThat) {
+    const std::string wrapper = agent.Work() / "wrapper";
+    fs::copy_file("/usr/bin/env", wrapper);
+    Detect();
+    const ChildProcess process = [&] {
+        const PausedDaemon paused(agent);
+        ChildProcess started = Start({wrapper, known, FOR_A_MINUTE});
+        EXPECT_TRUE(
+            WaitFor([&] { return fs::read_symlink("/proc/" + std::to_string(started.Pid()) + "/exe") == known; }));
+        return started;
+    }();
+    ExpectLetGo(process);
+}
+
 } // namespace
 } // namespace SystemTest
