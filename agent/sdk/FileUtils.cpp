@@ -195,11 +195,12 @@ int DigestContentTimed(int fd, const std::string& algorithm, std::string& digest
 template <typename DigestOpen> int DigestFile(const std::string& path, std::string& digest, DigestOpen digestOpen) {
     std::string computed;
     const int result = WithoutThrowing([&] {
-        if (const ProcessImage* image = ProcessImage::At(path)) {
+        const ProcessImage* const image = ProcessImage::At(path);
+        if (image != nullptr && image->GetFd() >= 0) {
             return lseek(image->GetFd(), 0, SEEK_SET) == 0 ? digestOpen(image->GetFd(), computed) : errno;
         }
         FileDescriptor file;
-        const int opened = OpenRegular(path, O_RDONLY, file);
+        const int opened = OpenRegular(image != nullptr ? image->GetLink() : path, O_RDONLY, file);
         return opened == 0 ? digestOpen(file.Get(), computed) : opened;
     });
     digest.swap(computed);

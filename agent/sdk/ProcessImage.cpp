@@ -1,7 +1,5 @@
 #include "sdk/ProcessImage.h"
 
-#include <cerrno>
-
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -20,12 +18,9 @@ thread_local const ProcessImage* youngest = nullptr;
 // The path is read from the descriptor, not from the process again: that one may run something else by now.
 ProcessImage::ProcessImage(int pid) : mPid(pid), mOuter(youngest) {
     WithoutThrowing([&] {
-        const std::string link = "/proc/" + std::to_string(pid) + "/exe";
-        FileDescriptor file(open(link.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-        if (!file.IsOpen()) {
-            return errno;
-        }
-        const int result = ReadImagePath("/proc/self/fd/" + std::to_string(file.Get()), mPath);
+        mLink = "/proc/" + std::to_string(pid) + "/exe";
+        FileDescriptor file(open(mLink.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        const int result = ReadImagePath(file.IsOpen() ? "/proc/self/fd/" + std::to_string(file.Get()) : mLink, mPath);
         if (result == 0) {
             mFd = file.Release();
         }
@@ -42,11 +37,11 @@ ProcessImage::~ProcessImage() {
 }
 
 const ProcessImage* ProcessImage::Of(int pid) {
-    return youngest != nullptr && youngest->mFd >= 0 && youngest->mPid == pid ? youngest : nullptr;
+    return youngest != nullptr && !youngest->mPath.empty() && youngest->mPid == pid ? youngest : nullptr;
 }
 
 const ProcessImage* ProcessImage::At(const std::string& path) {
-    return youngest != nullptr && youngest->mFd >= 0 && youngest->mPath == path ? youngest : nullptr;
+    return youngest != nullptr && !youngest->mPath.empty() && youngest->mPath == path ? youngest : nullptr;
 }
 
 } // namespace SDK

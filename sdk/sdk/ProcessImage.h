@@ -17,7 +17,8 @@ namespace SDK {
 //
 // Nothing else changes; other paths and other threads mean what they always mean. Of several on one thread the
 // youngest counts; they end in reverse order, as the variables of a block do. Without effect when the process
-// is gone, has no image, or has one that may not be opened.
+// is gone or has no image. Of an image that cannot be opened the path is held, and asking for its digest fails: what
+// lies at the path is not taken for it.
 //
 // Keeps its file system busy for as long as it lives.
 class ProcessImage {
@@ -36,14 +37,18 @@ public:
     // As ProcessUtils::GetProcessExePath gives it.
     const std::string& GetPath() const { return mPath; }
 
-    // Open for reading, at no particular place of the file.
+    // Open for reading, at no particular place of the file; -1 when it could not be opened.
     int GetFd() const { return mFd; }
+
+    // Leads to what the process runs now.
+    const std::string& GetLink() const { return mLink; }
 
 private:
     const int mPid;
     const ProcessImage* const mOuter;
+    std::string mLink;
     int mFd = -1;
-    std::string mPath;
+    std::string mPath; // empty when there is nothing to hold
 };
 
 } // namespace SDK

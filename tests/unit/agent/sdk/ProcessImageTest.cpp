@@ -6,6 +6,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
 #include <unistd.h>
 
 #include "sdk/FileUtils.h"
@@ -107,6 +108,27 @@ TEST_F(ProcessImageTest, AProcessThatIsGoneHasNone) {
     const ProcessImage image(pid);
     EXPECT_EQ(PathOf(pid), "");
     EXPECT_EQ(DigestAt(path), otherDigest);
+}
+
+TEST_F(ProcessImageTest, WhatLiesAtThePathIsNotTakenForAnImageThatCannotBeOpened) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can take rights from itself for a while";
+    }
+    const std::string hidden = dir / "hidden";
+    std::filesystem::copy_file(std::filesystem::canonical("/bin/sleep"), hidden);
+    std::filesystem::permissions(hidden, std::filesystem::perms(0711));
+    std::filesystem::permissions(dir.Path(), std::filesystem::perms(0755));
+    const ChildProcess other = Start(hidden);
+    std::filesystem::rename(dir.Write("readable", "another file"), hidden);
+    constexpr uid_t OWNER_OF_NOTHING = 65534;
+    setfsuid(OWNER_OF_NOTHING);
+    {
+        const ProcessImage image(other.Pid());
+        EXPECT_EQ(PathOf(other.Pid()), hidden);
+        EXPECT_EQ(DigestAt(hidden), "");
+    }
+    EXPECT_EQ(DigestAt(hidden), otherDigest);
+    setfsuid(0);
 }
 
 TEST_F(ProcessImageTest, AnImageThatIsCalledLikeADeletedOneKeepsItsName) {
