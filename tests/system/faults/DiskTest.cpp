@@ -56,6 +56,9 @@ public:
 
     std::string Path() const { return mDir / "mount"; }
 
+    // What the test wrote itself is on the disk.
+    void Sync() const { Do("sync --file-system " + Path()); }
+
     // As after an error of the device: mount(8), ext4(5), "abort".
     void Fail() const { Do("mount -o remount,abort " + Path()); }
 
@@ -308,9 +311,12 @@ TEST_F(Disk, WhenTheDiskFailsAtWorkItJudgesOnTellsItAndTheNextStartHasAllThatSto
     }
     const FailingDisk disk;
     MoveTo(disk.Path(), {"conf", "data", "log"});
-    agent.MakeDetecting();
-    StartUnknown();
-    ExpectAlerts();
+    agent.WriteLearned({});
+    disk.Sync();
+    agent.Start();
+    agent.ApplyAndWatch({});
+    EXPECT_EQ(agent.Ctl({"detect", "start"}).status, 0);
+    StartUntil([&] { return !agent.Alerts().empty(); });
     const std::vector<Json::Value> alerts = agent.Alerts();
     const std::string list = agent.Root().Read("conf/whitelist.data");
     disk.Fail();

@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "agent/sdk/ReplacingFile.h"
 #include "sdk/FileUtils.h"
 #include "support/ChildProcess.h"
 #include "support/TempRoot.h"
@@ -290,6 +291,39 @@ TEST(AppendToFile, WhatIsNoFileIsRefusedAndNeverWaitedFor) {
     EXPECT_EQ(FileUtils::WriteFile(dir.Path(), "text", true), EISDIR);
     EXPECT_EQ(FileUtils::WriteFile(MakeFifo(dir), "text", true), EINVAL);
     EXPECT_EQ(FileUtils::WriteFile(dir / "missing/file", "text", true), ENOENT);
+}
+
+TEST(KeepAs, TheFileStaysUnderTheOtherNameWhenItIsReplaced) {
+    const TempDir dir;
+    const std::string path = dir.Write("file", "old");
+    dir.Write("kept", "older");
+    EXPECT_EQ(FileUtils::KeepAs(path, dir / "kept"), 0);
+    // Once more changes nothing.
+    EXPECT_EQ(FileUtils::KeepAs(path, dir / "kept"), 0);
+    EXPECT_EQ(FileUtils::WriteFile(path, "new", false), 0);
+    EXPECT_EQ(dir.Read("file"), "new");
+    EXPECT_EQ(dir.Read("kept"), "old");
+    EXPECT_EQ(CountEntries(dir.Path()), 2);
+}
+
+TEST(KeepAs, AMissingFileIsENOENTAndWhatIsKeptStays) {
+    const TempDir dir;
+    dir.Write("kept", "older");
+    EXPECT_EQ(FileUtils::KeepAs(dir / "file", dir / "kept"), ENOENT);
+    EXPECT_EQ(dir.Read("kept"), "older");
+    EXPECT_EQ(CountEntries(dir.Path()), 1);
+}
+
+TEST(RemoveLeftovers, DeletesTheTemporaryFilesOfReplacingAndNothingElse) {
+    const TempDir dir;
+    dir.Write(".corvalent-abc123", "half a file");
+    dir.Write(".corvalent-abc1234", "another's");
+    dir.Write("corvalent-abc123", "another's");
+    std::filesystem::create_directory(dir / ".corvalent-folder");
+    SDK::ReplacingFile::RemoveLeftovers(dir.Path());
+    EXPECT_EQ(dir.Read(".corvalent-abc123"), "<missing>");
+    EXPECT_EQ(CountEntries(dir.Path()), 3);
+    SDK::ReplacingFile::RemoveLeftovers(dir / "missing");
 }
 
 TEST(RemoveFile, DeletesFilesAndLinks) {

@@ -21,7 +21,9 @@
 #include "sdk/ModuleLog.h"
 #include "sdk/StrUtils.h"
 #include "support/LogRecorder.h"
+#include "support/TempMount.h"
 #include "support/TempRoot.h"
+#include "support/WaitFor.h"
 
 using Poco::Message;
 using SDK::LoggerUtils;
@@ -479,4 +481,40 @@ TEST(ModuleLog, CarriesPlaceAndTextOfTheRecord) {
     EXPECT_EQ(records[0].text, "a b 1 2 3");
     EXPECT_EQ(records[0].file, "LogSetupTest.cpp");
     EXPECT_EQ(records[0].line, line);
+}
+
+TEST(LogFile, ThatCannotBeWrittenForAWhileSaysAfterwardsWhatIsMissing) {
+    if (const std::string reason = TestSupport::WhyNoMount(); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const TestSupport::TempMount disk("64k");
+    const std::string path = disk / "agent.log";
+    Poco::AutoPtr<Poco::Channel> channel = SDK::MakeFileChannel(path, 1U << 20U, 1);
+    const std::uint64_t lostBefore = SDK::CountLostRecords();
+    const auto log = [&](const std::string& text) {
+        channel->log(MakeMessage("test", text + std::string(5000, 'x'), Message::PRIO_INFORMATION));
+    };
+    log("first ");
+    disk.Fill();
+    StandardError errors;
+    while (SDK::CountLostRecords() < lostBefore + 3) {
+        log("lost ");
+    }
+    const std::string said = errors.Take();
+    EXPECT_EQ(Lines(said).size(), 1U) << said;
+    EXPECT_NE(said.find("[" + path + "] cannot be written"), std::string::npos) << said;
+    disk.MakeRoom();
+
+    ASSERT_TRUE(TestSupport::WaitFor([&] {
+        log("again ");
+        return disk.Read("agent.log").find("records are missing here") != std::string::npos;
+    }));
+
+    const std::string text = disk.Read("agent.log");
+    const std::uint64_t lost = SDK::CountLostRecords() - lostBefore;
+    EXPECT_NE(text.find(" " + std::to_string(lost) + " records are missing here"), std::string::npos);
+    EXPECT_NE(text.find(" first "), std::string::npos);
+    for (const std::string& line : Lines(text)) {
+        EXPECT_TRUE(line.empty() || line.starts_with("20")) << "not a record's beginning: " << line.substr(0, 40);
+    }
 }
