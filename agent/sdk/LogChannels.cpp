@@ -102,7 +102,8 @@ std::atomic<std::uint64_t> lostRecords{0};
 //     closed   ->  records are counted; once in RETRY_INTERVAL the file is opened again, and says first how
 //                  many are missing
 //
-// Poco's own channel keeps a stream that has failed once, and writes nothing for the rest of its life.
+// Poco's own channel tells nobody, and writes what is left of a lost record when it opens the file anew; closed at
+// once, it forgets that.
 class PersistentFileChannel : public Poco::Channel {
 public:
     PersistentFileChannel(const std::string& path, std::uint64_t maxBytes, int files)

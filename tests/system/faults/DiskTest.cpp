@@ -340,6 +340,30 @@ TEST_F(Disk, WhenTheDiskFailsAtWorkItJudgesOnTellsItAndTheNextStartHasAllThatSto
     ExpectWholeStateFiles(agent.Root());
 }
 
+// The files that stood on it were copied to another disk, which took its place.
+TEST_F(Disk, WhenTheDiskOfDataFailsAtWorkAndIsReplacedTheReportsAreStoredOnTheOther) {
+    if (const std::string reason = FailingDisk::WhyNot(); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const FailingDisk disk;
+    const TempMount other;
+    MoveTo(disk.Path(), {"data"});
+    agent.MakeDetecting();
+    StartUnknown();
+    ExpectAlerts();
+    disk.Fail();
+    StartUntil([&] { return Counter("reports.write_errors") > 0; });
+
+    fs::copy(disk.Path() + "/data", other / "data");
+    fs::remove(agent.Root() / "data");
+    fs::create_directory_symlink(other / "data", agent.Root() / "data");
+
+    ExpectAlerts();
+    EXPECT_EQ(agent.CountInLog(CANNOT_STORE_REPORTS), 1);
+    EXPECT_EQ(agent.CountInLog(CAN_STORE_REPORTS), 1);
+    agent.Stop();
+}
+
 TEST_F(Disk, ALogThatCannotBeWrittenAtTheStartIsSaidInOneLineWithItsStatus) {
     const TempMount& disk = Move({"log"}, "1m");
     disk.SetReadOnly(true);
