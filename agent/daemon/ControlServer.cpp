@@ -37,9 +37,8 @@ enum HttpStatus : int {
 // are left for those who only ask.
 constexpr std::size_t THREADS = 8;
 
-// How long a peer may stay silent within a request. Peers are local; this also bounds how long a
-// stopped one can hold up the daemon's end.
-constexpr time_t SILENCE_SECONDS = 1;
+// How long a peer may wait with its request.
+constexpr time_t IDLE_SECONDS = 1;
 
 void Answer(httplib::Response& response, const Json::Value& value) {
     response.set_content(SDK::JsonUtils::JsonToString(value) + "\n", "application/json");
@@ -235,7 +234,8 @@ struct ControlServer::Http {
     std::string socketPath;
 };
 
-ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& deliveries, const Status& status)
+ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& deliveries, const Status& status,
+                             std::chrono::milliseconds silence)
     : mHttp(std::make_unique<Http>()) {
     using httplib::Request;
     using httplib::Response;
@@ -243,9 +243,9 @@ ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& delive
     server.set_address_family(AF_UNIX);
     server.set_payload_max_length(MAX_BODY_BYTES);
     server.set_keep_alive_max_count(1);
-    server.set_keep_alive_timeout(SILENCE_SECONDS);
-    server.set_read_timeout(SILENCE_SECONDS);
-    server.set_write_timeout(SILENCE_SECONDS);
+    server.set_keep_alive_timeout(IDLE_SECONDS);
+    server.set_read_timeout(silence);
+    server.set_write_timeout(SILENCE);
     server.new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
 
     server.Get("/status", [&status](const Request&, Response& response) { Answer(response, status.Collect()); });

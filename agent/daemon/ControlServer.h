@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -33,8 +34,13 @@ public:
     // Trust and preset documents may be tens of megabytes.
     static constexpr std::size_t MAX_BODY_BYTES = 64U << 20U;
 
-    // All three outlive this.
-    ControlServer(const Framework::Engine& engine, Deliveries& deliveries, const Status& status);
+    // How long a peer may stay silent within a request. Peers are local; this also bounds how long a
+    // stopped one can hold up the daemon's end.
+    static constexpr std::chrono::milliseconds SILENCE{1000};
+
+    // The first three outlive this.
+    ControlServer(const Framework::Engine& engine, Deliveries& deliveries, const Status& status,
+                  std::chrono::milliseconds silence = SILENCE);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;

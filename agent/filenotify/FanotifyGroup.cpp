@@ -3,13 +3,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include <fcntl.h>
 #include <sys/fanotify.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include "agent/filenotify/FanotifyEvents.h"
 
 namespace Engine {
 
@@ -130,7 +134,7 @@ int FanotifyGroup::Read(std::size_t waiting, Batch& batch) const {
 
 // Adds what one read gives, while so many events wait.
 int FanotifyGroup::ReadOnce(std::size_t events, Batch& batch) const {
-    alignas(fanotify_event_metadata) std::array<char, MAX_BATCH * sizeof(fanotify_event_metadata)> buffer;
+    std::array<std::byte, MAX_BATCH * sizeof(fanotify_event_metadata)> buffer; // NOLINT(*-member-init): read fills it
     const ssize_t length = SDK::ReadRetrying(mFd.Get(), buffer.data(), events * sizeof(fanotify_event_metadata));
     if (length < 0) {
         if (!IsAboutOneFile(errno)) {
@@ -139,14 +143,12 @@ int FanotifyGroup::ReadOnce(std::size_t events, Batch& batch) const {
         ++batch.unreadable;
         return 0;
     }
-    const auto* event = reinterpret_cast<const fanotify_event_metadata*>(buffer.data());
-    for (ssize_t left = length; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
-        if (event->vers != FANOTIFY_METADATA_VERSION) {
-            return EPROTO;
-        }
-        TakeEvent(*event, batch);
+    FanotifyEvents taken(std::span<const std::byte>(buffer).first(static_cast<std::size_t>(length)));
+    fanotify_event_metadata event{};
+    while (taken.Next(event)) {
+        TakeEvent(event, batch);
     }
-    return 0;
+    return taken.IsAtEnd() ? 0 : EPROTO;
 }
 
 } // namespace Engine

@@ -108,6 +108,9 @@ std::optional<BadJsonToken> FindBadJsonToken(const char* text, std::size_t lengt
             }
             continue;
         }
+        if (c == '/') {
+            return bad("a comment");
+        }
         scanner.Skip();
         if (c == '"' && !scanner.TakeString()) {
             return bad(scanner.AtEnd() ? "a string without its closing quote" : "a control character in a string");

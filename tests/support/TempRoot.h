@@ -14,12 +14,11 @@ namespace TestSupport {
 // A directory of the test's own, removed with all it holds.
 class TempDir {
 public:
-    TempDir() {
-        char name[] = "/tmp/corvalent-test-XXXXXX";
-        if (mkdtemp(name) == nullptr) {
+    // In the folder `parent`.
+    explicit TempDir(const std::string& parent = "/tmp") : mPath(parent + "/corvalent-test-XXXXXX") {
+        if (mkdtemp(mPath.data()) == nullptr) {
             throw std::runtime_error("mkdtemp failed");
         }
-        mPath = name;
     }
     ~TempDir() {
         std::error_code ignored;
@@ -61,7 +60,7 @@ private:
 // installation path leads to it.
 class TempRoot : public TempDir {
 public:
-    TempRoot() {
+    explicit TempRoot(const std::string& parent = "/tmp") : TempDir(parent) {
         for (const char* folder : {"conf", "data", "log", "run"}) {
             std::filesystem::create_directory(Path() + "/" + folder);
         }

@@ -46,6 +46,8 @@ TEST(ParseJson, RefusesComments) {
     EXPECT_FALSE(IsAccepted("{} // end"));
     EXPECT_FALSE(IsAccepted("/* begin */ {}"));
     EXPECT_FALSE(IsAccepted("{\"a\": /* one */ 1}"));
+    EXPECT_FALSE(IsAccepted("[1 /* behind the last element */]"));
+    EXPECT_TRUE(IsAccepted("[\"/* no comment */\"]"));
 }
 
 TEST(ParseJson, RefusesTrailingText) {
