@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Everything that must hold before a change is taken in: installs what is needed, builds in build/, checks
-# the sources, runs the tests under the sanitizers (in build-address/ and build-thread/), the fuzzers for a minute each
-# (FUZZ_SECONDS) and then every test as shipped. Ends with the summary of the tests; the exit status is 0 only when every one of them ran and
-# passed.
+# the sources, runs the tests under the sanitizers (in build-address/ and build-thread/), the fuzzers (in
+# build-fuzz/, for FUZZ_SECONDS each, a minute unless told otherwise) and then every test as shipped. Ends with
+# the summary of the tests; the exit status is 0 only when every one of them ran and passed.
 . "$(dirname "$0")/lib/common.sh"
 . scripts/lib/suite.sh
 
