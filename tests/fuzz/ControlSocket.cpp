@@ -1,6 +1,7 @@
 // The daemon's socket: a peer sends any bytes and falls silent. The engine behind it has the real whitelist module and
 // the real history of reports, so a request that happens to be a policy or a command is carried out.
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -73,12 +74,21 @@ SDK::FileDescriptor Connect(const std::string& path) {
     return peer;
 }
 
+// A signal interrupts poll(2): the fuzzer has an alarm.
+bool AwaitBytes(int peer) {
+    pollfd readable{peer, POLLIN, 0};
+    int ready = 0;
+    do {
+        ready = poll(&readable, 1, ANSWER_DEADLINE_MS);
+    } while (ready < 0 && errno == EINTR);
+    return ready == 1;
+}
+
 std::string ReadAnswer(int peer) {
     std::string answer;
     char buffer[65536];
     for (;;) {
-        pollfd readable{peer, POLLIN, 0};
-        Fuzz::Require(poll(&readable, 1, ANSWER_DEADLINE_MS) == 1, "the server answers or hangs up in time");
+        Fuzz::Require(AwaitBytes(peer), "the server answers or hangs up in time");
         const ssize_t count = SDK::ReadRetrying(peer, buffer, sizeof buffer);
         if (count <= 0) {
             return answer;
