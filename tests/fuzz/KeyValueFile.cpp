@@ -137,32 +137,32 @@ void CheckTypedReaders(const std::string& path, const std::vector<Entry>& entrie
     }
 }
 
-// The new lines are the old ones, in their order, with the entry in the place of one or added, ahead of which
-// a header may have been added, too.
-void RequireOthersKept(const Lines& before, const Lines& after, const Write& write) {
+// The text that a write makes of a file: the old lines, in their order, with the entry in the place of one, at
+// the end of its section or, with a header ahead of it, at the end of the file.
+std::string Expect(const std::string& before, const Write& write) {
     const std::string entry = write.key + "=" + write.value;
-    const auto [old, fresh] = std::mismatch(before.begin(), before.end(), after.begin(), after.end());
-    const Lines oldRest(old, before.end());
-    const Lines freshRest(fresh, after.end());
-    const auto isRest = [&](const Lines& added, std::size_t dropped) {
-        Lines expected = added;
-        expected.insert(expected.end(), oldRest.begin() + static_cast<std::ptrdiff_t>(dropped), oldRest.end());
-        return freshRest == expected;
+    const auto isKey = [&](const std::string& line) {
+        const std::size_t equals = line.find('=');
+        return line[0] != '#' && equals != std::string::npos && Trim(line.substr(0, equals)) == write.key;
     };
-    const bool kept = isRest({}, 0) || isRest({entry}, 0) || (!oldRest.empty() && isRest({entry}, 1)) ||
-                      isRest({"[" + write.section + "]", entry}, 0);
-    Fuzz::Require(kept, "every line but the entry's is kept");
-}
-
-// The lines that a write finds: none in an empty file.
-Lines LinesForWriter(const std::string& text) {
-    return text.empty() ? Lines{} : ToLines(text);
-}
-
-// The text ends each line, also an empty one behind the last line feed.
-Lines LinesOfWriter(const std::string& text) {
-    Fuzz::Require(!text.empty() && text.back() == '\n', "every line that is written is ended");
-    return ToLines(text.substr(0, text.size() - 1));
+    Lines lines = before.empty() ? Lines{} : ToLines(before);
+    const auto header = std::find(lines.begin(), lines.end(), "[" + write.section + "]");
+    if (header == lines.end()) {
+        lines.insert(lines.end(), {"[" + write.section + "]", entry});
+    } else {
+        const auto end = std::find_if(header + 1, lines.end(), [](const auto& line) { return line[0] == '['; });
+        const auto old = std::find_if(header + 1, end, isKey);
+        if (old != end) {
+            *old = entry;
+        } else {
+            lines.insert(end, entry);
+        }
+    }
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text;
 }
 
 void DoWrite(const TestSupport::TempDir& folder, const std::string& path, const Write& write) {
@@ -170,13 +170,13 @@ void DoWrite(const TestSupport::TempDir& folder, const std::string& path, const 
     Fuzz::Require(
         utils::config::set_config_str(path.c_str(), write.section.c_str(), write.key.c_str(), write.value.c_str()),
         "a small file can be written");
+    const std::string after = folder.Read("file");
+    Fuzz::Require(after == Expect(before, write), "every line but the entry's is kept", after);
     if (!IsPlain(write)) {
         return;
     }
-    const Lines linesBefore = LinesForWriter(before);
-    RequireOthersKept(linesBefore, LinesOfWriter(folder.Read("file")), write);
     RequireEntries(path, ReadAll(before), &write);
-    if (!IsHiddenFromReaders(linesBefore, write.section)) {
+    if (!IsHiddenFromReaders(ToLines(before), write.section)) {
         Fuzz::Require(Get(path, write.section, write.key) == write.value, "a read gives what was written",
                       write.section + "/" + write.key + "=" + write.value);
     }
