@@ -105,19 +105,35 @@ void RequirePossible(const Settings& settings) {
     Fuzz::Require(settings.dirs.size() <= 100 && settings.exts.size() <= 100, "there are 100 rules of a kind at most");
     Fuzz::Require(settings.dirMod || !settings.mountMod, "mounts are watched in directory mode only");
     Fuzz::Require(!settings.dirMod || !settings.autoDetect, "in directory mode detection waits for the server");
-    if (!settings.dirMod) {
-        return;
+}
+
+bool IsDirectoryRule(const std::string& dir) {
+    return !dir.empty() && dir.size() <= 4095 && std::filesystem::is_directory(dir.c_str());
+}
+
+bool IsExtensionRule(const std::string& extension) {
+    return !extension.empty() && extension.size() <= 19 && std::all_of(extension.begin(), extension.end(), [](char c) {
+        return c > 0x1F && std::string("/\"*|<>.").find(c) == std::string::npos;
+    });
+}
+
+// The rules under a key that can be used.
+template <typename IsRule>
+std::vector<std::string> ReadRules(const Json::Value& content, const char* key, const IsRule& isRule) {
+    std::vector<std::string> rules;
+    for (const Json::Value& rule : content[key]) {
+        if (rule.isString() && isRule(rule.asString())) {
+            rules.push_back(rule.asString());
+        }
     }
-    for (const std::string& dir : settings.dirs) {
-        Fuzz::Require(!dir.empty() && dir.size() <= 4095 && std::filesystem::is_directory(dir.c_str()),
-                      "a directory rule names a directory", dir);
-    }
-    for (const std::string& extension : settings.exts) {
-        const bool allowed = std::all_of(extension.begin(), extension.end(), [](char c) {
-            return c > 0x1F && std::string("/\"*|<>.").find(c) == std::string::npos;
-        });
-        Fuzz::Require(!extension.empty() && extension.size() <= 19 && allowed, "an extension is one", extension);
-    }
+    return rules;
+}
+
+void RequireRulesSaid(const Settings& settings, const Json::Value& content) {
+    const std::vector<std::string> extensions = ReadRules(content, "exts", IsExtensionRule);
+    Fuzz::Require(settings.dirs == ReadRules(content, "dirs", IsDirectoryRule), "the directories are those said");
+    Fuzz::Require(settings.exts == std::set<std::string>(extensions.begin(), extensions.end()),
+                  "the extensions are those said");
 }
 
 void RequireExpanded(const Settings& settings) {
@@ -196,6 +212,9 @@ bool CheckSettings(const std::string& text, const Json::Value& content) {
     RequirePossible(settings);
     RequireExpanded(settings);
     RequireSettingsSaid(settings, content);
+    if (settings.dirMod) {
+        RequireRulesSaid(settings, content);
+    }
     const bool hasLearned = settings.learnPeriod <= 10080;
     Fuzz::Require(config.GetMod() == (hasLearned ? Engine::MOD_DETECT : Engine::MOD_LEARN),
                   "the mode follows from the period");
