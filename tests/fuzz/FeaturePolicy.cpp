@@ -108,12 +108,13 @@ void RequirePossible(const Settings& settings) {
 }
 
 bool IsDirectoryRule(const std::string& dir) {
-    return !dir.empty() && dir.size() <= 4095 && std::filesystem::is_directory(dir.c_str());
+    std::error_code ignored;
+    return !dir.empty() && dir.size() <= 4095 && std::filesystem::is_directory(dir.c_str(), ignored);
 }
 
 bool IsExtensionRule(const std::string& extension) {
     return !extension.empty() && extension.size() <= 19 && std::all_of(extension.begin(), extension.end(), [](char c) {
-        return c > 0x1F && std::string("/\"*|<>.").find(c) == std::string::npos;
+        return static_cast<signed char>(c) > 0x1F && std::string("/\"*|<>.").find(c) == std::string::npos;
     });
 }
 
