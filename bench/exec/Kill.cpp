@@ -1,11 +1,5 @@
-#include <array>
 #include <csignal>
 #include <functional>
-#include <stdexcept>
-#include <thread>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "exec/BareLoop.h"
 #include "exec/Figures.h"
@@ -29,35 +23,6 @@ struct Victim {
 double ToUs(std::chrono::nanoseconds time) {
     return static_cast<double>(time.count()) / 1000;
 }
-
-// A second thread that kills what it is told to: reading and judging are two threads in whatever is not to
-// lose events, and a thread that is woken takes its time.
-class Killer {
-public:
-    Killer() {
-        if (pipe2(mPipe.data(), O_CLOEXEC) != 0) {
-            throw std::runtime_error("no pipe");
-        }
-        mThread = std::thread([this] {
-            for (int pid = 0; read(mPipe[0], &pid, sizeof pid) == sizeof pid;) {
-                kill(pid, SIGKILL);
-            }
-        });
-    }
-    ~Killer() {
-        close(mPipe[1]);
-        mThread.join();
-        close(mPipe[0]);
-    }
-    Killer(const Killer&) = delete;
-    Killer& operator=(const Killer&) = delete;
-
-    void Tell(int pid) const { static_cast<void>(write(mPipe[1], &pid, sizeof pid) < 0); }
-
-private:
-    std::array<int, 2> mPipe{};
-    std::thread mThread;
-};
 
 class KillFigure {
 public:
@@ -88,7 +53,7 @@ private:
     }
 
     void MeasureTwoThreads() {
-        const Killer killer;
+        const SecondThread killer([](int pid) { kill(pid, SIGKILL); });
         RunBeside([&](int pid) { killer.Tell(pid); }, mTwoThreads);
     }
 

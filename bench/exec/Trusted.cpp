@@ -1,7 +1,11 @@
+#include <array>
 #include <functional>
 #include <memory>
 #include <thread>
 
+#include <unistd.h>
+
+#include "exec/BareLoop.h"
 #include "exec/Fapolicyd.h"
 #include "exec/Figures.h"
 #include "exec/Starter.h"
@@ -66,6 +70,21 @@ void MeasureProduct(const std::vector<Program>& programs) {
     }
 }
 
+// The least that a watcher costs who is told of all three kinds of event and judges on a second thread: it
+// receives them, hands the execs over, and asks which image runs. It is in this process, whose other thread
+// waits.
+void MeasureBareLoop(const Program& program) {
+    const TestSupport::TempCgroup cgroup;
+    const SecondThread judge([](int pid) {
+        std::array<char, 4096> image{};
+        const std::string link = "/proc/" + std::to_string(pid) + "/exe";
+        static_cast<void>(readlink(link.c_str(), image.data(), image.size()) < 0);
+    });
+    const BareLoop reader([&](int pid, std::uint64_t) { judge.Tell(pid); }, BareLoop::Kinds::ForksExecsAndExits);
+    const Row row = MeasureRow(cgroup.Path(), program.path, [] { return ReadCpuNs(getpid()); });
+    ReportRow(program.name, "bare loop, three kinds, two threads", row, false);
+}
+
 void MeasurePeer(const std::string& integrity, const std::vector<Program>& programs) {
     const TestSupport::TempCgroup cgroup;
     const Fapolicyd peer(integrity, {programs[0].path, programs[1].path});
@@ -83,6 +102,11 @@ void MeasureTrusted(unsigned int round) {
         [&] {
             for (const Program& program : programs) {
                 MeasureWithout(program);
+            }
+        },
+        [&] {
+            for (const Program& program : programs) {
+                MeasureBareLoop(program);
             }
         },
         [&] { MeasureProduct(programs); },
