@@ -60,14 +60,8 @@ std::size_t DigestCache::KeyHash::operator()(const Key& key) const {
                                     (key.device << 32U) ^ key.maxBytes);
 }
 
-// What the file is known by; `reliable` says whether its file system can be believed. False when the file
-// cannot be asked.
-bool DigestCache::Identify(int fd, std::uint64_t maxBytes, Key& key, bool& reliable) {
-    struct stat info {};
-    struct statfs system {};
-    if (fstat(fd, &info) != 0 || fstatfs(fd, &system) != 0) {
-        return false;
-    }
+DigestCache::Key DigestCache::MakeKey(const struct stat& info, const struct statfs& system, std::uint64_t maxBytes) {
+    Key key;
     static_assert(sizeof(system.f_fsid) == sizeof(key.fileSystem));
     std::memcpy(&key.fileSystem, &system.f_fsid, sizeof(key.fileSystem));
     key.device = info.st_dev;
@@ -76,6 +70,18 @@ bool DigestCache::Identify(int fd, std::uint64_t maxBytes, Key& key, bool& relia
     key.mtimeNs = ToNs(info.st_mtim);
     key.ctimeNs = ToNs(info.st_ctim);
     key.maxBytes = maxBytes;
+    return key;
+}
+
+// What the file is known by; `reliable` says whether its file system can be believed. False when the file
+// cannot be asked.
+bool DigestCache::Identify(int fd, std::uint64_t maxBytes, Key& key, bool& reliable) {
+    struct stat info {};
+    struct statfs system {};
+    if (fstat(fd, &info) != 0 || fstatfs(fd, &system) != 0) {
+        return false;
+    }
+    key = MakeKey(info, system, maxBytes);
     reliable = IsKernelFileSystem(system);
     return true;
 }
@@ -102,15 +108,35 @@ bool DigestCache::IsSettled(const Key& key) {
     return key.ctimeNs <= now - SETTLE_TIME_NS;
 }
 
+// With mMutex held: true, and counted as a hit, when the digest is remembered.
+bool DigestCache::Recall(const Key& key, std::string& digest) {
+    const auto found = mByKey.find(key);
+    if (found == mByKey.end()) {
+        return false;
+    }
+    mEntries.splice(mEntries.begin(), mEntries, found->second);
+    digest = found->second->digest;
+    ++mFigures.hits;
+    return true;
+}
+
+// Only digests of regular files are remembered, so that nothing else is found.
+bool DigestCache::Find(const std::string& path, std::uint64_t maxBytes, std::string& digest) {
+    struct stat info {};
+    struct statfs system {};
+    if (stat(path.c_str(), &info) != 0 || statfs(path.c_str(), &system) != 0) {
+        return false;
+    }
+    const Key key = MakeKey(info, system, maxBytes);
+    const std::lock_guard guard(mMutex);
+    return Recall(key, digest);
+}
+
 DigestCache::Lookup DigestCache::FindOrClaim(const Key& key, std::string& digest) {
     std::unique_lock lock(mMutex);
     const bool waits = mUnderWay.count(key) != 0;
     mConcluded.wait(lock, [&] { return mUnderWay.count(key) == 0; });
-    const auto found = mByKey.find(key);
-    if (found != mByKey.end()) {
-        mEntries.splice(mEntries.begin(), mEntries, found->second);
-        digest = found->second->digest;
-        ++mFigures.hits;
+    if (Recall(key, digest)) {
         return Lookup::Found;
     }
     ++mFigures.misses;

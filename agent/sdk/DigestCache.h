@@ -10,6 +10,9 @@
 #include <string>
 #include <unordered_map>
 
+#include <sys/stat.h>
+#include <sys/statfs.h>
+
 #include "sdk/FileUtils.h"
 
 namespace SDK {
@@ -78,6 +81,10 @@ public:
     // memory or by `compute`, whose result it returns. `digest` is untouched on failure.
     int Get(int fd, std::uint64_t maxBytes, const Compute& compute, std::string& digest);
 
+    // The same of the file that `path` leads to, from memory only and without opening it. False when it is not
+    // remembered.
+    bool Find(const std::string& path, std::uint64_t maxBytes, std::string& digest);
+
     DigestFigures GetFigures() const;
 
 private:
@@ -102,6 +109,7 @@ private:
     };
     using Entries = std::list<Entry>;
 
+    static Key MakeKey(const struct stat& info, const struct statfs& system, std::uint64_t maxBytes);
     static bool Identify(int fd, std::uint64_t maxBytes, Key& key, bool& reliable);
     static bool HasNoWriters(int fd);
     bool IsSettled(const Key& key);
@@ -113,6 +121,7 @@ private:
                  // the moment of its reading only, which may lie before the call. It computes for itself.
     };
 
+    bool Recall(const Key& key, std::string& digest);
     Lookup FindOrClaim(const Key& key, std::string& digest);
     void CountRefused();
     void Conclude(const Key& key, const std::string* digest) noexcept;

@@ -247,6 +247,12 @@ int FileUtils::GetFileSize(const std::string& path, std::int64_t& size) {
 }
 
 int FileUtils::GetFileSha256(const std::string& path, std::string& digest, std::uint64_t maxBytes) {
+    std::string known;
+    const auto recall = [&] { return DigestCache::Instance().Find(path, maxBytes, known) ? 0 : ENOENT; };
+    if (WithoutThrowing(recall) == 0) {
+        digest.swap(known);
+        return 0;
+    }
     return DigestFile(path, digest, [&](int fd, std::string& computed) {
         return DigestCache::Instance().Get(
             fd, maxBytes,

@@ -11,12 +11,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "agent/sdk/DigestCache.h"
 #include "agent/sdk/FileDescriptor.h"
+#include "sdk/FileUtils.h"
 #include "support/TempRoot.h"
 #include "support/WaitFor.h"
 
@@ -89,6 +91,41 @@ TEST_F(DigestCacheTest, AFileThatHasNotChangedIsReadOnce) {
     EXPECT_EQ(cache.GetFigures().hits, 2U);
     EXPECT_EQ(cache.GetFigures().misses, 1U);
     EXPECT_EQ(cache.GetFigures().refused, 0U);
+}
+
+TEST_F(DigestCacheTest, ByItsPathOnlyWhatIsRememberedIsFound) {
+    const std::string path = dir.Write("file", "content");
+    std::string digest = "untouched";
+    EXPECT_FALSE(cache.Find(path, LIMIT, digest));
+    Ask(path);
+    EXPECT_FALSE(cache.Find(path, LIMIT - 1, digest));
+    EXPECT_FALSE(cache.Find(path + ".not", LIMIT, digest));
+    EXPECT_EQ(digest, "untouched");
+    EXPECT_TRUE(cache.Find(path, LIMIT, digest));
+    EXPECT_EQ(digest, "content");
+    AwaitNextTick(path);
+    dir.Write("file", "CONTENT");
+    EXPECT_FALSE(cache.Find(path, LIMIT, digest));
+    EXPECT_EQ(computations, 1);
+    EXPECT_EQ(cache.GetFigures().hits, 1u);
+}
+
+// This program's own file has not changed for a while.
+TEST_F(DigestCacheTest, AFileWhoseDigestIsRememberedIsNotOpened) {
+    const std::string path = std::filesystem::read_symlink("/proc/self/exe");
+    const std::uint64_t refusedBefore = SDK::FileUtils::GetDigestFigures().refused;
+    std::string first;
+    ASSERT_EQ(SDK::FileUtils::GetFileSha256(path, first, LIMIT), 0);
+    if (SDK::FileUtils::GetDigestFigures().refused != refusedBefore) {
+        GTEST_SKIP() << "no digest is remembered of files on this file system";
+    }
+    const FileDescriptor watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(inotify_add_watch(watch.Get(), path.c_str(), IN_OPEN), 0);
+    std::string second;
+    ASSERT_EQ(SDK::FileUtils::GetFileSha256(path, second, LIMIT), 0);
+    EXPECT_EQ(second, first);
+    std::array<char, 4096> events{};
+    EXPECT_EQ(read(watch.Get(), events.data(), events.size()), -1) << "it was opened";
 }
 
 TEST_F(DigestCacheTest, AnotherNameOfTheSameFileIsAHitOnceTheLinkIsKnown) {
