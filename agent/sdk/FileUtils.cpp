@@ -210,6 +210,13 @@ template <typename DigestOpen> int DigestFile(const std::string& path, std::stri
     return result;
 }
 
+// ENOENT unless the digest is remembered of what lies at the path. That need not be the image which the thread holds
+// under it.
+int RecallDigest(const std::string& path, std::uint64_t maxBytes, std::string& digest) {
+    const bool isHeld = ProcessImage::At(path) != nullptr;
+    return !isHeld && DigestCache::Instance().Find(path, maxBytes, digest) ? 0 : ENOENT;
+}
+
 } // namespace
 
 int FileUtils::ReadFile(const std::string& path, std::string& content, std::uint64_t maxBytes) {
@@ -248,8 +255,7 @@ int FileUtils::GetFileSize(const std::string& path, std::int64_t& size) {
 
 int FileUtils::GetFileSha256(const std::string& path, std::string& digest, std::uint64_t maxBytes) {
     std::string known;
-    const auto recall = [&] { return DigestCache::Instance().Find(path, maxBytes, known) ? 0 : ENOENT; };
-    if (WithoutThrowing(recall) == 0) {
+    if (WithoutThrowing([&] { return RecallDigest(path, maxBytes, known); }) == 0) {
         digest.swap(known);
         return 0;
     }

@@ -78,6 +78,18 @@ TEST_F(ProcessImageTest, WhileItIsHeldItsPathStandsForTheImage) {
     EXPECT_EQ(DigestAt(path), otherDigest);
 }
 
+TEST_F(ProcessImageTest, ARememberedDigestOfWhatLiesAtThePathIsNotTakenForThatOfTheImage) {
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink("/bin/ls", path);
+    otherDigest = DigestAt(path);
+    const std::uint64_t hits = FileUtils::GetDigestFigures().hits;
+    ASSERT_EQ(DigestAt(path), otherDigest);
+    ASSERT_EQ(FileUtils::GetDigestFigures().hits, hits + 1);
+
+    const ProcessImage image(child->Pid());
+    EXPECT_EQ(DigestAt(path), imageDigest);
+}
+
 TEST_F(ProcessImageTest, ItOutlivesTheProcess) {
     const int pid = child->Pid();
     const ProcessImage image(pid);
