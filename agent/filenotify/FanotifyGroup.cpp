@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "agent/filenotify/FanotifyEvents.h"
+#include "sdk/Shortage.h"
 
 namespace Engine {
 
@@ -40,6 +41,7 @@ void TakeEvent(const fanotify_event_metadata& event, FanotifyGroup::Batch& batch
     if ((event.mask & FAN_Q_OVERFLOW) != 0) {
         ++batch.overflows;
     } else if (!file.IsOpen()) {
+        SDK::Shortage::Note(-event.fd);
         ++batch.unreadable;
     } else {
         batch.accesses.push_back({event.mask, event.pid, std::move(file)});
@@ -140,6 +142,7 @@ int FanotifyGroup::ReadOnce(std::size_t events, Batch& batch) const {
         if (!IsAboutOneFile(errno)) {
             return errno;
         }
+        SDK::Shortage::Note(errno);
         ++batch.unreadable;
         return 0;
     }

@@ -20,6 +20,7 @@
 #include "sdk/JsonUtils.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/RwLock.h"
+#include "sdk/Shortage.h"
 #include "sdk/TimeUtils.h"
 
 namespace Framework {
@@ -351,6 +352,7 @@ Json::Value Engine::CollectStatus() const {
     counters["digest.hit"] = Json::UInt64(digests.hits);
     counters["digest.miss"] = Json::UInt64(digests.misses);
     counters["digest.refused"] = Json::UInt64(digests.refused);
+    counters["resources.short"] = Json::UInt64(SDK::Shortage::Count());
     counters["log.lost"] = Json::UInt64(SDK::CountLostRecords());
     Json::Value status(Json::objectValue);
     status["tasks"] = tasks;

@@ -5,6 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "sdk/Shortage.h"
+
 namespace Framework {
 
 namespace {
@@ -17,7 +19,7 @@ thread_local const HandledEvent* handled = nullptr;
 HandledEvent::HandledEvent(std::uint64_t timestampNs, int pid) : mOuter(handled), mTimestampNs(timestampNs), mPid(pid) {
     if (mPid > 0) {
         mPidfd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
-        mError = mPidfd < 0 ? errno : 0;
+        mError = mPidfd < 0 ? SDK::Shortage::Note(errno) : 0;
     }
     handled = this;
 }

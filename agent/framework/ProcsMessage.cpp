@@ -1,11 +1,14 @@
 #include "modules/ProcsMessage.h"
 
+#include <cerrno>
+#include <new>
 #include <utility>
 
 #include "framework/Counters.h"
 #include "framework/HandledEvent.h"
 #include "modules/AbstractMessageReceiver.h"
 #include "sdk/Histogram.h"
+#include "sdk/Shortage.h"
 #include "sdk/TimeUtils.h"
 
 namespace Engine {
@@ -26,8 +29,9 @@ void CountJudged(unsigned int kind, std::uint64_t timestampNs) {
 } // namespace
 
 ProcsMessage::ProcsMessage(int pid, unsigned int kind, std::shared_ptr<procInfo> info, StillDue stillDue,
-                           std::uint64_t timestampNs)
-    : mPid(pid), mKind(kind), mInfo(std::move(info)), mStillDue(std::move(stillDue)), mTimestampNs(timestampNs) {}
+                           std::uint64_t timestampNs, Starved starved)
+    : mPid(pid), mKind(kind), mInfo(std::move(info)), mStillDue(std::move(stillDue)), mTimestampNs(timestampNs),
+      mStarved(std::move(starved)) {}
 
 void ProcsMessage::DeliverTo(AbstractMessageReceiver& receiver) const {
     static Framework::Counter& folded = Framework::Counters::Of("events.folded");
@@ -35,13 +39,34 @@ void ProcsMessage::DeliverTo(AbstractMessageReceiver& receiver) const {
         folded.Add();
         return;
     }
-    {
-        // Of an exit nobody acts on a process.
-        const Framework::HandledEvent handled(mTimestampNs, mKind == KIND_EXIT ? 0 : mPid);
+    if (mKind == KIND_EXIT) {
+        // Nobody acts on a process that has ended.
+        const Framework::HandledEvent handled(mTimestampNs);
         receiver.ProcsMessageAction(mPid, mKind, mInfo);
-    }
-    if (mKind == KIND_EXEC || mKind == KIND_FORK) {
+    } else if (HandTo(receiver)) {
         CountJudged(mKind, mTimestampNs);
+    } else {
+        Starve();
+    }
+}
+
+// False when there was not enough of everything to look at the process.
+bool ProcsMessage::HandTo(AbstractMessageReceiver& receiver) const {
+    const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
+    try {
+        const Framework::HandledEvent handled(mTimestampNs, mPid);
+        receiver.ProcsMessageAction(mPid, mKind, mInfo);
+    } catch (const std::bad_alloc&) {
+        SDK::Shortage::Note(ENOMEM);
+    }
+    return SDK::Shortage::CountOfThread() == shortagesBefore;
+}
+
+void ProcsMessage::Starve() const {
+    static Framework::Counter& starved = Framework::Counters::Of("events.starved");
+    starved.Add();
+    if (mStarved) {
+        mStarved();
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <string_view>
@@ -14,6 +15,7 @@
 
 #include "agent/sdk/FileDescriptor.h"
 #include "sdk/RwLock.h"
+#include "sdk/Shortage.h"
 
 namespace Framework {
 
@@ -57,7 +59,11 @@ std::optional<std::string_view> ReadCgroups(int pid, std::array<char, MAX_CGROUP
     std::array<char, 32> path{};
     std::snprintf(path.data(), path.size(), "/proc/%d/cgroup", pid);
     const SDK::FileDescriptor file(open(path.data(), O_RDONLY | O_CLOEXEC));
-    const ssize_t size = file.IsOpen() ? SDK::ReadRetrying(file.Get(), buffer.data(), buffer.size()) : -1;
+    if (!file.IsOpen()) {
+        SDK::Shortage::Note(errno);
+        return std::nullopt;
+    }
+    const ssize_t size = SDK::ReadRetrying(file.Get(), buffer.data(), buffer.size());
     if (size <= 0) {
         return std::nullopt;
     }

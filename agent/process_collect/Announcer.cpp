@@ -1,6 +1,7 @@
 #include "agent/process_collect/Announcer.h"
 
 #include <algorithm>
+#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -35,10 +36,10 @@ bool HasRoom(const Framework::Task& task) {
 
 } // namespace
 
-Announcer::Announcer()
-    : mLost(Framework::Counters::Of("events.lost")), mFolded(Framework::Counters::Of("events.folded")),
-      mRescans(Framework::Counters::Of("events.rescan")), mRescued(Framework::Counters::Of("events.rescued")),
-      mSubscribed(Framework::Counters::Of("events.subscribed")) {}
+Announcer::Announcer(std::function<void()> wake)
+    : mStarved(std::make_shared<Starved>(std::move(wake))), mLost(Framework::Counters::Of("events.lost")),
+      mFolded(Framework::Counters::Of("events.folded")), mRescans(Framework::Counters::Of("events.rescan")),
+      mRescued(Framework::Counters::Of("events.rescued")), mSubscribed(Framework::Counters::Of("events.subscribed")) {}
 
 void Announcer::Fill() {
     for (const int pid : ListPids()) {
@@ -106,6 +107,9 @@ void Announcer::OnFork(const ProcEvent& event) {
         }
         if (stat.HasExecuted()) {
             mFolded.Add();
+            // Known to be in scope, should it be gone when the exec is read; not as what it executes, should the exec
+            // be lost.
+            Record(event.pid, stat).startStack = 0;
             return;
         }
     }
@@ -167,12 +171,43 @@ void Announcer::Rescan() {
     moduleLog.Information("compared with /proc after a loss of process events: %d processes had been missed", rescued);
 }
 
-void Announcer::Settle() {
+bool Announcer::Settle() {
     const SDK::WriteGuard guard(mLock);
+    const bool starved = TakeStarved();
     for (auto& [name, subscriber] : mSubscribers) {
         SettleWith(name, subscriber);
     }
     UpdateDebts();
+    return starved;
+}
+
+// What a subscriber could not judge it is owed again. True when there was any.
+bool Announcer::TakeStarved() {
+    const std::vector<Starved::One> ones = mStarved->Take();
+    for (const Starved::One& one : ones) {
+        const auto subscriber = mSubscribers.find(one.subscriber);
+        const auto known = mTable.find(one.pid);
+        if (subscriber != mSubscribers.end() && known != mTable.end() && known->second.sequence == one.sequence) {
+            subscriber->second.owed.insert(one.pid);
+        }
+    }
+    return !ones.empty();
+}
+
+void Announcer::Starved::Add(One one) {
+    {
+        const std::lock_guard<std::mutex> guard(mMutex);
+        mOnes.push_back(std::move(one));
+    }
+    if (!mAny.exchange(true, std::memory_order_acq_rel)) {
+        mWake();
+    }
+}
+
+std::vector<Announcer::Starved::One> Announcer::Starved::Take() {
+    const std::lock_guard<std::mutex> guard(mMutex);
+    mAny.store(false, std::memory_order_release);
+    return std::exchange(mOnes, {});
 }
 
 Announcer::Entry& Announcer::Record(int pid, const SDK::ProcStat& stat) {
@@ -244,6 +279,11 @@ bool Announcer::IsAnother(const Entry& entry, const SDK::ProcStat& stat) {
     return entry.startTime != 0 && entry.startTime != stat.startTime;
 }
 
+// Whether the entry's process is not there any more, going by what reading its state gave.
+bool Announcer::HasDeparted(const Entry& entry, int error, const SDK::ProcStat& stat) {
+    return error == 0 ? stat.HasEnded() || IsAnother(entry, stat) : SDK::ProcStat::IsGone(error);
+}
+
 // Announces the exit of every process in the table that does not run any more.
 void Announcer::EndDeparted() {
     std::vector<int> pids;
@@ -257,8 +297,8 @@ void Announcer::EndDeparted() {
         const SDK::WriteGuard guard(mLock);
         const auto known = mTable.find(pid);
         SDK::ProcStat stat;
-        const bool runs = SDK::ProcStat::Read(pid, stat) == 0 && !stat.HasEnded();
-        if (known != mTable.end() && (!runs || IsAnother(known->second, stat))) {
+        const int error = SDK::ProcStat::Read(pid, stat);
+        if (known != mTable.end() && HasDeparted(known->second, error, stat)) {
             AnnounceExit(pid);
         }
     }
@@ -278,12 +318,15 @@ void Announcer::SettleWith(const std::string& name, Subscriber& subscriber) {
     }
 }
 
-// False when the queue has filled up again.
+// False when the queue has filled up again, or the process cannot be looked at just now.
 bool Announcer::SettleOne(const std::string& name, Subscriber& subscriber, int pid) {
     const auto known = mTable.find(pid);
     SDK::ProcStat stat;
-    if (known == mTable.end() || SDK::ProcStat::Read(pid, stat) != 0 || stat.HasEnded()) {
+    if (known == mTable.end()) {
         return true;
+    }
+    if (const int error = SDK::ProcStat::Read(pid, stat); error != 0 || stat.HasEnded()) {
+        return error == 0 || SDK::ProcStat::IsGone(error);
     }
     // A number of its own: should the instance end before it takes this out of its queue, the next one
     // is owed it. Another subscriber that is between two instances just then is told twice, which is
@@ -310,7 +353,7 @@ Announcer::Delivery Announcer::Post(const std::string& name, Subscriber& subscri
     if (!task) {
         return Delivery::NotRunning;
     }
-    std::shared_ptr<Framework::Message> message = MakeMessage(subscriber, event);
+    std::shared_ptr<Framework::Message> message = MakeMessage(name, subscriber, event);
     const bool wakes = event.kind == ProcsMessage::KIND_EXEC;
     if (!(wakes ? task->EnqueueMsg(message) : task->EnqueueMsgQuietly(message))) {
         return Delivery::QueueFull;
@@ -320,7 +363,8 @@ Announcer::Delivery Announcer::Post(const std::string& name, Subscriber& subscri
 }
 
 // On its way out of the queue the message notes that it was handled.
-std::shared_ptr<Framework::Message> Announcer::MakeMessage(const Subscriber& subscriber, const ProcEvent& event) {
+std::shared_ptr<Framework::Message> Announcer::MakeMessage(const std::string& name, const Subscriber& subscriber,
+                                                           const ProcEvent& event) {
     std::shared_ptr<ProcsMessage::procInfo> info;
     std::uint64_t startTime = 0;
     if (event.kind != ProcsMessage::KIND_EXIT) {
@@ -334,8 +378,9 @@ std::shared_ptr<Framework::Message> Announcer::MakeMessage(const Subscriber& sub
         handled->store(sequence, std::memory_order_release);
         return kind != ProcsMessage::KIND_FORK || IsForkStillDue(pid, startTime);
     };
+    auto starved = [all = mStarved, one = Starved::One{name, event.pid, mSequence}] { all->Add(one); };
     return std::make_shared<ProcsMessage>(event.pid, event.kind, std::move(info), std::move(stillDue),
-                                          event.timestampNs);
+                                          event.timestampNs, std::move(starved));
 }
 
 Poco::AutoPtr<Framework::Task> Announcer::FindRunning(const std::string& name, std::uint64_t instance) {

@@ -2,11 +2,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <Poco/AutoPtr.h>
@@ -29,8 +32,9 @@ namespace Engine {
 //
 //   settled   it was there before the subscriber's first subscription, or its latest begin (fork or
 //             exec) lies in or has passed through the queue of the subscriber's present instance
-//   owed      its begin was refused by a full queue, or came while no instance of the subscriber ran;
-//             it is in `owed`, or its sequence number is above what the last instance had handled
+//   owed      its begin was refused by a full queue, or came while no instance of the subscriber ran, or could
+//             not be judged for want of descriptors or memory; it is in `owed`, or its sequence number is above
+//             what the last instance had handled
 //
 // What is owed is made good as kind 1: by Settle when the queue has room again, and by Subscribe, before
 // anything else, when a new instance comes.
@@ -45,7 +49,9 @@ namespace Engine {
 // read for one process, never for longer.
 class Announcer {
 public:
-    Announcer();
+    // `wake` is called, on any thread and also after this is gone, when Settle has something to do that it had not
+    // before.
+    explicit Announcer(std::function<void()> wake = [] {});
     Announcer(const Announcer&) = delete;
     Announcer& operator=(const Announcer&) = delete;
 
@@ -63,7 +69,8 @@ public:
     void OnExec(const ProcEvent& event, int forkedBy);
 
     // A fork in scope that no exec has followed in time. When the child's exec is on its way
-    // nevertheless, the fork counts as folded and nobody is told. Kernel threads are nobody's business.
+    // nevertheless, the fork counts as folded and nobody is told, but the child is in the table. Kernel threads are
+    // nobody's business.
     void OnFork(const ProcEvent& event);
 
     // Wakes those who have been told of something quietly.
@@ -82,11 +89,12 @@ public:
     // is gone is announced as kind 3.
     void Rescan();
 
-    // Tells subscribers what they are owed, as far as their queues have room.
-    void Settle();
+    // Tells subscribers what they are owed, as far as their queues have room. True when some of it is what they
+    // could not judge for want of descriptors or memory: they may well not be able to now.
+    bool Settle();
 
     // True when something is owed to an instance that runs. Any thread, takes no lock.
-    bool HasDebts() const { return mDebts.load(std::memory_order_acquire); }
+    bool HasDebts() const { return mDebts.load(std::memory_order_acquire) || mStarved->HasAny(); }
 
 private:
     struct Entry {
@@ -113,6 +121,28 @@ private:
         bool Wants(unsigned int kind) const { return (kinds >> kind & 1U) != 0; }
     };
 
+    // Begins that were handled under a shortage (SDK::Shortage), until Settle makes them owed. The messages share it
+    // with the Announcer, which they may outlive.
+    class Starved {
+    public:
+        struct One {
+            std::string subscriber;
+            int pid;
+            std::uint64_t sequence; // of the announcement
+        };
+
+        explicit Starved(std::function<void()> wake) : mWake(std::move(wake)) {}
+        void Add(One one);
+        std::vector<One> Take();
+        bool HasAny() const { return mAny.load(std::memory_order_acquire); }
+
+    private:
+        const std::function<void()> mWake;
+        std::mutex mMutex;
+        std::vector<One> mOnes; // under mMutex
+        std::atomic<bool> mAny{false};
+    };
+
     enum class Delivery {
         Done,
         QueueFull,
@@ -125,14 +155,18 @@ private:
     void AnnounceBegin(const ProcEvent& begin, Entry& entry) REQUIRES(mLock);
     void AnnounceExit(int pid) REQUIRES(mLock);
     void EndDeparted() EXCLUDES(mLock);
+    bool TakeStarved() REQUIRES(mLock);
     void SettleWith(const std::string& name, Subscriber& subscriber) REQUIRES(mLock);
     bool SettleOne(const std::string& name, Subscriber& subscriber, int pid) REQUIRES(mLock);
     void UpdateDebts() REQUIRES(mLock);
     Delivery Post(const std::string& name, Subscriber& subscriber, const ProcEvent& event) REQUIRES(mLock);
-    std::shared_ptr<Framework::Message> MakeMessage(const Subscriber& subscriber, const ProcEvent& event)
-        REQUIRES(mLock);
+    std::shared_ptr<Framework::Message> MakeMessage(const std::string& name, const Subscriber& subscriber,
+                                                    const ProcEvent& event) REQUIRES(mLock);
     static bool IsAnother(const Entry& entry, const SDK::ProcStat& stat);
+    static bool HasDeparted(const Entry& entry, int error, const SDK::ProcStat& stat);
     static Poco::AutoPtr<Framework::Task> FindRunning(const std::string& name, std::uint64_t instance);
+
+    const std::shared_ptr<Starved> mStarved;
 
     Framework::Counter& mLost;
     Framework::Counter& mFolded;

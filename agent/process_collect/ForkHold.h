@@ -34,6 +34,8 @@ public:
     // The held fork of that child, which is held no longer; nothing when there is none.
     std::optional<ProcEvent> Take(int child);
 
+    bool Holds(int child) const { return mByChild.count(child) != 0; }
+
     // All forks whose time is over, oldest first. They are held no longer.
     std::vector<ProcEvent> TakeDue(Clock::time_point now);
 

@@ -1,5 +1,6 @@
 #include "agent/process_collect/ProcessList.h"
 
+#include <cerrno>
 #include <charconv>
 #include <memory>
 #include <string_view>
@@ -7,11 +8,16 @@
 
 #include <dirent.h>
 
+#include "sdk/Shortage.h"
+
 namespace Engine {
 
 std::vector<int> ListPids() {
     std::vector<int> pids;
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir("/proc"), closedir);
+    if (!listing) {
+        SDK::Shortage::Note(errno);
+    }
     while (const dirent* entry = listing ? readdir(listing.get()) : nullptr) {
         const std::string_view name = entry->d_name;
         const char* const end = name.data() + name.size();

@@ -10,10 +10,12 @@
 
 #include <pthread.h>
 
+#include "framework/Engine.h"
 #include "framework/Scope.h"
 #include "modules/ProcsMessage.h"
 #include "modules/ProcsRegistMessage.h"
 #include "sdk/ModuleLog.h"
+#include "sdk/Shortage.h"
 
 namespace Engine {
 
@@ -38,11 +40,8 @@ constexpr std::chrono::seconds LOSS_LOG_INTERVAL{1};
 // How long the reader waits after an error that it cannot explain, so as not to spin on it.
 constexpr std::chrono::milliseconds ERROR_PAUSE{100};
 
-// A child that is gone already was where its parent is.
-bool IsForkInScope(const ProcEvent& fork) {
-    const std::optional<bool> inScope = Framework::Scope::Ask(fork.pid);
-    return inScope ? *inScope : Framework::Scope::Contains(fork.parentPid);
-}
+// The same while there is a want of descriptors or memory, which looking again and again makes no better.
+constexpr std::chrono::milliseconds SHORTAGE_INTERVAL{1000};
 
 // New programs are looked at when none has started for so long, or when there are so many.
 constexpr int DESCRIPTION_PAUSE_MS = 5;
@@ -50,6 +49,14 @@ constexpr std::ptrdiff_t MAX_UNDESCRIBED = 256;
 
 // Makes the task's thread look at what is due.
 class CatchUpMessage : public Framework::Message {};
+
+// From a thread that may not know whether the task still is.
+void WakeRunningTask() {
+    if (Poco::AutoPtr<Framework::Task> task = Framework::Engine::FindTask(ProcsRealTask::NAME)) {
+        std::shared_ptr<Framework::Message> message = std::make_shared<CatchUpMessage>();
+        task->EnqueueMsg(message);
+    }
+}
 
 // Runs `body` on a thread of its own from construction on; on the way out `stop` makes it return.
 class ScopedThread {
@@ -72,14 +79,16 @@ private:
 
 ProcsRealTask::ProcsRealTask(std::unique_ptr<ProcConnector> connector)
     : Framework::Task(NAME, "process_collect", Framework::TaskCondition::TaskType::Thread, QUEUE_CAPACITY),
-      mConnector(std::move(connector)), mExecs(Framework::Counters::Of("events.exec")),
+      mConnector(std::move(connector)), mAnnouncer(WakeRunningTask), mExecs(Framework::Counters::Of("events.exec")),
       mForkCount(Framework::Counters::Of("events.fork")), mExits(Framework::Counters::Of("events.exit")),
       mLost(Framework::Counters::Of("events.lost")), mFolded(Framework::Counters::Of("events.folded")),
       mOverflows(Framework::Counters::Of("events.overflow")), mGarbled(Framework::Counters::Of("events.garbled")) {}
 
 int ProcsRealTask::Run() {
     // The connector listens already, so a process is in /proc now or its events are still to come.
+    const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
     mAnnouncer.Fill();
+    mRescanDue.store(SDK::Shortage::CountOfThread() != shortagesBefore);
     const ScopedThread reader([this] { ReadUntilStopped(); },
                               [this] {
                                   mStopping.store(true);
@@ -118,14 +127,24 @@ int ProcsRealTask::CatchUp() {
     }
     const auto now = Clock::now();
     if (now >= mNextCatchUp) {
-        mNextCatchUp = now + CATCH_UP_INTERVAL;
-        if (mRescanDue.exchange(false)) {
-            mAnnouncer.Rescan();
-        }
-        mAnnouncer.Settle();
+        mNextCatchUp = now + (CatchUpNow() ? CATCH_UP_INTERVAL : SHORTAGE_INTERVAL);
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(mNextCatchUp - Clock::now());
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 1));
+}
+
+// False when there was a want of descriptors or memory: not all of it could be done.
+bool ProcsRealTask::CatchUpNow() {
+    const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
+    if (mRescanDue.exchange(false)) {
+        mAnnouncer.Rescan();
+    }
+    const bool starved = mAnnouncer.Settle();
+    if (SDK::Shortage::CountOfThread() != shortagesBefore) {
+        mRescanDue.store(true);
+        return false;
+    }
+    return !starved;
 }
 
 void ProcsRealTask::ReadUntilStopped() {
@@ -206,9 +225,11 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event) {
 void ProcsRealTask::HandleExec(const ProcEvent& event) {
     const std::optional<ProcEvent> newFork = mNewForks.Take(event.pid);
     const std::optional<ProcEvent> fork = newFork ? newFork : mForks.Take(event.pid);
+    const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
     // Of a process that is gone already it is still known whether it was in scope before.
     const std::optional<bool> inScope = newFork ? IsForkInScope(*newFork) : Framework::Scope::Ask(event.pid);
     if (!(inScope ? *inScope : fork || mAnnouncer.Knows(event.pid))) {
+        CountUnlessLookedAt(shortagesBefore);
         return;
     }
     if (newFork) {
@@ -219,6 +240,30 @@ void ProcsRealTask::HandleExec(const ProcEvent& event) {
     }
     mExecs.Add();
     mAnnouncer.OnExec(event, fork ? fork->parentPid : 0);
+}
+
+// A child that is gone already was where its parent is, or was. A fork that is passed over though there was no
+// descriptor to look with is lost.
+bool ProcsRealTask::IsForkInScope(const ProcEvent& fork) {
+    const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
+    std::optional<bool> inScope = Framework::Scope::Ask(fork.pid);
+    if (!inScope) {
+        inScope = Framework::Scope::Ask(fork.parentPid);
+    }
+    if (!inScope) {
+        inScope = mForks.Holds(fork.parentPid) || mAnnouncer.Knows(fork.parentPid);
+    }
+    if (!*inScope) {
+        CountUnlessLookedAt(shortagesBefore);
+    }
+    return *inScope;
+}
+
+void ProcsRealTask::CountUnlessLookedAt(std::uint64_t shortagesBefore) {
+    if (SDK::Shortage::CountOfThread() != shortagesBefore) {
+        mLost.Add();
+        mRescanDue.store(true);
+    }
 }
 
 void ProcsRealTask::HandleFork(const ProcEvent& event) {

@@ -51,12 +51,15 @@ private:
     void HandleExit(const ProcEvent& event);
     void HoldNewForks();
     void DescribeNewPrograms(const ProcConnector::Outcome& outcome);
+    bool IsForkInScope(const ProcEvent& fork);
+    void CountUnlessLookedAt(std::uint64_t shortagesBefore);
     void CountGarbled();
     void HandleOverflows(unsigned int count);
     void WakeTask();
 
     // Task thread.
     int CatchUp();
+    bool CatchUpNow();
 
     // Only the reader thread uses these while it runs.
     const std::unique_ptr<ProcConnector> mConnector;

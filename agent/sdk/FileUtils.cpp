@@ -19,6 +19,7 @@
 #include "agent/sdk/WithoutThrowing.h"
 #include "sdk/Histogram.h"
 #include "sdk/ProcessImage.h"
+#include "sdk/Shortage.h"
 #include "sdk/TimeUtils.h"
 
 namespace SDK {
@@ -51,7 +52,7 @@ int OpenRegular(const std::string& path, int flags, FileDescriptor& file) {
     }
     FileDescriptor opened(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, S_IRUSR | S_IWUSR));
     if (!opened.IsOpen() || fstat(opened.Get(), &info) != 0) {
-        return errno;
+        return Shortage::Note(errno);
     }
     const int result = CheckRegular(info);
     if (result == 0) {

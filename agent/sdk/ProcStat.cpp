@@ -8,6 +8,7 @@
 #include <fcntl.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "sdk/Shortage.h"
 
 namespace SDK {
 
@@ -69,7 +70,7 @@ int ProcStat::Read(int pid, ProcStat& stat) {
     std::snprintf(path.data(), path.size(), "/proc/%d/stat", pid);
     const FileDescriptor file(open(path.data(), O_RDONLY | O_CLOEXEC));
     if (!file.IsOpen()) {
-        return errno;
+        return Shortage::Note(errno);
     }
     std::array<char, MAX_STAT_BYTES> text{};
     const ssize_t size = ReadRetrying(file.Get(), text.data(), text.size());
@@ -77,6 +78,10 @@ int ProcStat::Read(int pid, ProcStat& stat) {
         return errno;
     }
     return Parse(std::string_view(text.data(), static_cast<std::size_t>(size)), stat) ? 0 : EINVAL;
+}
+
+bool ProcStat::IsGone(int error) {
+    return error == ENOENT || error == ESRCH;
 }
 
 } // namespace SDK

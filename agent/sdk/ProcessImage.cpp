@@ -1,11 +1,14 @@
 #include "sdk/ProcessImage.h"
 
+#include <cerrno>
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
 #include "agent/sdk/ImagePath.h"
 #include "agent/sdk/WithoutThrowing.h"
+#include "sdk/Shortage.h"
 
 namespace SDK {
 
@@ -20,6 +23,9 @@ ProcessImage::ProcessImage(int pid) : mPid(pid), mOuter(youngest) {
     WithoutThrowing([&] {
         mLink = "/proc/" + std::to_string(pid) + "/exe";
         FileDescriptor file(open(mLink.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        if (!file.IsOpen()) {
+            Shortage::Note(errno);
+        }
         const int result = ReadImagePath(file.IsOpen() ? "/proc/self/fd/" + std::to_string(file.Get()) : mLink, mPath);
         if (result == 0) {
             mFd = file.Release();

@@ -20,6 +20,7 @@
 #include "sdk/PathUtils.h"
 #include "sdk/ProcStat.h"
 #include "sdk/ProcessImage.h"
+#include "sdk/Shortage.h"
 
 namespace SDK {
 
@@ -42,7 +43,7 @@ std::string ProcPath(int pid, const char* name) {
 int ReadProcFile(const std::string& path, std::string& content, std::size_t maxBytes) {
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.IsOpen()) {
-        return errno;
+        return Shortage::Note(errno);
     }
     std::array<char, 4096> buffer; // NOLINT(*-member-init): read fills what is used
     std::string read;

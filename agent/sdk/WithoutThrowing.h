@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <exception>
 
+#include "sdk/Shortage.h"
+
 namespace SDK {
 
 // Calls an operation whose result is 0 or an errno value and that throws nothing but the want of
@@ -11,7 +13,7 @@ template <typename Operation> int WithoutThrowing(const Operation& operation) {
     try {
         return operation();
     } catch (const std::exception&) {
-        return ENOMEM;
+        return Shortage::Note(ENOMEM);
     }
 }
 

@@ -131,7 +131,7 @@ struct Loss {
 constexpr const char* READ_LOG = "see log/corvalent.log for the first one and its reason";
 constexpr const char* LESS_LOAD = "give the agent more of the CPU (cpu_budget_percent), or narrow its scope";
 
-constexpr std::array<Loss, 15> LOSSES = {{
+constexpr std::array<Loss, 17> LOSSES = {{
     {"events.lost", "process events were lost; what still ran was found again", LESS_LOAD},
     {"events.garbled", "messages from the kernel could not be decoded", "report it with the kernel's version"},
     {"files.lost", "file accesses were lost and not judged", "raise fs.fanotify.max_queued_events"},
@@ -140,6 +140,10 @@ constexpr std::array<Loss, 15> LOSSES = {{
      "see the room in data/, and the log"},
     {"reports.given_up", "reports could not be stored at all", "see the room in data/, and the log"},
     {"log.lost", "records could not be written to the log", "see the room in log/"},
+    {"resources.short", "things could not be looked at for want of file descriptors or memory",
+     "raise LimitNOFILE= or MemoryMax= of the service, or find out who uses them up"},
+    {"events.starved", "programs could not be judged for want of file descriptors or memory, and were judged again",
+     "raise LimitNOFILE= or MemoryMax= of the service, or find out who uses them up"},
     {"messages.undeliverable", "messages went to a task that does not run", READ_LOG},
     {"isolate.failed", "untrusted programs could not be killed or made not executable", READ_LOG},
     {"task.exceptions", "tasks failed in their work", READ_LOG},

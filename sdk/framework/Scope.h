@@ -21,7 +21,7 @@ public:
     static bool IsLimited();
 
     // Whether the process is in scope; nothing when the scope is limited and the process is gone, so that
-    // nobody can tell.
+    // nobody can tell, or could not be looked at (SDK::Shortage).
     static std::optional<bool> Ask(int pid);
 
     // The same with a process that is gone taken for one outside.

@@ -35,9 +35,13 @@ public:
     // one covers it.
     using StillDue = std::function<bool()>;
 
+    // Called on the receiving thread when the handling of an exec or fork met a shortage (SDK::Shortage), so that
+    // the process may have gone unjudged.
+    using Starved = std::function<void()>;
+
     // `timestampNs` is when the kernel saw it happen (CLOCK_MONOTONIC); 0 for what was found out later.
     ProcsMessage(int pid, unsigned int kind, std::shared_ptr<procInfo> info, StillDue stillDue = nullptr,
-                 std::uint64_t timestampNs = 0);
+                 std::uint64_t timestampNs = 0, Starved starved = nullptr);
 
     int GetPid() const { return mPid; }
     unsigned int GetKind() const { return mKind; }
@@ -46,7 +50,7 @@ public:
 
     // Hands the event to ProcsMessageAction, as a Framework::HandledEvent. An exec or fork counts as
     // "events.judged" afterwards; the time from its happening to then, where known, goes to the histogram
-    // "verdict.exec" or "verdict.fork".
+    // "verdict.exec" or "verdict.fork". One whose handling met a shortage counts as "events.starved" instead.
     void DeliverTo(AbstractMessageReceiver& receiver) const override;
 
 private:
@@ -55,6 +59,10 @@ private:
     const std::shared_ptr<procInfo> mInfo;
     const StillDue mStillDue;
     const std::uint64_t mTimestampNs;
+    const Starved mStarved;
+
+    bool HandTo(AbstractMessageReceiver& receiver) const;
+    void Starve() const;
 };
 
 } // namespace Engine

@@ -35,6 +35,9 @@ struct ProcStat {
     // Reads /proc/PID/stat. 0, or an errno value (ENOENT or ESRCH: no such process; EINVAL: not
     // understood) and `stat` untouched. Never throws.
     static int Read(int pid, ProcStat& stat);
+
+    // True for what Read gives of a process that is not there, as opposed to one that could not be looked at.
+    static bool IsGone(int error);
 };
 
 } // namespace SDK
