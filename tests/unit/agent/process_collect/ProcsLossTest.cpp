@@ -101,6 +101,21 @@ TEST_F(ProcsLossTest, AfterAFullQueueEveryLiveProcessIsToldAllTheSame) {
     EXPECT_EQ(after.overflow, before.overflow);
 }
 
+TEST_F(ProcsLossTest, AProcessThatCouldNotBeJudgedForWantOfDescriptorsIsToldAgainUntilItCould) {
+    ASSERT_NO_FATAL_FAILURE(Begin(ProcConnector::RECEIVE_BUFFER_BYTES, 1024));
+    const std::uint64_t starvedBefore = Count("events.starved");
+    mReceiver->starvations.store(2);
+    StartChildren(1);
+    const int pid = mChildren.front().Pid();
+    ASSERT_TRUE(WaitFor([&] { return Count("events.starved") == starvedBefore + 2; }));
+    EXPECT_TRUE(WaitFor([&] { return mReceiver->KindsOf(pid).size() == 3; }));
+    EXPECT_EQ(mReceiver->KindsOf(pid), (std::vector<unsigned int>{1, 1, 1}));
+    // A later one is told once, and the first one is not told again behind it.
+    StartChildren(1);
+    EXPECT_TRUE(AwaitAllTold());
+    EXPECT_EQ(mReceiver->KindsOf(pid).size(), 3u);
+}
+
 TEST_F(ProcsLossTest, AProcessThatEndedWhileItWasOwedIsNotTold) {
     ASSERT_NO_FATAL_FAILURE(Begin(ProcConnector::RECEIVE_BUFFER_BYTES, 4));
     mReceiver->handling.Close();

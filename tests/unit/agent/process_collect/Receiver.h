@@ -1,6 +1,8 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -13,6 +15,7 @@
 #include "framework/Task.h"
 #include "modules/AbstractMessageReceiver.h"
 #include "modules/ProcsRegistMessage.h"
+#include "sdk/Shortage.h"
 #include "support/ChildProcess.h"
 #include "support/TaskHolder.h"
 #include "support/WaitFor.h"
@@ -81,6 +84,9 @@ public:
             const std::lock_guard<std::mutex> lock(mMutex);
             mEvents.push_back({kind, pid, info ? info->ppid : -1});
         }
+        if (kind == 1 && starvations.fetch_sub(1) > 0) {
+            SDK::Shortage::Note(EMFILE);
+        }
         handling.Pass();
     }
 
@@ -111,6 +117,9 @@ public:
 
     Gate senders;  // closed: whoever sends to this task is held up
     Gate handling; // closed: this task is held up after the next message
+
+    // So many of the next executions are handled without a descriptor to look at the process.
+    std::atomic<int> starvations{0};
 
 private:
     mutable std::mutex mMutex;
