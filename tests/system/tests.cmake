@@ -2,10 +2,11 @@
 add_library(system_harness STATIC ${TEST_DIR}/Agent.cpp ${TEST_DIR}/Program.cpp)
 target_include_directories(system_harness PUBLIC ${CMAKE_SOURCE_DIR}/tests)
 target_compile_definitions(system_harness PRIVATE BUILT_ROOT="${CMAKE_BINARY_DIR}/root")
-target_compile_definitions(system_harness PUBLIC FORK_SLEEPERS="${CMAKE_BINARY_DIR}/tests/fork_sleepers")
+target_compile_definitions(system_harness PUBLIC FORK_SLEEPERS="${CMAKE_BINARY_DIR}/tests/fork_sleepers"
+  STORM="${CMAKE_BINARY_DIR}/tests/storm")
 target_link_libraries(system_harness PUBLIC sdk PkgConfig::HTTPLIB GTest::gtest)
 add_dependencies(system_harness corvalentd corvalentctl whitelist_module process_collect_module filenotify_module
-  isolate_module data_comm_module fork_sleepers)
+  isolate_module data_comm_module fork_sleepers storm)
 
 foreach(concern Learning Mode Policy PolicyCheck Detection Blocking Command Lifecycle Operator Directory Preset Trust
     Doctor Top Metrics Explain)
