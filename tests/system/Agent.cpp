@@ -194,11 +194,11 @@ void Agent::WriteState(int minutes, Mode mode) {
 
 // ---- what the operator does and sees
 
-Result Agent::Ctl(std::vector<std::string> words, const std::string& input) {
+Result Agent::Ctl(std::vector<std::string> words, const std::string& input, std::chrono::milliseconds deadline) {
     const std::string name = "ctl-" + std::to_string(++mCounter);
     words.insert(words.begin(), {mRoot / "bin/corvalentctl", "--root", mRoot.Path()});
     Program ctl(words, mWork / name, input.empty() ? "/dev/null" : mWork.Write(name + ".in", input));
-    if (!ctl.WaitForEnd(DEADLINE)) {
+    if (!ctl.WaitForEnd(deadline)) {
         GiveUp("corvalentctl does not end");
     }
     return {ctl.GetStatus(), ctl.GetOutput(), ctl.GetErrors()};
@@ -217,8 +217,8 @@ void Agent::ApplyAndWatch(const PolicyOptions& options) {
     WaitUntilSubscribed(before + TO_EXEC_FORK_AND_EXIT);
 }
 
-Result Agent::Command(const std::string& key, const std::string& document) {
-    return Ctl({"command", key, "-"}, document);
+Result Agent::Command(const std::string& key, const std::string& document, std::chrono::milliseconds deadline) {
+    return Ctl({"command", key, "-"}, document, deadline);
 }
 
 Json::Value Agent::Status() const {

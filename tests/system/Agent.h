@@ -13,6 +13,7 @@
 
 #include "support/TempCgroup.h"
 #include "support/TempRoot.h"
+#include "support/WaitFor.h"
 #include "system/Program.h"
 
 namespace Json {
@@ -128,7 +129,8 @@ public:
 
     // ---- what the operator does and sees
 
-    Result Ctl(std::vector<std::string> words, const std::string& input = "");
+    Result Ctl(std::vector<std::string> words, const std::string& input = "",
+               std::chrono::milliseconds deadline = TestSupport::DEADLINE);
 
     Result Apply(const Json::Value& policy);
 
@@ -136,7 +138,8 @@ public:
     void ApplyAndWatch(const PolicyOptions& options);
 
     // Delivers a command with a document.
-    Result Command(const std::string& key, const std::string& document);
+    Result Command(const std::string& key, const std::string& document,
+                   std::chrono::milliseconds deadline = TestSupport::DEADLINE);
 
     Json::Value Status() const;
     int GetMode() const { return Status()["mode"].asInt(); }
