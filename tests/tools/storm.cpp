@@ -1,14 +1,15 @@
-// storm COUNT|SECONDSs AT_ONCE [PROGRAM [ARGUMENT…]]...
+// storm DONE COUNT|SECONDSs AT_ONCE [PROGRAM [ARGUMENT…]] [-- PROGRAM …]…
 //
 // Starts COUNT children, or as many as it can in so many seconds ("60s"), as fast as it can with AT_ONCE of them
 // running at a time. They are started from the programs in turn; programs are separated by "--". Without one a
-// child ends at once. When the last one has ended it prints how many there were, and how many of them ended with
-// another status than 0. Exit status 1, with a line on standard error, when it cannot start one.
+// child ends at once. When the last one has ended it writes to the file DONE how many there were, and how many of
+// them did not end with status 0. Exit status 1, with a line on standard error, when it cannot start one.
 
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -107,12 +108,12 @@ private:
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3 || std::atoi(argv[2]) < 1) {
-        std::cerr << "usage: storm COUNT|SECONDSs AT_ONCE [PROGRAM [ARGUMENT...]] [-- PROGRAM ...]...\n";
+    if (argc < 4 || std::atoi(argv[3]) < 1) {
+        std::cerr << "usage: storm DONE COUNT|SECONDSs AT_ONCE [PROGRAM [ARGUMENT...]] [-- PROGRAM ...]...\n";
         return 1;
     }
-    Storm storm(argv[1], std::atoi(argv[2]), ReadCommands(argv + 3));
+    Storm storm(argv[2], std::atoi(argv[3]), ReadCommands(argv + 4));
     const bool done = storm.Blow();
-    std::cout << storm.CountStarted() << ' ' << storm.CountFailed() << std::endl;
+    std::ofstream(argv[1]) << storm.CountStarted() << ' ' << storm.CountFailed() << '\n';
     return done ? 0 : 1;
 }

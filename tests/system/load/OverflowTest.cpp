@@ -40,7 +40,7 @@ protected:
     int StartUnknown() { return Start(agent.MakeProgram("unknown-" + std::to_string(processes.size()))); }
 
     void Blow() const {
-        ScopedProcess storm(agent.Scope().Path(), {STORM, std::to_string(FORKS), "1"});
+        ScopedProcess storm(agent.Scope().Path(), {STORM, "/dev/null", std::to_string(FORKS), "1"});
         ASSERT_TRUE(storm.Wait(3 * DEADLINE));
         ASSERT_TRUE(storm.ExitedWith(0));
     }

@@ -191,6 +191,24 @@ TEST_F(AnnouncerTest, AForkWhoseChildHasExecutedIsFolded) {
     EXPECT_EQ(Count("events.folded"), foldedBefore + 1);
 }
 
+TEST_F(AnnouncerTest, TheExecBehindAFoldedForkIsToldThoughTheProcessIsGoneByThen) {
+    ChildProcess child = SpawnChild();
+    const int pid = child.Pid();
+    mAnnouncer.OnFork(Fork(child, NowNs()));
+    EXPECT_TRUE(mAnnouncer.Knows(pid));
+    const ProcEvent exec = Exec(child, NowNs());
+    child.End();
+    mAnnouncer.OnExec(exec, 0);
+    EXPECT_EQ(ToldOf(pid), Kinds{1});
+}
+
+TEST_F(AnnouncerTest, TheExecBehindAFoldedForkIsToldByAComparisonWhenItIsLost) {
+    const ChildProcess child = SpawnChild();
+    mAnnouncer.OnFork(Fork(child, NowNs()));
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(child.Pid()), Kinds{1});
+}
+
 TEST_F(AnnouncerTest, AForkOfAKernelThreadIsNotTold) {
     SDK::ProcStat stat;
     if (SDK::ProcStat::Read(2, stat) != 0 || !stat.IsKernelThread()) {
