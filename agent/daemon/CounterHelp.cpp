@@ -42,6 +42,7 @@ std::span<const CounterHelp> ListCounterHelp() {
         CounterHelp{"messages.undeliverable", "Messages to a task that does not run."},
         CounterHelp{"resources.short",
                     "Attempts to look at something for which no descriptor or memory was to be had."},
+        CounterHelp{"daemon.unclean_end", "1 when the run before this one did not end in order."},
         CounterHelp{"task.exceptions", "Exceptions caught at the border of a task."},
         CounterHelp{"module.exceptions", "Exceptions caught at the border of a module."},
         CounterHelp{"task.init_failures", "Tasks that were not started because their start failed."},

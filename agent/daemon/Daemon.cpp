@@ -109,6 +109,8 @@ int Daemon::Run() {
         return status;
     }
     std::optional<StopLimit> stopLimit;
+    const RunMark mark(mRoot + "data/running");
+    TellOfPreviousEnd(mark);
     int status = StartModules(engine);
     if (status == 0) {
         status = Serve(engine, stopLimit);
@@ -141,6 +143,17 @@ void Daemon::GiveUp() const {
                                                     " seconds and is broken off; it waits for " +
                                                     (step.empty() ? "a delivery" : step));
     std::_Exit(status);
+}
+
+void Daemon::TellOfPreviousEnd(const RunMark& mark) {
+    Framework::Counter& uncleanEnds = Framework::Counters::Of("daemon.unclean_end");
+    if (mark.WasLeft()) {
+        uncleanEnds.Add();
+        moduleLog.Warning(
+            "the run before this one, process [%s], did not end in order: it was killed, crashed, was broken off, "
+            "or went down with the machine; what started meanwhile was not judged",
+            mark.GetLeftBy());
+    }
 }
 
 int Daemon::Fail(int status, const std::string& reason) const {

@@ -7,6 +7,7 @@
 #include "agent/daemon/Deliveries.h"
 #include "agent/daemon/MetricsServer.h"
 #include "agent/daemon/RootLock.h"
+#include "agent/daemon/RunMark.h"
 #include "agent/daemon/Settings.h"
 #include "agent/daemon/StopLimit.h"
 #include "framework/Engine.h"
@@ -69,6 +70,7 @@ private:
     static void WaitForStop();
 
     // Says why the daemon ends, also in the log once there is one; returns `status`.
+    static void TellOfPreviousEnd(const RunMark& mark);
     int Fail(int status, const std::string& reason) const;
 
     const std::string mRoot; // with a trailing "/"

@@ -131,7 +131,7 @@ struct Loss {
 constexpr const char* READ_LOG = "see log/corvalent.log for the first one and its reason";
 constexpr const char* LESS_LOAD = "give the agent more of the CPU (cpu_budget_percent), or narrow its scope";
 
-constexpr std::array<Loss, 17> LOSSES = {{
+constexpr std::array<Loss, 18> LOSSES = {{
     {"events.lost", "process events were lost; what still ran was found again", LESS_LOAD},
     {"events.garbled", "messages from the kernel could not be decoded", "report it with the kernel's version"},
     {"files.lost", "file accesses were lost and not judged", "raise fs.fanotify.max_queued_events"},
@@ -150,6 +150,8 @@ constexpr std::array<Loss, 17> LOSSES = {{
     {"module.exceptions", "modules failed in their work", READ_LOG},
     {"task.init_failures", "tasks could not be started", READ_LOG},
     {"task.abandoned", "tasks did not end in time and were left behind", "restart the daemon"},
+    {"daemon.unclean_end", "the run before this one was killed, crashed, or went down with the machine",
+     "look for its process in the kernel's log (journalctl -k -g oom) and at the end of log/corvalent.log"},
     {"events.overflow", "the kernel's buffer of process events ran over", LESS_LOAD},
     {"files.overflow", "the kernel's queue of file accesses ran over", "raise fs.fanotify.max_queued_events"},
 }};
