@@ -31,8 +31,14 @@ std::string Resolve(const std::string& file) {
     return path.get();
 }
 
-std::string MakeQuery(const std::string& target) {
-    return IsPid(target) ? "/explain?pid=" + target : "/explain?path=" + EncodeQuery(Resolve(target));
+// A path is sent as a document: percent-encoded in a query a long one would not fit.
+Json::Value AskAbout(const Client& client, const std::string& target) {
+    if (IsPid(target)) {
+        return client.Get("/explain?pid=" + target);
+    }
+    Json::Value question(Json::objectValue);
+    question["path"] = Resolve(target);
+    return client.Post("/explain", SDK::JsonUtils::JsonToString(question));
 }
 
 // ---- For people ------------------------------------------------------------------------------------
@@ -197,7 +203,7 @@ void PrintExplanation(const Json::Value& explanation) {
 }
 
 void ShowExplanation(const Context& context, const std::string& target, bool json) {
-    const Json::Value explanation = Client(context.root).Get(MakeQuery(target));
+    const Json::Value explanation = AskAbout(Client(context.root), target);
     if (json) {
         PrintJson(explanation);
     } else {

@@ -156,6 +156,22 @@ void AnswerExplanation(const Framework::Engine& engine, const httplib::Request& 
     AnswerOrRefuse(response, engine.Ask(WHITELIST_MODULE, question));
 }
 
+void TakeExplanation(const Framework::Engine& engine, const httplib::ContentReader& reader,
+                     httplib::Response& response) {
+    std::string body;
+    if (!ReadBody(reader, body)) {
+        return;
+    }
+    Json::Value question;
+    if (SDK::JsonUtils::ParseJsonStr(body, question) != 0 || !question.isObject() || question.size() != 1 ||
+        !question["path"].isString()) {
+        Refuse(response, HTTP_BAD_REQUEST, "which program? {\"path\": TEXT} is needed");
+        return;
+    }
+    question["query"] = "explain";
+    AnswerOrRefuse(response, engine.Ask(WHITELIST_MODULE, question));
+}
+
 void AnswerAlertSummary(const Framework::Engine& engine, const httplib::Request& request, httplib::Response& response) {
     Json::Value question(Json::objectValue);
     question["query"] = "alert_summary";
@@ -271,6 +287,9 @@ ControlServer::ControlServer(const Framework::Engine& engine, Deliveries& delive
     });
     server.Get("/explain",
                [&engine](const Request& request, Response& response) { AnswerExplanation(engine, request, response); });
+    server.Post("/explain", [&engine](const Request&, Response& response, const httplib::ContentReader& reader) {
+        TakeExplanation(engine, reader, response);
+    });
     server.set_error_handler([](const Request&, Response& response) { DescribeError(response); });
     server.set_exception_handler([](const Request&, Response& response, const std::exception_ptr& exception) {
         DescribeException(response, exception);

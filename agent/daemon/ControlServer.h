@@ -22,6 +22,7 @@ namespace Daemon {
 //                                                   {"process_info": [ENTRY…]}
 //   GET  /verdict?path=                             how the whitelist module would judge that image
 //   GET  /explain?path= or ?pid=                    everything that module's verdict rests on
+//   POST /explain           {"path": TEXT}          the same for a path that is too long for a query
 //   GET  /reports?type=&since=&after=&limit=        {"reports": [{"id", "time", "type", "data"}…]}
 //   GET  /reports/summary?since=                    {"programs": [PROGRAM…], "complete"}: who was alerted
 //                                                   about and not blocked

@@ -261,6 +261,7 @@ TEST_F(LongPath, OneOf4095BytesIsReportedWhole) {
     EXPECT_EQ(alert["block"].asInt(), 1);
     EXPECT_EQ(process.Wait(), SIGKILL);
     EXPECT_THAT(NamesIn({"alerts", "--json"}), HasSubstr(ToHex(path) + "\n"));
+    EXPECT_THAT(NamesIn({"explain", "--json", "./evil"}), HasSubstr(ToHex(path)));
     Check("log", agent.Root().Read("log/corvalent.log"));
 }
 

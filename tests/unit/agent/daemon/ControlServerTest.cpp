@@ -255,6 +255,13 @@ TEST_F(ControlServerTest, AFileOrAProcessIsExplained) {
         EXPECT_EQ(answer.status, 400) << query;
         EXPECT_NE(answer.Error(), "<none>") << query;
     }
+    const std::string longPath = "/" + std::string(4094, '\xfe');
+    Json::Value question;
+    question["path"] = longPath;
+    EXPECT_EQ(Post("/explain", SDK::JsonUtils::JsonToString(question)).body["file"], longPath);
+    for (const char* body : {"", "{}", "[]", "x", R"({"path":1})", R"({"pid":1})", R"({"path":"/a","pid":1})"}) {
+        EXPECT_EQ(Post("/explain", body).status, 400) << body;
+    }
     module->answers = false;
     EXPECT_EQ(Get("/explain?pid=12").status, 409);
 }
