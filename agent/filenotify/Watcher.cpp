@@ -19,7 +19,6 @@
 
 #include "framework/Engine.h"
 #include "framework/Scope.h"
-#include "modules/FileNotifyMessage.h"
 #include "sdk/ModuleLog.h"
 
 namespace Engine {
@@ -37,7 +36,7 @@ constexpr int SETTLE_MS = 5;
 
 // How long accesses wait in the kernel for room in the task's queue, and how often it is looked at.
 constexpr std::chrono::milliseconds ROOM_DEADLINE{200};
-constexpr int ROOM_INTERVAL_MS = 2;
+constexpr int ROOM_INTERVAL_MS = 1;
 
 // How long the reader waits after an error that it cannot explain, so as not to spin on it.
 constexpr int ERROR_PAUSE_MS = 100;
@@ -223,7 +222,11 @@ bool Watcher::AddToPosts(const FileAccess& access) {
     if (path.empty()) {
         return false;
     }
-    mPosts.push_back(std::make_shared<FileNotifyMessage>(access.pid, std::move(path)));
+    if (!mMessages) {
+        mMessages = std::make_shared<std::deque<FileNotifyMessage>>();
+    }
+    mMessages->emplace_back(access.pid, std::move(path));
+    mPosts.emplace_back(mMessages, &mMessages->back());
     return true;
 }
 
@@ -238,6 +241,7 @@ void Watcher::PostAll(Framework::Task* task) {
         posted = 0;
     }
     mPosted.Add(posted);
+    mMessages.reset();
     CountDropped(count - posted);
 }
 

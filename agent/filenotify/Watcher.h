@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,6 +18,7 @@
 #include "framework/Counters.h"
 #include "framework/EventWaiter.h"
 #include "framework/Task.h"
+#include "modules/FileNotifyMessage.h"
 #include "modules/FileNotifyWatchMessage.h"
 
 namespace Engine {
@@ -98,8 +100,9 @@ private:
 
     // Reader thread only.
     FanotifyGroup::Batch mBatch;
-    std::unordered_map<int, bool> mScopeOfBatch;             // the scope of a process, asked once a batch
-    std::vector<std::shared_ptr<Framework::Message>> mPosts; // of this batch, sent together
+    std::unordered_map<int, bool> mScopeOfBatch;              // the scope of a process, asked once a batch
+    std::vector<std::shared_ptr<Framework::Message>> mPosts;  // of this batch, sent together
+    std::shared_ptr<std::deque<FileNotifyMessage>> mMessages; // where these lie, which own them together
     std::chrono::steady_clock::time_point mLossLogged;
 
     Framework::Counter& mRead;
