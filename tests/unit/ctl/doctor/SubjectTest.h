@@ -144,7 +144,8 @@ private:
                                   "Max cpu time              unlimited            unlimited            seconds\n"
                                   "Max open files            65536                65536                files\n");
         proc.Write("4711/fd/0", "");
-        proc.Write("4711/environ", std::string("PATH=/bin\0NOTIFY_SOCKET=/run/n\0WATCHDOG_USEC=30000000\0", 58));
+        using std::string_literals::operator""s;
+        proc.Write("4711/environ", "PATH=/bin\0NOTIFY_SOCKET=/run/n\0WATCHDOG_USEC=30000000\0"s);
         subject.daemonMissing = false;
         SDK::JsonUtils::ParseJsonStr(R"({
             "pid": 4711, "uptime_seconds": 61, "version": ")" CORVALENT_VERSION R"(", "mode": 3,
