@@ -16,6 +16,7 @@
 #include "modules/ProcsRegistMessage.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/Shortage.h"
+#include "sdk/TimeUtils.h"
 
 namespace Engine {
 
@@ -46,6 +47,9 @@ constexpr std::chrono::milliseconds SHORTAGE_INTERVAL{1000};
 // New programs are looked at when none has started for so long, or when there are so many.
 constexpr int DESCRIPTION_PAUSE_MS = 5;
 constexpr std::ptrdiff_t MAX_UNDESCRIBED = 256;
+
+// How long a parent may be held up between the event of its fork and the moves that follow.
+constexpr std::uint64_t MAX_DOUBT_NS = 1'000'000'000;
 
 // Makes the task's thread look at what is due.
 class CatchUpMessage : public Framework::Message {};
@@ -153,9 +157,7 @@ void ProcsRealTask::ReadUntilStopped() {
         try {
             ReadEvents();
             HoldNewForks();
-            for (const ProcEvent& fork : mForks.TakeDue(Clock::now())) {
-                mAnnouncer.OnFork(fork);
-            }
+            TellDueForks();
         } catch (const std::exception& error) {
             // Whatever was not told is found by the comparison.
             moduleLog.Error("process events were dropped: %s", error.what());
@@ -174,12 +176,19 @@ void ProcsRealTask::ReadUntilStopped() {
 
 // False when the reader is to stop.
 bool ProcsRealTask::WaitForEvents() {
-    int timeoutMs = mForks.GetTimeoutMs(Clock::now());
-    if (mUndescribed > 0 && (timeoutMs < 0 || timeoutMs > DESCRIPTION_PAUSE_MS)) {
-        timeoutMs = DESCRIPTION_PAUSE_MS;
-    }
-    mConnector->Wait(mStop.GetFd(), timeoutMs);
+    mConnector->Wait(mStop.GetFd(), GetTimeoutMs());
     return !mStopping.load();
+}
+
+// How long until the reader has something to do without an event; -1 for ever.
+int ProcsRealTask::GetTimeoutMs() const {
+    const auto now = Clock::now();
+    int timeoutMs = -1;
+    for (const int each :
+         {mForks.GetTimeoutMs(now), mDoubtfulForks.GetTimeoutMs(now), mUndescribed > 0 ? DESCRIPTION_PAUSE_MS : -1}) {
+        timeoutMs = timeoutMs < 0 || each < 0 ? std::max(timeoutMs, each) : std::min(timeoutMs, each);
+    }
+    return timeoutMs;
 }
 
 void ProcsRealTask::ReadEvents() {
@@ -223,7 +232,7 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event) {
 }
 
 void ProcsRealTask::HandleExec(const ProcEvent& event) {
-    const std::optional<ProcEvent> newFork = mNewForks.Take(event.pid);
+    const std::optional<ProcEvent> newFork = TakeUncountedFork(event.pid);
     const std::optional<ProcEvent> fork = newFork ? newFork : mForks.Take(event.pid);
     const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
     // Of a process that is gone already it is still known whether it was in scope before.
@@ -273,7 +282,7 @@ void ProcsRealTask::HandleFork(const ProcEvent& event) {
 // The control group of a process that has ended can often not be asked any more: what has been
 // announced, or is just held back, was in scope.
 void ProcsRealTask::HandleExit(const ProcEvent& event) {
-    if (const std::optional<ProcEvent> newFork = mNewForks.Take(event.pid)) {
+    if (const std::optional<ProcEvent> newFork = TakeUncountedFork(event.pid)) {
         if (IsForkInScope(*newFork)) {
             mForkCount.Add();
             mAnnouncer.OnFork(*newFork);
@@ -288,10 +297,35 @@ void ProcsRealTask::HandleExit(const ProcEvent& event) {
 
 void ProcsRealTask::HoldNewForks() {
     for (const ProcEvent& fork : mNewForks.TakeAll()) {
-        if (IsForkInScope(fork)) {
-            mForkCount.Add();
-            mForks.Hold(fork, Clock::now());
-        }
+        HoldIfInScope(fork);
+    }
+    for (const ProcEvent& fork : mDoubtfulForks.TakeDue(Clock::now())) {
+        HoldIfInScope(fork);
+    }
+}
+
+void ProcsRealTask::HoldIfInScope(const ProcEvent& fork) {
+    if (IsForkInScope(fork)) {
+        HoldFork(fork);
+    } else if (SDK::TimeUtils::GetNsSince(fork.timestampNs) < MAX_DOUBT_NS &&
+               Framework::Scope::Contains(fork.parentPid)) {
+        mDoubtfulForks.Hold(fork, Clock::now());
+    }
+}
+
+void ProcsRealTask::HoldFork(const ProcEvent& fork) {
+    mForkCount.Add();
+    mForks.Hold(fork, Clock::now());
+}
+
+std::optional<ProcEvent> ProcsRealTask::TakeUncountedFork(int child) {
+    const std::optional<ProcEvent> fork = mNewForks.Take(child);
+    return fork ? fork : mDoubtfulForks.Take(child);
+}
+
+void ProcsRealTask::TellDueForks() {
+    for (const ProcEvent& fork : mForks.TakeDue(Clock::now())) {
+        mAnnouncer.OnFork(fork);
     }
 }
 

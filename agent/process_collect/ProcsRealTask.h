@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,6 +51,11 @@ private:
     void HandleFork(const ProcEvent& event);
     void HandleExit(const ProcEvent& event);
     void HoldNewForks();
+    void HoldIfInScope(const ProcEvent& fork);
+    void HoldFork(const ProcEvent& fork);
+    std::optional<ProcEvent> TakeUncountedFork(int child);
+    int GetTimeoutMs() const;
+    void TellDueForks();
     void DescribeNewPrograms(const ProcConnector::Outcome& outcome);
     bool IsForkInScope(const ProcEvent& fork);
     void CountUnlessLookedAt(std::uint64_t shortagesBefore);
@@ -67,6 +73,9 @@ private:
     // Forks of the events just read, of which nobody has asked yet whether they are in scope: where the
     // child's exec has been read along with them, it is asked once for both.
     ForkHold mNewForks;
+    // Forks of a parent in scope whose child was not there, asked for the first time: the kernel tells of a
+    // fork before it puts the child into its parent's group. Asked again, for a while.
+    ForkHold mDoubtfulForks;
     std::vector<ProcEvent> mEvents;
     std::ptrdiff_t mUndescribed = 0; // programs announced since the last Describe
     std::uint64_t mGarbledSeen = 0;

@@ -51,8 +51,8 @@ std::int64_t Subject::Count(const std::string& counter) const {
     return mAgent.Status()["counters"][counter].asInt64();
 }
 
-void Subject::AwaitJudged(std::int64_t execs) const {
-    for (std::int64_t last = -1, judged = 0; judged < execs && judged != last;) {
+void Subject::AwaitJudged() const {
+    for (std::int64_t last = -1, judged = 0; judged != last;) {
         last = judged;
         std::this_thread::sleep_for(SETTLE);
         judged = Count("events.judged");

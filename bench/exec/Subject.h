@@ -24,8 +24,9 @@ public:
     // A counter of `status`.
     std::int64_t Count(const std::string& counter) const;
 
-    // Returns when that many execs have been judged since the agent started, or nothing was judged for a while.
-    void AwaitJudged(std::int64_t execs) const;
+    // Returns when nothing has been judged for a while. (How many will be is not known: a fork whose exec keeps
+    // it waiting is judged as well.)
+    void AwaitJudged() const;
 
     // Count and sum of the times from exec events to their verdicts.
     struct Verdicts {
