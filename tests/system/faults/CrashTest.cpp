@@ -155,7 +155,7 @@ protected:
         std::erase_if(names, IsTemporary);
         ExpectWhole(agent.Root(), names);
         EXPECT_THAT(NamesIn(agent.Root() / "data"),
-                    IsSubsetOf({"reports.db", "reports.db-wal", "reports.db-shm", "reports.db-journal"}))
+                    IsSubsetOf({"reports.db", "reports.db-wal", "reports.db-shm", "reports.db-journal", "running"}))
             << "the history was taken for a damaged one";
         const std::set<std::string> now = PathsInLocalList();
         EXPECT_THAT(learned, IsSubsetOf(now)) << "what was learned is forgotten";
