@@ -104,8 +104,7 @@ TEST_F(LargeFilesTest, OneByteMoreIsNotLoadedIsKeptAndTold) {
     }
     const Result doctor = agent.Ctl({"doctor", "--json"});
     EXPECT_EQ(doctor.status, 1);
-    for (const char* file : {"conf/arsserverproc.data", "conf/osPresetProcess.dat",
-                             "conf/servicePresetProcess.dat"}) {
+    for (const char* file : {"conf/arsserverproc.data", "conf/osPresetProcess.dat", "conf/servicePresetProcess.dat"}) {
         const std::vector<Json::Value> findings = ParseLines(doctor.out);
         EXPECT_EQ(std::count_if(findings.begin(), findings.end(),
                                 [&](const Json::Value& finding) {

