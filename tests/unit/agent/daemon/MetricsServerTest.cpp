@@ -142,6 +142,8 @@ TEST_F(MetricsServerTest, ThePortIsFreeAgainRightAfterTheStop) {
 
 TEST_F(MetricsServerTest, ManyAskAtOnce) {
     Start();
+    // The HTTP library makes its tables at the first request, where ThreadSanitizer cannot see that it does so safely.
+    EXPECT_EQ(Client().Get("/metrics")->status, 200);
     std::vector<std::future<int>> clients;
     for (int i = 0; i < 12; ++i) {
         clients.push_back(std::async(std::launch::async, [this] {
