@@ -8,7 +8,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
   set_target_properties(virtual_slots_probe PROPERTIES CXX_COMPILER_LAUNCHER "")
 endif()
 
-corvalent_add_test(virtual_slots_test ${TEST_DIR}/VirtualSlotsTest.cpp LIBS corvalent_options)
+corvalent_add_test(virtual_slots_test ${TEST_DIR}/VirtualSlotsTest.cpp LIBS sdk_headers)
 target_compile_definitions(virtual_slots_test PRIVATE CLASS_DUMP="${CLASS_DUMP}")
 if(TARGET virtual_slots_probe)
   add_dependencies(virtual_slots_test virtual_slots_probe)
