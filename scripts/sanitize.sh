@@ -31,6 +31,9 @@ export ASAN_OPTIONS=$common:detect_stack_use_after_return=1:strict_string_checks
 export UBSAN_OPTIONS=$common:print_stacktrace=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}
 export TSAN_OPTIONS=$common:second_deadlock_stack=1${TSAN_OPTIONS:+:$TSAN_OPTIONS}
 
+# What goes wrong once in two hundred rounds the ordinary build finds.
+export CORVALENT_FAULT_ROUNDS=${CORVALENT_FAULT_ROUNDS:-20}
+
 say "running the tests under the $1 sanitizer"
 status=0
 run_suite "$build_dir" --tests-regex "${2:-.}" || status=$?

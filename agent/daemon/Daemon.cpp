@@ -197,7 +197,9 @@ int Daemon::Prepare() {
     }
     if (status == 0) {
         // The lock says that nobody is writing there.
-        SDK::ReplacingFile::RemoveLeftovers(mRoot + "conf");
+        for (const char* folder : {"conf", "data"}) {
+            SDK::ReplacingFile::RemoveLeftovers(mRoot + folder);
+        }
     }
     return status;
 }

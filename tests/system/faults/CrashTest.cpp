@@ -1,5 +1,6 @@
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <set>
 #include <string>
@@ -131,8 +132,8 @@ protected:
                 ready = true;
                 ++readyRounds;
                 history.Review(agent);
-                for (const std::string& name : left) {
-                    EXPECT_FALSE(NamesIn(agent.Root() / "conf").contains(name)) << name << " lies about for good";
+                for (const std::string& path : left) {
+                    EXPECT_FALSE(std::filesystem::exists(path)) << path << " lies about for good";
                 }
             }
             if (ready) {
@@ -144,17 +145,27 @@ protected:
     }
 
     std::set<std::string> TemporariesLeft() const {
-        std::set<std::string> names = NamesIn(agent.Root() / "conf");
-        std::erase_if(names, [](const std::string& name) { return !IsTemporary(name); });
+        std::set<std::string> paths;
+        for (const std::string folder : {"conf/", "data/"}) {
+            for (const std::string& name : NamesIn(agent.Root() / folder)) {
+                if (IsTemporary(name)) {
+                    paths.insert(agent.Root() / (folder + name));
+                }
+            }
+        }
+        return paths;
+    }
+
+    std::set<std::string> LastingNamesIn(const std::string& folder) const {
+        std::set<std::string> names = NamesIn(agent.Root() / folder);
+        std::erase_if(names, IsTemporary);
         return names;
     }
 
     void ExpectNothingBroken() {
         EXPECT_TRUE(WaitFor([&] { return home.GetPids().empty(); })) << "it left a process behind";
-        std::set<std::string> names = NamesIn(agent.Root() / "conf");
-        std::erase_if(names, IsTemporary);
-        ExpectWhole(agent.Root(), names);
-        EXPECT_THAT(NamesIn(agent.Root() / "data"),
+        ExpectWhole(agent.Root(), LastingNamesIn("conf"));
+        EXPECT_THAT(LastingNamesIn("data"),
                     IsSubsetOf({"reports.db", "reports.db-wal", "reports.db-shm", "reports.db-journal", "running"}))
             << "the history was taken for a damaged one";
         const std::set<std::string> now = PathsInLocalList();
