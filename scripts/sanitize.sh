@@ -33,6 +33,8 @@ export TSAN_OPTIONS=$common:second_deadlock_stack=1${TSAN_OPTIONS:+:$TSAN_OPTION
 
 # What goes wrong once in two hundred rounds the ordinary build finds.
 export CORVALENT_FAULT_ROUNDS=${CORVALENT_FAULT_ROUNDS:-20}
+# Most tests wait most of the time, and the limits of their time are wide here.
+export SUITE_JOBS=${SUITE_JOBS:-$((2 * $(nproc)))}
 
 say "running the tests under the $1 sanitizer"
 status=0
