@@ -50,11 +50,15 @@ public:
             words.push_back(argument.data());
         }
         words.push_back(nullptr);
+        // Nothing is allocated in the child: another thread may have held the heap's lock at the fork.
+        const std::string in = folder / "stdin";
+        const std::string out = folder / "stdout";
+        const std::string err = folder / "stderr";
         mPid = fork();
         if (mPid == 0) {
-            dup2(open((folder / "stdin").c_str(), O_RDONLY), STDIN_FILENO);
-            dup2(open((folder / "stdout").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600), STDOUT_FILENO);
-            dup2(open((folder / "stderr").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600), STDERR_FILENO);
+            dup2(open(in.c_str(), O_RDONLY), STDIN_FILENO);
+            dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600), STDOUT_FILENO);
+            dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600), STDERR_FILENO);
             execv(CORVALENTCTL, words.data());
             _exit(126);
         }
