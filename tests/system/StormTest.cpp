@@ -12,6 +12,7 @@
 #include "support/TempMount.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
+#include "system/Pause.h"
 #include "system/Told.h"
 #include "system/Usage.h"
 
@@ -134,7 +135,7 @@ TEST_F(Storm, EveryLossIsCountedMemoryIsBoundedAndNoDescriptorStaysOpen) {
 }
 
 TEST_F(Storm, NobodyWaitsForAnAgentThatDoesNotAnswer) {
-    ASSERT_EQ(kill(agent.GetPid(), SIGSTOP), 0);
+    Pause(agent.GetPid());
     Blow();
     const bool over = WaitFor([&] { return IsOver(); });
     ASSERT_EQ(kill(agent.GetPid(), SIGCONT), 0);

@@ -23,6 +23,7 @@
 #include "support/ChildProcess.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
+#include "system/Pause.h"
 
 namespace SystemTest {
 
@@ -37,10 +38,7 @@ inline void ExpectToStop(int pid) {
 // comes between a start and its verdict every time, not once in a thousand.
 class PausedDaemon {
 public:
-    explicit PausedDaemon(const Agent& agent) : mPid(agent.GetPid()) {
-        kill(mPid, SIGSTOP);
-        ExpectToStop(mPid);
-    }
+    explicit PausedDaemon(const Agent& agent) : mPid(agent.GetPid()) { Pause(mPid); }
     ~PausedDaemon() { kill(mPid, SIGCONT); }
     PausedDaemon(const PausedDaemon&) = delete;
     PausedDaemon& operator=(const PausedDaemon&) = delete;

@@ -12,6 +12,7 @@
 #include "support/ScopedProcess.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
+#include "system/Pause.h"
 #include "system/Told.h"
 
 namespace SystemTest {
@@ -52,7 +53,7 @@ protected:
 
     std::int64_t CountFailed() const { return CounterOf(agent, "isolate.failed"); }
 
-    void Stop() const { ASSERT_EQ(kill(agent.GetPid(), SIGSTOP), 0); }
+    void Stop() const { Pause(agent.GetPid()); }
     void Continue() const { ASSERT_EQ(kill(agent.GetPid(), SIGCONT), 0); }
 
     Agent agent;

@@ -8,6 +8,7 @@
 #include "support/ScopedProcess.h"
 #include "support/WaitFor.h"
 #include "system/Agent.h"
+#include "system/Pause.h"
 #include "system/Told.h"
 
 namespace SystemTest {
@@ -45,7 +46,7 @@ protected:
         ASSERT_TRUE(storm.ExitedWith(0));
     }
 
-    void Stop() const { ASSERT_EQ(kill(agent.GetPid(), SIGSTOP), 0); }
+    void Stop() const { Pause(agent.GetPid()); }
     void Continue() const { ASSERT_EQ(kill(agent.GetPid(), SIGCONT), 0); }
 
     Agent agent;
