@@ -1,6 +1,5 @@
 #include "agent/process_collect/ProcConnector.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -8,6 +7,7 @@
 #include <poll.h>
 #include <sys/utsname.h>
 
+#include "agent/process_collect/PollTimeout.h"
 #include "sdk/TimeUtils.h"
 
 namespace Engine {
@@ -15,11 +15,6 @@ namespace Engine {
 namespace {
 
 using Kinds = ProcSocket::Kinds;
-
-// The shorter of two times as poll(2) takes them: -1 is for ever.
-int Shorter(int leftMs, int rightMs) {
-    return leftMs < 0 || rightMs < 0 ? std::max(leftMs, rightMs) : std::min(leftMs, rightMs);
-}
 
 } // namespace
 
@@ -46,10 +41,10 @@ void ProcConnector::Wait(int stopFd, int timeoutMs) {
     std::array<pollfd, 3> waited{pollfd{mFirst.GetFd(), POLLIN, 0}, pollfd{stopFd, POLLIN, 0},
                                  pollfd{mSecond && !mGathering ? mSecond->GetFd() : -1, POLLIN, 0}};
     constexpr int GATHER_MS = static_cast<int>(GATHER_TIME.count());
-    poll(waited.data(), waited.size(), mGathering ? Shorter(timeoutMs, GATHER_MS) : timeoutMs);
+    poll(waited.data(), waited.size(), mGathering ? ShorterTimeout(timeoutMs, GATHER_MS) : timeoutMs);
     if (waited[0].revents == 0 && waited[1].revents == 0 && waited[2].revents != 0) {
         waited[2].fd = -1;
-        poll(waited.data(), waited.size(), Shorter(timeoutMs, GATHER_MS));
+        poll(waited.data(), waited.size(), ShorterTimeout(timeoutMs, GATHER_MS));
     }
 }
 

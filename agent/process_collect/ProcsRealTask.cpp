@@ -10,6 +10,7 @@
 
 #include <pthread.h>
 
+#include "agent/process_collect/PollTimeout.h"
 #include "framework/Engine.h"
 #include "framework/Scope.h"
 #include "modules/ProcsMessage.h"
@@ -186,7 +187,7 @@ int ProcsRealTask::GetTimeoutMs() const {
     int timeoutMs = -1;
     for (const int each :
          {mForks.GetTimeoutMs(now), mDoubtfulForks.GetTimeoutMs(now), mUndescribed > 0 ? DESCRIPTION_PAUSE_MS : -1}) {
-        timeoutMs = timeoutMs < 0 || each < 0 ? std::max(timeoutMs, each) : std::min(timeoutMs, each);
+        timeoutMs = ShorterTimeout(timeoutMs, each);
     }
     return timeoutMs;
 }
