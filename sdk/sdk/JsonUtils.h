@@ -15,13 +15,14 @@ namespace SDK {
 class JsonUtils {
 public:
     // Parses exactly `length` bytes of `text` as one strict JSON document (RFC 8259) whose root is
-    // an object or an array: no comments, no trailing text, no repeated keys. Returns 0 and sets
-    // `value` on success; -1 otherwise, `value` untouched.
+    // an object or an array: no comments, no trailing text, no repeated keys. One UTF-8 byte order mark
+    // at its beginning is passed over. Returns 0 and sets `value` on success; -1 otherwise, `value`
+    // untouched.
     static int ParseJsonStr(const char* text, std::size_t length, Json::Value& value);
     static int ParseJsonStr(const std::string& text, Json::Value& value);
 
-    // Where a text stops being a JSON document: line and column, in bytes, count from 1; 0 when that
-    // cannot be told.
+    // Where a text stops being a JSON document: line and column, in bytes behind a byte order mark, count
+    // from 1; 0 when that cannot be told.
     struct Fault {
         std::size_t line = 0;
         std::size_t column = 0;

@@ -158,6 +158,30 @@ TEST(ParseJson, AFailureSaysWhereAndWhy) {
     EXPECT_EQ(faultOf(Nested(100000)), "0:0 it is nested too deeply");
 }
 
+TEST(ParseJson, OneByteOrderMarkIsPassedOver) {
+    const std::string mark = "\xEF\xBB\xBF";
+    Json::Value value;
+    EXPECT_EQ(JsonUtils::ParseJsonStr(mark + "[1]", value), 0);
+    EXPECT_EQ(value[0], 1);
+    EXPECT_EQ(JsonUtils::ParseJsonStr(mark + mark + "[1]", value), -1);
+    EXPECT_EQ(JsonUtils::ParseJsonStr("[1]" + mark, value), -1);
+    EXPECT_EQ(JsonUtils::ParseJsonStr(mark, value), -1);
+}
+
+TEST(ParseJson, PlacesAreCountedBehindAByteOrderMark) {
+    const std::string mark = "\xEF\xBB\xBF";
+    for (const std::string text : {"1", "\"a\"", "{\"a\" 1}", "[\n\"\ty\"]", "01", ""}) {
+        Json::Value value;
+        JsonUtils::Fault plain;
+        JsonUtils::Fault marked;
+        EXPECT_EQ(JsonUtils::ParseJsonStr(text, value, plain), -1) << text;
+        EXPECT_EQ(JsonUtils::ParseJsonStr(mark + text, value, marked), -1) << text;
+        EXPECT_EQ(marked.line, plain.line) << text;
+        EXPECT_EQ(marked.column, plain.column) << text;
+        EXPECT_EQ(marked.reason, plain.reason) << text;
+    }
+}
+
 TEST(ParseJson, WhatIsAcceptedHasNoFault) {
     Json::Value value;
     JsonUtils::Fault fault;
