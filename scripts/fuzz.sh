@@ -3,7 +3,8 @@
 # named, for SECONDS (60 unless told otherwise), as many at a time as there are processors. Each begins with what
 # is committed in tests/fuzz/corpus/NAME and with what earlier runs have left in build-fuzz/corpus/NAME. Ends
 # with a table; the exit status is 0 only when no fuzzer found anything. What it found is shown and kept in
-# build-fuzz/findings. docs/architecture.md says what to do with it.
+# build-fuzz/findings. docs/architecture.md says what to do with it. FUZZ_SEED, when it is set, is where the random
+# numbers begin: the same build from the same corpus then tries the same inputs.
 . "$(dirname "$0")/lib/common.sh"
 
 seconds=${1:-60}
@@ -50,7 +51,7 @@ fuzz() {
     [[ ! -f $SOURCE/$name.dict ]] || options+=("-dict=$SOURCE/$name.dict")
     mkdir -p "$BUILD/corpus/$name"
     "$BUILD/fuzzers/$name" -max_total_time="$2" -max_len="$(max_bytes "$name")" -timeout=25 -rss_limit_mb=2048 \
-        -malloc_limit_mb=1024 -print_final_stats=1 -artifact_prefix="$BUILD/findings/$name-" "${options[@]}" \
+        -malloc_limit_mb=1024 -seed="${FUZZ_SEED:-0}" -print_final_stats=1 -artifact_prefix="$BUILD/findings/$name-" "${options[@]}" \
         "$BUILD/corpus/$name" "$SOURCE/corpus/$name" >"$BUILD/logs/$name.log" 2>&1
     echo $? >"$BUILD/logs/$name.status"
 }
