@@ -97,10 +97,9 @@ constexpr unsigned long GET_INFO = _IOWR(0xFF, 11, PidfdInfo);
 
 // The id of the process's v2 group; nothing when the process is gone, or the kernel does not tell. A look
 // into /proc takes twice as long, and makes the kernel tidy up there when the process ends.
-std::optional<std::uint64_t> AskGroupId(int pid) {
-    const SDK::FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+std::optional<std::uint64_t> AskGroupId(int pidfd) {
     PidfdInfo info{PidfdInfo::CGROUP_ID, 0, {}};
-    if (!process.IsOpen() || ioctl(process.Get(), GET_INFO, &info) != 0 || (info.mask & PidfdInfo::CGROUP_ID) == 0) {
+    if (pidfd < 0 || ioctl(pidfd, GET_INFO, &info) != 0 || (info.mask & PidfdInfo::CGROUP_ID) == 0) {
         return std::nullopt;
     }
     return info.cgroupId;
@@ -157,7 +156,18 @@ std::optional<bool> Scope::Ask(int pid) {
     if (!IsLimited()) {
         return true;
     }
-    const std::optional<std::uint64_t> group = AskGroupId(pid);
+    const SDK::FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    if (!process.IsOpen() && errno == ESRCH) {
+        return std::nullopt;
+    }
+    return Ask(pid, process.Get());
+}
+
+std::optional<bool> Scope::Ask(int pid, int pidfd) {
+    if (!IsLimited()) {
+        return true;
+    }
+    const std::optional<std::uint64_t> group = AskGroupId(pidfd);
     if (const std::optional<bool> known = group ? FindKnown(*group) : std::nullopt) {
         return known;
     }
@@ -168,7 +178,7 @@ std::optional<bool> Scope::Ask(int pid) {
     }
     const bool inLimit = IsInLimit(FindV2Group(*groups));
     // Only a process that has stayed where it was tells what the group is called.
-    if (group && AskGroupId(pid) == group) {
+    if (group && AskGroupId(pidfd) == group) {
         Remember(*group, inLimit);
     }
     return inLimit;

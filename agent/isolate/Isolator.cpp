@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -31,6 +32,9 @@ constexpr mode_t NOT_EXECUTABLE = S_IRUSR;
 
 // Deeper than any real chain of parents; a longer one is taken for inconclusive.
 constexpr std::size_t MAX_ANCESTORS = 1024;
+
+// What it takes a small process to be gone, and its parent to run.
+constexpr std::chrono::microseconds DEATH_TIME{100};
 
 // By number: Debian 12's C library has the wrappers, older ones do not.
 int OpenPidfd(int pid) {
@@ -104,7 +108,7 @@ const char* FindObjectionToPid(int pid) {
 
 // The same for the process that has the number now. A process that is gone is no objection; the
 // signal will not find it. Kernel threads have no image.
-const char* FindObjectionToProcess(int pid, bool hasImage) {
+const char* FindObjectionToProcess(int pid, const SDK::FileDescriptor& process, bool hasImage) {
     SDK::ProcStat stat;
     if (!hasImage && SDK::ProcStat::Read(pid, stat) == 0 && stat.IsKernelThread()) {
         return "it is a kernel thread";
@@ -112,7 +116,7 @@ const char* FindObjectionToProcess(int pid, bool hasImage) {
     if (MayBeAncestor(pid)) {
         return "it is an ancestor of the agent";
     }
-    if (!Framework::Scope::Contains(pid)) {
+    if (!Framework::Scope::Ask(pid, process.Get()).value_or(false)) {
         return "it is outside the agent's scope";
     }
     return nullptr;
@@ -129,6 +133,13 @@ Image GetImage(int pid) {
 
 std::string LinkOf(const SDK::FileDescriptor& file) {
     return "/proc/self/fd/" + std::to_string(file.Get());
+}
+
+// A process dies on the processor that it ran on last, and whoever waits for its death wakes on the one where he
+// fell asleep; either may well be this one. What is still to be done here, files and reports, would hold them up.
+// Yielding does not help: they come a moment later.
+void StepAside() {
+    std::this_thread::sleep_for(DEATH_TIME);
 }
 
 bool Kill(int pid, const SDK::FileDescriptor& process) {
@@ -201,7 +212,7 @@ IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, b
         return result;
     }
     const Image image = GetImage(pid);
-    if (const char* objection = FindObjectionToProcess(pid, image.has_value())) {
+    if (const char* objection = FindObjectionToProcess(pid, process, image.has_value())) {
         return Refuse(pid, path, objection);
     }
     // What was read by pid just now was the process's own only if it still has the pid.
@@ -212,9 +223,9 @@ IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, b
     // The kill first: it is what cannot wait.
     result.killed = kill && Kill(pid, process);
     result.killedNs = result.killed ? SDK::TimeUtils::GetMonotonicNs() : 0;
-    // A process dies on the processor that it ran on last, which may well be this one: what is still to be done
-    // here, files and reports, would hold its death up.
-    sched_yield();
+    if (result.killed) {
+        StepAside();
+    }
     result.madeUnexecutable = chmod && MakeUnexecutable(path, image);
     return result;
 }

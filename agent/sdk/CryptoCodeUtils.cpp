@@ -45,7 +45,7 @@ std::string CryptoCodeUtils::GenerateUUID() {
 
 std::string CryptoCodeUtils::GetSha256(const std::string& text) {
     MessageDigest digest;
-    return digest.Start("SHA256") && digest.Update(text.data(), text.size()) ? digest.Finish() : "";
+    return digest.Start(MessageDigest::SHA256) && digest.Update(text.data(), text.size()) ? digest.Finish() : "";
 }
 
 } // namespace SDK

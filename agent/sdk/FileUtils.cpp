@@ -27,7 +27,6 @@ namespace SDK {
 namespace {
 
 constexpr std::size_t BUFFER_BYTES = 65536;
-constexpr const char* SHA256 = "SHA256";
 
 int CheckRegular(const struct stat& info) {
     if (S_ISDIR(info.st_mode)) {
@@ -263,13 +262,16 @@ int FileUtils::GetFileSha256(const std::string& path, std::string& digest, std::
     return DigestFile(path, digest, [&](int fd, std::string& computed) {
         return DigestCache::Instance().Get(
             fd, maxBytes,
-            [&](int file, std::string& fresh) { return DigestContentTimed(file, SHA256, fresh, maxBytes); }, computed);
+            [&](int file, std::string& fresh) {
+                return DigestContentTimed(file, MessageDigest::SHA256, fresh, maxBytes);
+            },
+            computed);
     });
 }
 
 int FileUtils::GetFileHash(const std::string& path, const std::string& algorithm, std::string& digest,
                            std::uint64_t maxBytes) {
-    if (algorithm == SHA256) {
+    if (algorithm == MessageDigest::SHA256) {
         return GetFileSha256(path, digest, maxBytes);
     }
     return DigestFile(path, digest, [&](int fd, std::string& computed) {

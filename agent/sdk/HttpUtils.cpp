@@ -36,7 +36,7 @@ class Body {
 public:
     explicit Body(const std::string& destination) : mFile(destination) {}
 
-    bool Open() { return mFile.Open() == 0 && mDigest.Start("SHA256"); }
+    bool Open() { return mFile.Open() == 0 && mDigest.Start(MessageDigest::SHA256); }
 
     // 0 or a result of Download.
     int Append(const char* data, std::size_t length) {

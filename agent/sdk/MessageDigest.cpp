@@ -8,11 +8,25 @@
 
 namespace SDK {
 
+namespace {
+
+using DigestType = std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)>;
+
+DigestType Fetch(const std::string& algorithm) {
+    return {EVP_MD_fetch(nullptr, algorithm.c_str(), nullptr), &EVP_MD_free};
+}
+
+} // namespace
+
 bool MessageDigest::Start(const std::string& algorithm) {
-    const std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)> type(EVP_MD_fetch(nullptr, algorithm.c_str(), nullptr),
-                                                               &EVP_MD_free);
+    // Looking it up takes longer than hashing a kilobyte. Never freed: threads may still hash while the process
+    // exits.
+    static const auto* const sha256 = new DigestType(Fetch(SHA256));
+    const bool isSha256 = algorithm == SHA256;
+    const DigestType other = isSha256 ? DigestType(nullptr, &EVP_MD_free) : Fetch(algorithm);
+    const EVP_MD* const type = isSha256 ? sha256->get() : other.get();
     mContext.reset(EVP_MD_CTX_new());
-    const bool started = type && mContext && EVP_DigestInit_ex(mContext.get(), type.get(), nullptr) == 1;
+    const bool started = type != nullptr && mContext && EVP_DigestInit_ex(mContext.get(), type, nullptr) == 1;
     if (!started) {
         // The failure is reported by the result; the thread's error queue belongs to others.
         ERR_clear_error();

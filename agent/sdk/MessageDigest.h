@@ -13,7 +13,9 @@ namespace SDK {
 // Start comes first; after a Start that failed only another Start is allowed. Not thread-safe.
 class MessageDigest {
 public:
-    // `algorithm` as OpenSSL names it ("SHA256"). False when OpenSSL offers none of that name.
+    static constexpr const char* SHA256 = "SHA256";
+
+    // `algorithm` as OpenSSL names it. False when OpenSSL offers none of that name.
     bool Start(const std::string& algorithm);
 
     // False when OpenSSL fails; the digest is lost then.

@@ -137,10 +137,17 @@ bool IsChild(int pid) {
     return pid > 0 && waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0;
 }
 
+// The file that the process runs, or that the thread holds as its image. False when nobody can tell.
+bool StatImage(int pid, struct stat& image) {
+    const ProcessImage* const held = ProcessImage::Of(pid);
+    return held != nullptr && held->GetFd() >= 0 ? fstat(held->GetFd(), &image) == 0
+                                                 : stat(ProcPath(pid, "exe").c_str(), &image) == 0;
+}
+
 // A link in the bin folder does not make the program that it leads to one of the agent's.
 bool RunsOwnProgram(int pid) {
     struct stat image {};
-    if (stat(ProcPath(pid, "exe").c_str(), &image) != 0) {
+    if (!StatImage(pid, image)) {
         return false;
     }
     const std::string folder = PathUtils::GetInstallationPath() + "bin/";

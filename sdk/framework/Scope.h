@@ -24,6 +24,10 @@ public:
     // nobody can tell, or could not be looked at (SDK::Shortage).
     static std::optional<bool> Ask(int pid);
 
+    // The same of the process that the pidfd refers to, whose pid this is, for who holds one. Below 0 stands for
+    // none.
+    static std::optional<bool> Ask(int pid, int pidfd);
+
     // The same with a process that is gone taken for one outside.
     static bool Contains(int pid);
 

@@ -10,8 +10,11 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "agent/sdk/FileDescriptor.h"
 
 using Framework::Scope;
 
@@ -214,4 +217,34 @@ TEST_F(ScopeTest, OfAProcessThatIsGoneNobodyCanTellWithALimit) {
     EXPECT_EQ(Scope::Ask(child.Pid()), std::nullopt);
     Scope::SetCgroup("");
     EXPECT_EQ(Scope::Ask(child.Pid()), std::optional(true));
+}
+
+TEST_F(ScopeTest, AHeldProcessIsAskedThroughItsDescriptor) {
+    const TestGroup group;
+    if (!group.IsMade()) {
+        GTEST_SKIP() << "no control group (v2) can be made here";
+    }
+    IdleChild child;
+    const SDK::FileDescriptor held(static_cast<int>(syscall(SYS_pidfd_open, child.Pid(), 0)));
+    ASSERT_TRUE(held.IsOpen());
+    Scope::SetCgroup(group.Name());
+    EXPECT_EQ(Scope::Ask(child.Pid(), held.Get()), std::optional(false));
+    ASSERT_TRUE(group.Move(child.Pid(), group.Name()));
+    EXPECT_EQ(Scope::Ask(child.Pid(), held.Get()), std::optional(true));
+    child.End();
+    EXPECT_EQ(Scope::Ask(child.Pid(), held.Get()), std::nullopt);
+    Scope::SetCgroup("");
+    EXPECT_EQ(Scope::Ask(child.Pid(), held.Get()), std::optional(true));
+}
+
+TEST_F(ScopeTest, WithoutADescriptorTheProcessIsAskedByItsNumber) {
+    const TestGroup group;
+    if (!group.IsMade()) {
+        GTEST_SKIP() << "no control group (v2) can be made here";
+    }
+    const IdleChild child;
+    ASSERT_TRUE(group.Move(child.Pid(), group.Name()));
+    Scope::SetCgroup(group.Name());
+    EXPECT_EQ(Scope::Ask(child.Pid(), -1), std::optional(true));
+    EXPECT_EQ(Scope::Ask(getpid(), -1), std::optional(false));
 }

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "TrustEngineTest.h"
+#include "sdk/ProcessImage.h"
 #include "support/ForeignProcess.h"
 
 namespace EngineTest {
@@ -156,6 +157,21 @@ TEST_F(PrelinkTest, WhatIsNoElfFileIsNotPrelinked) {
     EXPECT_FALSE(engine.IsPrelinkedProcess((root / "fifo").c_str()));
     EXPECT_EQ(log.Count(Message::PRIO_DEBUG, "not an elf file!"), 5);
     EXPECT_EQ(log.Records().size(), 5U);
+}
+
+TEST_F(PrelinkTest, OfAHeldImageItIsAskedWhatRunsAndNotWhatLiesAtThePath) {
+    const std::string program = TestSupport::TempDir::ReadText("/bin/sleep");
+    const std::string path = root.Write("sleep", Prelinked(program));
+    chmod(path.c_str(), 0755);
+    const TestSupport::ForeignProcess process({.words = {path, "600"}});
+    std::filesystem::remove(path);
+    root.Write("sleep", program);
+    EXPECT_FALSE(engine.IsPrelinkedProcess(path.c_str()));
+    {
+        const SDK::ProcessImage held(process.Pid());
+        EXPECT_TRUE(engine.IsPrelinkedProcess(path.c_str()));
+    }
+    EXPECT_FALSE(engine.IsPrelinkedProcess(path.c_str()));
 }
 
 // Some devices act when they are opened.
