@@ -2,9 +2,9 @@
 
 #include <cerrno>
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include "agent/sdk/Pidfd.h"
 #include "sdk/Shortage.h"
 
 namespace Framework {
@@ -15,10 +15,9 @@ thread_local const HandledEvent* handled = nullptr;
 
 } // namespace
 
-// By number: Debian 12's C library has the wrapper, older ones do not.
 HandledEvent::HandledEvent(std::uint64_t timestampNs, int pid) : mOuter(handled), mTimestampNs(timestampNs), mPid(pid) {
     if (mPid > 0) {
-        mPidfd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
+        mPidfd = SDK::OpenPidfd(mPid);
         mError = mPidfd < 0 ? SDK::Shortage::Note(errno) : 0;
     }
     handled = this;

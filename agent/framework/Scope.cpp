@@ -9,11 +9,10 @@
 #include <unordered_map>
 
 #include <fcntl.h>
-#include <sys/ioctl.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/Pidfd.h"
 #include "sdk/RwLock.h"
 #include "sdk/Shortage.h"
 
@@ -83,26 +82,9 @@ std::string_view FindV2Group(std::string_view lines) {
     return {};
 }
 
-// struct pidfd_info and PIDFD_GET_INFO of include/uapi/linux/pidfd.h, Linux 6.13, which the system's headers
-// need not have. The kernel fills in what is asked for in `mask` and it knows.
-struct PidfdInfo {
-    static constexpr std::uint64_t CGROUP_ID = 1U << 2U;
-
-    std::uint64_t mask;
-    std::uint64_t cgroupId;
-    std::array<std::uint32_t, 12> others;
-};
-static_assert(sizeof(PidfdInfo) == 64);
-constexpr unsigned long GET_INFO = _IOWR(0xFF, 11, PidfdInfo);
-
-// The id of the process's v2 group; nothing when the process is gone, or the kernel does not tell. A look
-// into /proc takes twice as long, and makes the kernel tidy up there when the process ends.
 std::optional<std::uint64_t> AskGroupId(int pidfd) {
-    PidfdInfo info{PidfdInfo::CGROUP_ID, 0, {}};
-    if (pidfd < 0 || ioctl(pidfd, GET_INFO, &info) != 0 || (info.mask & PidfdInfo::CGROUP_ID) == 0) {
-        return std::nullopt;
-    }
-    return info.cgroupId;
+    const std::optional<SDK::PidfdInfo> info = SDK::AskPidfd(pidfd);
+    return info ? info->cgroupId : std::nullopt;
 }
 
 std::optional<bool> FindKnown(std::uint64_t group) {
@@ -156,7 +138,7 @@ std::optional<bool> Scope::Ask(int pid) {
     if (!IsLimited()) {
         return true;
     }
-    const SDK::FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    const SDK::FileDescriptor process(SDK::OpenPidfd(pid));
     if (!process.IsOpen() && errno == ESRCH) {
         return std::nullopt;
     }

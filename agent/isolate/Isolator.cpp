@@ -11,11 +11,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
 #include "agent/sdk/ImagePath.h"
+#include "agent/sdk/Pidfd.h"
 #include "framework/HandledEvent.h"
 #include "framework/Scope.h"
 #include "sdk/ModuleLog.h"
@@ -36,16 +36,9 @@ constexpr std::size_t MAX_ANCESTORS = 1024;
 // What it takes a small process to be gone, and its parent to run.
 constexpr std::chrono::microseconds DEATH_TIME{100};
 
-// By number: Debian 12's C library has the wrappers, older ones do not.
-int OpenPidfd(int pid) {
-    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-}
 // A descriptor of its own.
 int Duplicate(int fd) {
     return fcntl(fd, F_DUPFD_CLOEXEC, 0);
-}
-bool SendSignal(int pidfd, int signal) {
-    return syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) == 0;
 }
 
 // The process that is meant: the one that the event being handled was about when its handling began, or whoever
@@ -54,7 +47,7 @@ int OpenMeantProcess(int pid) {
     int pidfd = -1;
     int error = 0;
     if (!Framework::HandledEvent::IsAbout(pid, pidfd, error)) {
-        return OpenPidfd(pid);
+        return SDK::OpenPidfd(pid);
     }
     errno = error;
     return pidfd < 0 ? -1 : Duplicate(pidfd);
@@ -143,7 +136,7 @@ void StepAside() {
 }
 
 bool Kill(int pid, const SDK::FileDescriptor& process) {
-    if (SendSignal(process.Get(), SIGKILL)) {
+    if (SDK::SendPidfdSignal(process.Get(), SIGKILL)) {
         return true;
     }
     moduleLog.Error("process [%d] could not be killed: %s", pid, std::strerror(errno));
@@ -216,7 +209,7 @@ IsolationResult Isolator::Isolate(int pid, const std::string& path, bool kill, b
         return Refuse(pid, path, objection);
     }
     // What was read by pid just now was the process's own only if it still has the pid.
-    if (!SendSignal(process.Get(), 0)) {
+    if (!SDK::SendPidfdSignal(process.Get(), 0)) {
         moduleLog.Error("process [%d] [%s] could not be isolated: %s", pid, path, std::strerror(errno));
         return result;
     }

@@ -1,8 +1,11 @@
 #include "agent/process_collect/ProcsScanTask.h"
 
+#include <optional>
 #include <utility>
 
 #include "agent/process_collect/ProcessList.h"
+#include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/Pidfd.h"
 #include "framework/Scope.h"
 #include "sdk/PathUtils.h"
 #include "sdk/ProcStat.h"
@@ -16,17 +19,29 @@ constexpr unsigned int QUEUE_CAPACITY = 16;
 constexpr int IDLE_WAIT_MS = 3600 * 1000;
 constexpr std::size_t MAX_CMDLINE_BYTES = 4096;
 
-// False when there is no such process (any more), it has ended, or it has no image: a kernel thread. The image
-// first: it is what the kernel's own threads, often most of what runs, are told by at once.
-bool Describe(int pid, ProcsMessage::procInfo& info) {
+// False when the process does not run any more, or is a kernel thread.
+bool FindParent(int pid, int& ppid) {
+    const SDK::FileDescriptor process(SDK::OpenPidfd(pid));
+    if (const std::optional<SDK::PidfdInfo> info = SDK::AskPidfd(process.Get())) {
+        ppid = info->ppid;
+        return true;
+    }
     SDK::ProcStat stat;
-    if (SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0 || SDK::ProcStat::Read(pid, stat) != 0 ||
-        stat.IsKernelThread() || stat.HasEnded() ||
+    if (SDK::ProcStat::Read(pid, stat) != 0 || stat.IsKernelThread() || stat.HasEnded()) {
+        return false;
+    }
+    ppid = stat.ppid;
+    return true;
+}
+
+// False when there is no such process (any more), it has ended, or it has no image: a kernel thread. The image
+// first: the kernel's own threads, often most of what runs, and processes that have ended have none.
+bool Describe(int pid, ProcsMessage::procInfo& info) {
+    if (SDK::ProcessUtils::GetProcessExePath(pid, info.path) != 0 || !FindParent(pid, info.ppid) ||
         SDK::ProcessUtils::GetProcessCmdline(pid, info.cmdline, MAX_CMDLINE_BYTES) != 0) {
         return false;
     }
     info.pid = pid;
-    info.ppid = stat.ppid;
     info.name = SDK::PathUtils::GetFileNameFromPath(info.path);
     return true;
 }

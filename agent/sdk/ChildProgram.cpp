@@ -14,11 +14,11 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/Pidfd.h"
 #include "agent/sdk/WriteConfinement.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/StrUtils.h"
@@ -188,7 +188,7 @@ bool Reap(pid_t pid, int options, int& result) {
 }
 
 int WaitReading(pid_t pid, FileDescriptor& pipe, std::string& output, std::size_t maxOutput, int timeoutMs) {
-    const FileDescriptor ended(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    const FileDescriptor ended(OpenPidfd(pid));
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     int result = RUN_NOT_STARTED;
     while (!Reap(pid, WNOHANG, result)) {

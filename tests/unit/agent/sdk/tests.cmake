@@ -5,7 +5,9 @@ corvalent_add_test(sdk_json_test ${TEST_DIR}/JsonUtilsTest.cpp LIBS sdk)
 corvalent_add_test(sdk_file_test
   ${TEST_DIR}/FileUtilsTest.cpp ${TEST_DIR}/DigestCacheTest.cpp ${TEST_DIR}/AheadReaderTest.cpp
   LIBS sdk OpenSSL::Crypto)
-corvalent_add_test(sdk_process_test ${TEST_DIR}/ProcessUtilsTest.cpp ${TEST_DIR}/ProcessImageTest.cpp LIBS sdk)
+corvalent_add_test(sdk_process_test ${TEST_DIR}/ProcessUtilsTest.cpp ${TEST_DIR}/ProcessImageTest.cpp
+  ${TEST_DIR}/PidfdTest.cpp
+  LIBS sdk)
 corvalent_add_test(sdk_http_test ${TEST_DIR}/HttpUtilsTest.cpp LIBS sdk PkgConfig::HTTPLIB OpenSSL::SSL OpenSSL::Crypto)
 corvalent_add_test(sdk_command_test ${TEST_DIR}/CommandLineTest.cpp ${TEST_DIR}/ExecuteCmdUtilsTest.cpp LIBS sdk)
 corvalent_add_test(sdk_governor_test ${TEST_DIR}/CpuGovernorTest.cpp LIBS sdk)
