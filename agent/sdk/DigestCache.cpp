@@ -37,6 +37,10 @@ bool IsKernelFileSystem(const struct statfs& info) {
     return std::find(KERNEL_FILE_SYSTEMS.begin(), KERNEL_FILE_SYSTEMS.end(), type) != KERNEL_FILE_SYSTEMS.end();
 }
 
+bool CanOnlyRootWrite(const struct stat& info) {
+    return info.st_uid == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 } // namespace
 
 DigestCache::DigestCache(std::size_t maxEntries, Clock clock) : mMaxEntries(maxEntries), mClock(std::move(clock)) {}
@@ -73,7 +77,7 @@ DigestCache::Key DigestCache::MakeKey(const struct stat& info, const struct stat
     return key;
 }
 
-// What the file is known by; `reliable` says whether its file system can be believed. False when the file
+// What the file is known by; `reliable` says whether that can be believed. False when the file
 // cannot be asked.
 bool DigestCache::Identify(int fd, std::uint64_t maxBytes, Key& key, bool& reliable) {
     struct stat info {};
@@ -82,7 +86,7 @@ bool DigestCache::Identify(int fd, std::uint64_t maxBytes, Key& key, bool& relia
         return false;
     }
     key = MakeKey(info, system, maxBytes);
-    reliable = IsKernelFileSystem(system);
+    reliable = IsKernelFileSystem(system) && CanOnlyRootWrite(info);
     return true;
 }
 

@@ -32,6 +32,9 @@ namespace SDK {
 //                 change the content afterwards without another ctime.
 //     but         tmpfs, and so what memfd_create(2) gives, is not told of such a store at all: a page that was
 //                 read through the mapping first is then changed without another ctime.
+//     but         ext4, XFS and F2FS exchange the blocks of two files for whoever may write to both
+//                 (EXT4_IOC_MOVE_EXT, XFS_IOC_EXCHANGE_RANGE, F2FS_IOC_MOVE_RANGE), and not all of them, in all
+//                 versions, set it for both: Linux 6.18 does not for the second file of ext4's.
 //     but         it follows the machine's clock, which can be set back.
 //     but         a file system in user space or over a network tells whatever its server likes.
 //
@@ -39,16 +42,18 @@ namespace SDK {
 // read limit, only if all of this held:
 //
 //     1. the file system is one of the kernel's own, in which every change moves ctime (a list in the source);
-//     2. before the content was read, ctime lay at least SETTLE_TIME in the past, by the clock that the
+//     2. nobody but root may write to the file: it is root's, and neither its group nor others have the right
+//        (a list of access rights shows in the group's);
+//     3. before the content was read, ctime lay at least SETTLE_TIME in the past, by the clock that the
 //        kernel takes it from, so that every change from then on gives another ctime;
-//     3. after that, nobody had the file open for writing or mapped so: a read lease (fcntl(2), F_SETLEASE)
+//     4. after that, nobody had the file open for writing or mapped so: a read lease (fcntl(2), F_SETLEASE)
 //        was granted. It is given back at once; nobody's open waits for the reading;
-//     4. after the content was read, all of the key was as before.
+//     5. after the content was read, all of the key was as before.
 //
 // The digest of a file that fails one of these is right for the moment that it was read in, as ever, and is
-// computed anew the next time. When the clock goes back, everything is forgotten.
+// computed anew the next time. When a digest is computed and the clock has gone back, everything is forgotten.
 //
-// Not defended against: who writes to the block device below the file system, or has the kernel's rights.
+// Not defended against: root, who writes to the block device below the file system, or has the kernel's rights.
 //
 // In memory only, MAX_ENTRIES at most; the least recently used goes. Several threads that ask for one file
 // at a time share one computation. Thread-safe.

@@ -170,7 +170,6 @@ const std::vector<Capability>& AgentCapabilities() {
         {CAP_KILL, "CAP_KILL", "to kill others' processes", Need::TO_BLOCK},
         {CAP_FOWNER, "CAP_FOWNER", "to make others' files not executable", Need::TO_BLOCK},
         {CAP_SYS_ADMIN, "CAP_SYS_ADMIN", "to watch files", Need::FOR_DIRECTORIES},
-        {CAP_LEASE, "CAP_LEASE", "to remember digests of others' files", Need::FOR_SPEED},
     };
     return ALL;
 }

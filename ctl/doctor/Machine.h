@@ -69,7 +69,7 @@ std::string FindCgroupMount(const Machine& machine);
 
 // A capability that the agent uses, of capabilities(7).
 struct Capability {
-    enum class Need { ALWAYS, TO_BLOCK, FOR_DIRECTORIES, FOR_SPEED };
+    enum class Need { ALWAYS, TO_BLOCK, FOR_DIRECTORIES };
 
     unsigned int number; // include/uapi/linux/capability.h
     const char* name;

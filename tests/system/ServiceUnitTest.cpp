@@ -230,16 +230,10 @@ bool IsRememberedAfterAWhile(Agent& agent, const std::string& program) {
     });
 }
 
-TEST_F(ServiceUnit, DigestsOfOtherUsersProgramsAreRemembered) {
-    agent.Start();
-    EXPECT_TRUE(IsRememberedAfterAWhile(agent, MakeProgramOfNobody("program")));
-    agent.Stop();
-}
-
-TEST_F(ServiceUnit, WithoutLeaseDigestsOfOtherUsersProgramsAreComputedAnew) {
+// Of a file that somebody else can write to no digest is remembered.
+TEST_F(ServiceUnit, DigestsOfRootsProgramsAreRememberedAndThoseOfOthersComputedAnew) {
     const std::string program = MakeProgramOfNobody("program");
     const std::string own = agent.MakeProgram("own");
-    agent.SetLauncher(WithTheUnitsCapabilities("lease"));
     agent.Start();
     // The later of the two can be remembered, so time is no reason any more why the other could not.
     EXPECT_TRUE(IsRememberedAfterAWhile(agent, own));

@@ -313,6 +313,32 @@ TEST_F(DigestCacheTest, AFileSystemThatTheKernelDoesNotKeepIsNotBelieved) {
     EXPECT_EQ(cache.GetFigures().refused, 2U);
 }
 
+// They can exchange its blocks with those of another file, which moves no time.
+TEST_F(DigestCacheTest, AFileThatOthersThanRootCanWriteToIsNotRemembered) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    constexpr uid_t NOBODY = 65534;
+    const std::string path = dir.Write("file", "content");
+    const auto isRemembered = [&] {
+        Ask(path);
+        const int before = computations;
+        EXPECT_EQ(Ask(path), "content");
+        return computations == before;
+    };
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    EXPECT_TRUE(isRemembered());
+    for (const mode_t mode : {0775, 0757, 0777}) {
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+        EXPECT_FALSE(isRemembered()) << std::oct << mode;
+    }
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    ASSERT_EQ(chown(path.c_str(), NOBODY, 0), 0);
+    EXPECT_FALSE(isRemembered());
+    ASSERT_EQ(chown(path.c_str(), 0, NOBODY), 0);
+    EXPECT_TRUE(isRemembered());
+}
+
 TEST_F(DigestCacheTest, ThreadsThatAskForOneFileAtATimeShareOneComputation) {
     const std::string path = dir.Write("file", "content");
     constexpr int THREADS = 8;

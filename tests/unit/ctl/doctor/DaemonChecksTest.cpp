@@ -82,8 +82,6 @@ TEST_F(DaemonChecksTest, ItsRightsAreMeasuredByWhatThePolicyAsksFor) {
     subject.policy = {true, false, false};
     WriteCapabilities("4711", "000001ffffffefff");
     ExpectFailure("its rights", "missing: CAP_NET_ADMIN (to hear of process starts)");
-    WriteCapabilities("4711", "000001ffefffffff");
-    ExpectWarning("its rights", "CAP_LEASE (to remember digests of others' files)");
     Remove("4711/status");
     ExpectWarning("its rights", "not known");
 }
