@@ -21,13 +21,14 @@ namespace {
 constexpr std::uint64_t WHEN_IS_NOT_KNOWN = 0;
 
 // True unless the child of a fork has executed since: then the exec's own event covers the fork. The
-// fork of a child that is gone already is still due; that of a child whose pid is another's is not.
+// fork of a child that is gone already is still due; that of a child whose pid is another's is not. 0 stands for
+// a child that could not be looked at when it was announced.
 bool IsForkStillDue(int child, std::uint64_t childStartTime) {
     SDK::ProcStat stat;
     if (SDK::ProcStat::Read(child, stat) != 0) {
         return true;
     }
-    return stat.startTime == childStartTime && !stat.HasExecuted();
+    return (childStartTime == 0 || stat.startTime == childStartTime) && !stat.HasExecuted();
 }
 
 bool HasRoom(const Framework::Task& task) {
@@ -138,14 +139,11 @@ void Announcer::WakeSubscribers() {
     }
 }
 
-void Announcer::Describe(bool isComplete) {
+void Announcer::Describe() {
     std::vector<int> pids;
     {
         const SDK::WriteGuard guard(mLock);
         pids.swap(mUndescribed);
-    }
-    if (!isComplete) {
-        return;
     }
     for (const int pid : pids) {
         const SDK::WriteGuard guard(mLock);
@@ -153,8 +151,22 @@ void Announcer::Describe(bool isComplete) {
         SDK::ProcStat stat;
         if (known != mTable.end() && known->second.startTime == 0 && SDK::ProcStat::Read(pid, stat) == 0) {
             Record(pid, stat);
+            mDescribed.push_back(pid);
         }
     }
+}
+
+void Announcer::OnRead(bool isComplete) {
+    const SDK::WriteGuard guard(mLock);
+    if (!isComplete) {
+        for (const int pid : mDescribed) {
+            if (const auto known = mTable.find(pid); known != mTable.end()) {
+                known->second.startStack = 0;
+            }
+        }
+        mUndescribed.clear();
+    }
+    mDescribed.clear();
 }
 
 void Announcer::Rescan() {

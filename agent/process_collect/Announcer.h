@@ -77,9 +77,13 @@ public:
     void WakeSubscribers();
 
     // Notes, of programs that have begun since the last call and still run, by what later comparisons know
-    // them. `isComplete` is false when events have been lost meanwhile: then it is not known whether they
-    // are still the programs that were announced, and the comparison announces them once more.
-    void Describe(bool isComplete);
+    // them.
+    void Describe();
+
+    // To be called after each reading of events. `isComplete` is false when events were lost, or not told: then it
+    // is not known of what has been described since the reading before whether these are still the programs
+    // that were announced, and the comparison announces them once more.
+    void OnRead(bool isComplete);
 
     // An exit. False when the process is not in the table: out of scope, or told already.
     bool OnExit(const ProcEvent& event);
@@ -178,6 +182,7 @@ private:
     std::unordered_map<int, Entry> mTable GUARDED_BY(mLock);
     std::map<std::string, Subscriber> mSubscribers GUARDED_BY(mLock);
     std::vector<int> mUndescribed GUARDED_BY(mLock);
+    std::vector<int> mDescribed GUARDED_BY(mLock); // since the last reading
     std::uint64_t mSequence GUARDED_BY(mLock) = 0;
     std::atomic<bool> mDebts{false};
 };

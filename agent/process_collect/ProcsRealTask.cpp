@@ -92,8 +92,10 @@ ProcsRealTask::ProcsRealTask(std::unique_ptr<ProcConnector> connector)
 int ProcsRealTask::Run() {
     // The connector listens already, so a process is in /proc now or its events are still to come.
     const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
-    mAnnouncer.Fill();
-    mRescanDue.store(SDK::Shortage::CountOfThread() != shortagesBefore);
+    CompareAfterThrowing([this] { mAnnouncer.Fill(); });
+    if (SDK::Shortage::CountOfThread() != shortagesBefore) {
+        mRescanDue.store(true);
+    }
     const ScopedThread reader([this] { ReadUntilStopped(); },
                               [this] {
                                   mStopping.store(true);
@@ -132,7 +134,9 @@ int ProcsRealTask::CatchUp() {
     }
     const auto now = Clock::now();
     if (now >= mNextCatchUp) {
-        mNextCatchUp = now + (CatchUpNow() ? CATCH_UP_INTERVAL : SHORTAGE_INTERVAL);
+        bool isComplete = false;
+        CompareAfterThrowing([&] { isComplete = CatchUpNow(); });
+        mNextCatchUp = now + (isComplete ? CATCH_UP_INTERVAL : SHORTAGE_INTERVAL);
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(mNextCatchUp - Clock::now());
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 1));
@@ -155,24 +159,38 @@ bool ProcsRealTask::CatchUpNow() {
 void ProcsRealTask::ReadUntilStopped() {
     pthread_setname_np(pthread_self(), "procs_reader");
     while (WaitForEvents()) {
-        try {
+        const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
+        CompareAfterThrowing([this] {
             ReadEvents();
             HoldNewForks();
             TellDueForks();
-        } catch (const std::exception& error) {
-            // Whatever was not told is found by the comparison.
-            moduleLog.Error("process events were dropped: %s", error.what());
-            mAnnouncer.Describe(false);
-            mRescanDue.store(true);
-        } catch (...) {
-            moduleLog.Error("process events were dropped: an exception of an unknown type");
+        });
+        if (SDK::Shortage::CountOfThread() != shortagesBefore) {
             mRescanDue.store(true);
         }
-        mAnnouncer.WakeSubscribers();
-        if (mRescanDue.load() || mAnnouncer.HasDebts()) {
-            WakeTask();
-        }
+        CompareAfterThrowing([this] {
+            mAnnouncer.WakeSubscribers();
+            if (mRescanDue.load() || mAnnouncer.HasDebts()) {
+                WakeTask();
+            }
+        });
     }
+}
+
+// Does the work. False when it threw, want of memory for example: whatever was not told because of that is found by
+// a comparison.
+template <typename Work> bool ProcsRealTask::CompareAfterThrowing(const Work& work) {
+    try {
+        work();
+        return true;
+    } catch (const std::exception& error) {
+        moduleLog.Error("process events were dropped: %s", error.what());
+    } catch (...) {
+        moduleLog.Error("process events were dropped: an exception of an unknown type");
+    }
+    mAnnouncer.OnRead(false);
+    mRescanDue.store(true);
+    return false;
 }
 
 // False when the reader is to stop.
@@ -195,9 +213,10 @@ int ProcsRealTask::GetTimeoutMs() const {
 void ProcsRealTask::ReadEvents() {
     mEvents.clear();
     const ProcConnector::Outcome outcome = mConnector->Read(mEvents);
+    mAnnouncer.OnRead(outcome.overflows == 0);
     CountGarbled();
     std::for_each(mEvents.begin(), mEvents.end(), [this](const ProcEvent& event) { HandleEvent(event); });
-    DescribeNewPrograms(outcome);
+    DescribeNewPrograms(outcome.overflows == 0);
     // Behind what was read, so that the comparison has it.
     if (outcome.overflows > 0) {
         HandleOverflows(outcome.overflows);
@@ -208,12 +227,15 @@ void ProcsRealTask::ReadEvents() {
     }
 }
 
-void ProcsRealTask::DescribeNewPrograms(const ProcConnector::Outcome& outcome) {
+void ProcsRealTask::DescribeNewPrograms(bool isComplete) {
     const auto starts = std::count_if(mEvents.begin(), mEvents.end(),
                                       [](const ProcEvent& event) { return event.kind == ProcsMessage::KIND_EXEC; });
     mUndescribed += starts;
-    if (outcome.overflows > 0 || mUndescribed >= MAX_UNDESCRIBED || (mUndescribed > 0 && starts == 0)) {
-        mAnnouncer.Describe(outcome.overflows == 0);
+    if (!isComplete) {
+        mAnnouncer.OnRead(false);
+        mUndescribed = 0;
+    } else if (mUndescribed >= MAX_UNDESCRIBED || (mUndescribed > 0 && starts == 0)) {
+        mAnnouncer.Describe();
         mUndescribed = 0;
     }
 }

@@ -56,7 +56,7 @@ private:
     std::optional<ProcEvent> TakeUncountedFork(int child);
     int GetTimeoutMs() const;
     void TellDueForks();
-    void DescribeNewPrograms(const ProcConnector::Outcome& outcome);
+    void DescribeNewPrograms(bool isComplete);
     bool IsForkInScope(const ProcEvent& fork);
     void CountUnlessLookedAt(std::uint64_t shortagesBefore);
     void CountGarbled();
@@ -66,6 +66,7 @@ private:
     // Task thread.
     int CatchUp();
     bool CatchUpNow();
+    template <typename Work> bool CompareAfterThrowing(const Work& work);
 
     // Only the reader thread uses these while it runs.
     const std::unique_ptr<ProcConnector> mConnector;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "agent/process_collect/Announcer.h"
@@ -130,7 +131,7 @@ TEST_F(AnnouncerTest, AComparisonTellsNothingOfWhatWasTold) {
 TEST_F(AnnouncerTest, AProgramThatWasDescribedIsNotToldAgainByAComparison) {
     const ChildProcess started = SpawnChild();
     mAnnouncer.OnExec(Exec(started, NowNs()), getpid());
-    mAnnouncer.Describe(true);
+    mAnnouncer.Describe();
     mAnnouncer.Rescan();
     EXPECT_EQ(ToldOf(started.Pid()), Kinds{1});
 }
@@ -138,9 +139,41 @@ TEST_F(AnnouncerTest, AProgramThatWasDescribedIsNotToldAgainByAComparison) {
 TEST_F(AnnouncerTest, AProgramThatCouldNotBeDescribedForALossIsToldAgainByTheComparison) {
     const ChildProcess started = SpawnChild();
     mAnnouncer.OnExec(Exec(started, NowNs()), getpid());
-    mAnnouncer.Describe(false);
+    mAnnouncer.OnRead(false);
     mAnnouncer.Rescan();
     EXPECT_EQ(ToldOf(started.Pid()), (Kinds{1, 1}));
+}
+
+// The loss may have been before the description and only be known by the reading that follows.
+TEST_F(AnnouncerTest, ADescriptionIsDoubtedWhenTheNextReadingFindsALoss) {
+    const ChildProcess started = SpawnChild();
+    mAnnouncer.OnExec(Exec(started, NowNs()), getpid());
+    mAnnouncer.Describe();
+    mAnnouncer.OnRead(false);
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(started.Pid()), (Kinds{1, 1}));
+}
+
+TEST_F(AnnouncerTest, ADescriptionThatTheNextReadingConfirmsIsNotDoubtedLater) {
+    const ChildProcess started = SpawnChild();
+    mAnnouncer.OnExec(Exec(started, NowNs()), getpid());
+    mAnnouncer.Describe();
+    mAnnouncer.OnRead(true);
+    mAnnouncer.OnRead(false);
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(started.Pid()), Kinds{1});
+}
+
+TEST_F(AnnouncerTest, AForkThatCouldNotBeLookedAtForWantOfDescriptorsIsToldAllTheSame) {
+    const ChildProcess forked = ForkChild();
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    mAnnouncer.OnFork(Fork(forked, NowNs()));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    mAnnouncer.WakeSubscribers();
+    EXPECT_EQ(ToldOf(forked.Pid()), Kinds{2});
 }
 
 TEST_F(AnnouncerTest, AnExecWakesAtOnceAForkWhenSubscribersAreWoken) {
