@@ -20,6 +20,7 @@
 #include "framework/Scope.h"
 #include "sdk/ModuleLog.h"
 #include "sdk/ProcStat.h"
+#include "sdk/Shortage.h"
 #include "sdk/TimeUtils.h"
 
 namespace Engine {
@@ -46,11 +47,15 @@ int Duplicate(int fd) {
 int OpenMeantProcess(int pid) {
     int pidfd = -1;
     int error = 0;
-    if (!Framework::HandledEvent::IsAbout(pid, pidfd, error)) {
-        return SDK::OpenPidfd(pid);
+    if (Framework::HandledEvent::IsAbout(pid, pidfd, error) && pidfd < 0) {
+        errno = error;
+        return -1;
     }
-    errno = error;
-    return pidfd < 0 ? -1 : Duplicate(pidfd);
+    const int own = pidfd < 0 ? SDK::OpenPidfd(pid) : Duplicate(pidfd);
+    if (own < 0) {
+        errno = SDK::Shortage::Note(errno);
+    }
+    return own;
 }
 
 // The parents of the agent up to init; nothing when the way up cannot be followed to its end.
@@ -119,9 +124,8 @@ const char* FindObjectionToProcess(int pid, const SDK::FileDescriptor& process, 
 using Image = std::optional<struct stat>;
 
 Image GetImage(int pid) {
-    const std::string link = "/proc/" + std::to_string(pid) + "/exe";
     struct stat image {};
-    return stat(link.c_str(), &image) == 0 ? Image(image) : std::nullopt;
+    return SDK::StatImage(pid, image) ? Image(image) : std::nullopt;
 }
 
 std::string LinkOf(const SDK::FileDescriptor& file) {

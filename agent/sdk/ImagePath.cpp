@@ -3,10 +3,14 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <memory>
 #include <string_view>
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "sdk/Shortage.h"
 
 namespace SDK {
 
@@ -22,6 +26,37 @@ bool LeadToOneFile(const std::string& one, const std::string& other) {
 }
 
 } // namespace
+
+std::string ImageLink(int pid) {
+    return "/proc/" + std::to_string(pid) + "/exe";
+}
+
+std::optional<std::string> FindOtherImageLink(int pid) {
+    const std::string folder = "/proc/" + std::to_string(pid) + "/task/";
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(folder.c_str()), closedir);
+    if (!listing) {
+        Shortage::Note(errno);
+    }
+    while (const dirent* thread = listing ? readdir(listing.get()) : nullptr) {
+        std::string link = folder + thread->d_name + "/exe";
+        struct stat image {};
+        if (thread->d_name[0] != '.' && stat(link.c_str(), &image) == 0) {
+            return link;
+        }
+    }
+    return std::nullopt;
+}
+
+bool StatImage(int pid, struct stat& image) {
+    if (stat(ImageLink(pid).c_str(), &image) == 0) {
+        return true;
+    }
+    if (errno != ENOENT) {
+        return false;
+    }
+    const std::optional<std::string> link = FindOtherImageLink(pid);
+    return link && stat(link->c_str(), &image) == 0;
+}
 
 int ReadLink(const std::string& link, std::string& target) {
     std::array<char, PATH_MAX> buffer; // NOLINT(*-member-init): readlink fills what is used

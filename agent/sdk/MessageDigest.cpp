@@ -22,9 +22,9 @@ bool MessageDigest::Start(const std::string& algorithm) {
     // Looking it up takes longer than hashing a kilobyte. Never freed: threads may still hash while the process
     // exits.
     static const auto* const sha256 = new DigestType(Fetch(SHA256));
-    const bool isSha256 = algorithm == SHA256;
-    const DigestType other = isSha256 ? DigestType(nullptr, &EVP_MD_free) : Fetch(algorithm);
-    const EVP_MD* const type = isSha256 ? sha256->get() : other.get();
+    const bool isKnown = *sha256 && algorithm == SHA256;
+    const DigestType other = isKnown ? DigestType(nullptr, &EVP_MD_free) : Fetch(algorithm);
+    const EVP_MD* const type = isKnown ? sha256->get() : other.get();
     mContext.reset(EVP_MD_CTX_new());
     const bool started = type != nullptr && mContext && EVP_DigestInit_ex(mContext.get(), type, nullptr) == 1;
     if (!started) {

@@ -55,9 +55,9 @@ bool ProcStat::Parse(std::string_view text, ProcStat& stat) {
     ProcStat read;
     if (!Split(text, fields) || fields[3].size() != 1 || !ReadNumber(fields[4], read.ppid) ||
         !ReadNumber(fields[9], read.flags) || !ReadNumber(fields[14], read.userTicks) ||
-        !ReadNumber(fields[15], read.kernelTicks) || !ReadNumber(fields[22], read.startTime) ||
-        !ReadNumber(fields[23], read.virtualBytes) || !ReadNumber(fields[24], read.residentPages) ||
-        !ReadNumber(fields[28], read.startStack)) {
+        !ReadNumber(fields[15], read.kernelTicks) || !ReadNumber(fields[20], read.threads) ||
+        !ReadNumber(fields[22], read.startTime) || !ReadNumber(fields[23], read.virtualBytes) ||
+        !ReadNumber(fields[24], read.residentPages) || !ReadNumber(fields[28], read.startStack)) {
         return false;
     }
     read.state = fields[3].front();

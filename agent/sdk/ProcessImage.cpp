@@ -1,6 +1,8 @@
 #include "sdk/ProcessImage.h"
 
 #include <cerrno>
+#include <optional>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,15 +18,27 @@ namespace {
 
 thread_local const ProcessImage* youngest = nullptr;
 
+// -1 with errno.
+int OpenImage(const std::string& link) {
+    const int fd = open(link.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        errno = Shortage::Note(errno);
+    }
+    return fd;
+}
+
 } // namespace
 
 // The path is read from the descriptor, not from the process again: that one may run something else by now.
 ProcessImage::ProcessImage(int pid) : mPid(pid), mOuter(youngest) {
     WithoutThrowing([&] {
-        mLink = "/proc/" + std::to_string(pid) + "/exe";
-        FileDescriptor file(open(mLink.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-        if (!file.IsOpen()) {
-            Shortage::Note(errno);
+        mLink = ImageLink(pid);
+        FileDescriptor file(OpenImage(mLink));
+        if (!file.IsOpen() && errno == ENOENT) {
+            if (std::optional<std::string> other = FindOtherImageLink(pid)) {
+                mLink = std::move(*other);
+                file.Reset(OpenImage(mLink));
+            }
         }
         const int result = ReadImagePath(file.IsOpen() ? "/proc/self/fd/" + std::to_string(file.Get()) : mLink, mPath);
         if (result == 0) {

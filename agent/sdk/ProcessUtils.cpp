@@ -137,17 +137,16 @@ bool IsChild(int pid) {
     return pid > 0 && waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0;
 }
 
-// The file that the process runs, or that the thread holds as its image. False when nobody can tell.
-bool StatImage(int pid, struct stat& image) {
+// Of the image that the thread holds of the process, if it does.
+bool StatJudgedImage(int pid, struct stat& image) {
     const ProcessImage* const held = ProcessImage::Of(pid);
-    return held != nullptr && held->GetFd() >= 0 ? fstat(held->GetFd(), &image) == 0
-                                                 : stat(ProcPath(pid, "exe").c_str(), &image) == 0;
+    return held != nullptr && held->GetFd() >= 0 ? fstat(held->GetFd(), &image) == 0 : StatImage(pid, image);
 }
 
 // A link in the bin folder does not make the program that it leads to one of the agent's.
 bool RunsOwnProgram(int pid) {
     struct stat image {};
-    if (!StatImage(pid, image)) {
+    if (!StatJudgedImage(pid, image)) {
         return false;
     }
     const std::string folder = PathUtils::GetInstallationPath() + "bin/";
@@ -166,8 +165,14 @@ int ProcessUtils::GetProcessExePath(int pid, std::string& path) {
             path = held->GetPath();
             return 0;
         }
-        const std::string link = ProcPath(pid, "exe");
-        const int result = ReadLink(link, path);
+        std::string link = ImageLink(pid);
+        int result = ReadLink(link, path);
+        if (result == ENOENT) {
+            if (std::optional<std::string> other = FindOtherImageLink(pid)) {
+                link = std::move(*other);
+                result = ReadLink(link, path);
+            }
+        }
         // Deep enough in nested folders a file has no path that fits; the link itself leads to it.
         if (result == ENAMETOOLONG) {
             path = link;

@@ -18,6 +18,7 @@ struct ProcStat {
     std::uint32_t flags = 0;        // field 9
     std::uint64_t userTicks = 0;    // field 14, clock ticks
     std::uint64_t kernelTicks = 0;  // field 15, clock ticks
+    std::int64_t threads = 0;       // field 20; the first one counts until all have ended
     std::uint64_t startTime = 0;    // field 22, clock ticks since boot; with the pid it names a process
     std::uint64_t virtualBytes = 0; // field 23
     std::int64_t residentPages = 0; // field 24
@@ -26,8 +27,9 @@ struct ProcStat {
     bool IsKernelThread() const { return (flags & FLAG_KTHREAD) != 0; }
     bool HasExecuted() const { return (flags & FLAG_FORKNOEXEC) == 0; }
 
-    // True also for a process that is on its way out and runs no code of its own any more.
-    bool HasEnded() const { return state == 'Z' || state == 'X' || (flags & FLAG_EXITING) != 0; }
+    // True also for a process that is on its way out and runs no code of its own any more. State and flags are
+    // those of the first thread, which can end before the others.
+    bool HasEnded() const { return threads <= 1 && (state == 'Z' || state == 'X' || (flags & FLAG_EXITING) != 0); }
 
     // Reads the text of the file. False, `stat` untouched, when it is no such text.
     static bool Parse(std::string_view text, ProcStat& stat);

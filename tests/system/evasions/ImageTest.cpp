@@ -251,6 +251,36 @@ TEST_F(ImageEvasion, AProgramThatEndsBeforeItCanBeLookedAtIsSeenButNotNamed) {
     }
 }
 
+TEST_F(ImageEvasion, AProgramWhoseFirstThreadHasEndedIsJudgedThroughAnother) {
+    const std::string program = agent.Work() / "program";
+    fs::copy_file(FIRST_THREAD_ENDS, program);
+    Detect();
+    ChildProcess process = [&] {
+        const PausedDaemon paused(agent);
+        ChildProcess started = Start(std::vector{program});
+        EXPECT_TRUE(WaitFor([&] {
+            SDK::ProcStat stat;
+            return SDK::ProcStat::Read(started.Pid(), stat) == 0 && stat.state == 'Z';
+        }));
+        EXPECT_FALSE(fs::exists("/proc/" + std::to_string(started.Pid()) + "/exe"));
+        return started;
+    }();
+    ExpectStopped(process, program, Sha256Of(program));
+}
+
+TEST_F(ImageEvasion, AProgramWhoseFirstThreadHasEndedCanBeExplained) {
+    const std::string program = agent.Work() / "program";
+    fs::copy_file(FIRST_THREAD_ENDS, program);
+    agent.Start();
+    const ChildProcess process = Start(std::vector{program});
+    ASSERT_TRUE(WaitFor([&] {
+        SDK::ProcStat stat;
+        return SDK::ProcStat::Read(process.Pid(), stat) == 0 && stat.state == 'Z';
+    }));
+    const Result explained = agent.Ctl({"explain", std::to_string(process.Pid())});
+    EXPECT_NE(explained.out.find(program), std::string::npos) << explained.out;
+}
+
 TEST_F(ImageEvasion, AProgramThatExecutesATrustedOneBeforeItCanBeLookedAtIsTakenForThat) {
     const std::string wrapper = agent.Work() / "wrapper";
     fs::copy_file("/usr/bin/env", wrapper);

@@ -7,3 +7,6 @@ foreach(source ${evasions_tests})
   corvalent_add_test(${name} ${source} LIBS system_harness LABELS system)
   target_compile_definitions(${name} PRIVATE CHECK_TEXTS="${CMAKE_SOURCE_DIR}/tests/tools/check_texts.py")
 endforeach()
+target_compile_definitions(system_evasions_image_test PRIVATE
+  FIRST_THREAD_ENDS="${CMAKE_BINARY_DIR}/tests/first_thread_ends")
+add_dependencies(system_evasions_image_test first_thread_ends)
