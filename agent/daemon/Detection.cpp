@@ -1,5 +1,7 @@
 #include "agent/daemon/Detection.h"
 
+#include <algorithm>
+
 #include "sdk/JsonUtils.h"
 #include "sdk/ModuleLog.h"
 
@@ -8,6 +10,9 @@ namespace Daemon {
 namespace {
 
 SDK::ModuleLog moduleLog("daemon");
+
+// What the module logs when it cannot write the beginning of learning down: all stays as it was.
+constexpr const char* RESET_FAILED = "ResetLearnModule Set file error";
 
 std::string JoinLines(const std::vector<std::string>& lines) {
     std::string text;
@@ -41,6 +46,17 @@ void Detection::LearnFrom(const std::string& key, Framework::Engine::Outcome& ou
     if (key == START_DETECT_KEY) {
         LearnFromStart(outcome);
     } else if (key == RESET_LEARNING_KEY) {
+        LearnFromReset(outcome);
+    }
+}
+
+void Detection::LearnFromReset(Framework::Engine::Outcome& outcome) {
+    const bool failed = std::any_of(outcome.notes.begin(), outcome.notes.end(), [](const std::string& note) {
+        return note.find(RESET_FAILED) != std::string::npos;
+    });
+    if (failed) {
+        outcome = {false, "learning was not reset: " + JoinLines(outcome.notes), {}};
+    } else {
         mDesired.WishDetection(false);
     }
 }

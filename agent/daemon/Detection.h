@@ -25,8 +25,8 @@ class Detection {
 public:
     Detection(Framework::Engine& engine, Desired& desired) : mEngine(engine), mDesired(desired) {}
 
-    // After an operator's command: a start that left the module detecting sets the wish, one that did
-    // not is turned into a refusal with the reason; a reset of learning that was done withdraws it.
+    // After an operator's command: a start that left the module detecting sets the wish; a reset of learning that was
+    // done withdraws it. One that was not is turned into a refusal with the reason.
     void LearnFrom(const std::string& key, Framework::Engine::Outcome& outcome);
 
     // After a start or a policy delivery: brings the module from mode 0 or 2 to detection when that
@@ -44,6 +44,7 @@ private:
     bool IsPossible() const;
     void Issue(const char* key, const char* what);
     void LearnFromStart(Framework::Engine::Outcome& outcome);
+    void LearnFromReset(Framework::Engine::Outcome& outcome);
 
     Framework::Engine& mEngine;
     Desired& mDesired;

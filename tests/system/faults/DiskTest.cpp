@@ -373,6 +373,21 @@ TEST_F(Disk, ALogThatCannotBeWrittenAtTheStartIsSaidInOneLineWithItsStatus) {
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
 }
 
+TEST_F(Disk, WithReadOnlyConfAResetOfLearningIsRefusedAndDetectionStaysWished) {
+    const TempMount& disk = Move({"conf"}, "1m");
+    agent.MakeDetecting();
+    disk.SetReadOnly(true);
+    const Result reset = agent.Ctl({"learn", "reset"});
+    EXPECT_NE(reset.status, 0);
+    EXPECT_NE(reset.err.find("learning was not reset"), std::string::npos) << reset.err;
+    EXPECT_EQ(agent.GetMode(), DETECTING);
+    disk.SetReadOnly(false);
+    agent.Stop();
+    agent.StartWatching();
+    agent.WaitForMode(DETECTING);
+    agent.Stop();
+}
+
 TEST_F(Disk, WithReadOnlyConfItStartsFromWhatIsThere) {
     const TempMount& disk = Move({"conf"}, "1m");
     agent.MakeDetecting();
