@@ -235,7 +235,7 @@ bool Announcer::IsCovered(const ProcEvent& event) const {
 }
 
 // Takes the process into the table as it is now, unless it is there just so already. True when the
-// table did not have it.
+// table did not have it so.
 bool Announcer::Examine(int pid, bool announce) {
     const std::uint64_t nowNs = SDK::TimeUtils::GetMonotonicNs();
     SDK::ProcStat stat;

@@ -19,7 +19,7 @@ constexpr unsigned int QUEUE_CAPACITY = 16;
 constexpr int IDLE_WAIT_MS = 3600 * 1000;
 constexpr std::size_t MAX_CMDLINE_BYTES = 4096;
 
-// False when the process does not run any more, or is a kernel thread.
+// False when the process is gone, or was found to be a kernel thread or to have ended.
 bool FindParent(int pid, int& ppid) {
     const SDK::FileDescriptor process(SDK::OpenPidfd(pid));
     if (const std::optional<SDK::PidfdInfo> info = SDK::AskPidfd(process.Get())) {

@@ -10,7 +10,7 @@ namespace Framework {
 // Without a control group: all of them. With one: those whose control group (v2) is the named group
 // or lies below it. The kernel is asked each time, since a process may be moved: for the group's id where it
 // tells (Linux 6.13), and of a group not met before for its name. That is its path as it stands behind "0::"
-// in /proc/PID/cgroup, so the process's own cgroup namespace decides.
+// in /proc/PID/cgroup, seen from the agent's cgroup namespace.
 class Scope {
 public:
     // Sets the group for the whole process; an empty text takes the limit away. Called once at start,

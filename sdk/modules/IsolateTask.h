@@ -27,7 +27,7 @@ public:
     //
     // Returns true when the process was killed, if that was asked for, else when everything asked for was
     // done; what became of the rest is in the flags. Any thread; blocks for no longer than the system
-    // calls take.
+    // calls take, and some 100 us more after a kill.
     virtual bool Isolate(int pid, const std::string& path, bool& kill, bool& chmod, bool& quarantine) = 0;
 };
 

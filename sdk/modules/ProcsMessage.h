@@ -17,7 +17,8 @@ namespace Engine {
 //   3  exited                empty
 //
 // Events of one process arrive in the order in which they happened. A fork that is followed at once
-// by an exec of the child arrives as the exec alone.
+// by an exec of the child arrives as the exec alone. After events were lost the exit of a process that is gone may
+// arrive before its exec, which was still to be read; then it arrives once more behind it.
 class ProcsMessage : public Framework::Message {
 public:
     enum Kind : unsigned int { KIND_EXEC = 1, KIND_FORK = 2, KIND_EXIT = 3 };
