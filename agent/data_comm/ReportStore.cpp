@@ -55,7 +55,8 @@ int Execute(sqlite3* database, const char* sql) {
 std::string FreeNameBeside(const std::string& path) {
     const std::string base = path + ".corrupt-" + std::to_string(SDK::TimeUtils::GetCurrentTimestampS());
     std::string name = base;
-    for (int i = 1; std::filesystem::exists(std::filesystem::symlink_status(name)); ++i) {
+    std::error_code ignored;
+    for (int i = 1; std::filesystem::exists(std::filesystem::symlink_status(name, ignored)); ++i) {
         name = base + "." + std::to_string(i);
     }
     return name;
@@ -199,7 +200,18 @@ void ReportStore::Close() {
     mDatabase = nullptr;
 }
 
+// What an operator does who makes room, for example. SQLite would go on in the file that has no name any more.
+bool ReportStore::IsGoneFromItsPath() const {
+    int moved = 0;
+    return IsOpen() && sqlite3_file_control(mDatabase, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
+           moved != 0;
+}
+
 bool ReportStore::Append(const std::vector<Report>& reports, std::string& reason) {
+    if (IsGoneFromItsPath()) {
+        moduleLog.Warning("reports database [%s] is gone: a new one is begun", mPath);
+        Close();
+    }
     if (!Open(reason)) {
         return false;
     }

@@ -74,13 +74,14 @@ public:
     // Stores all of the reports or none, in one transaction, opening the store where needed; their
     // `id` is given by the store. True: they are on the disk. False with the reason: nothing was
     // stored; a database that turned out to be damaged, or could not be read or written at all, is opened
-    // anew by the next call.
+    // anew by the next call. One that was removed or moved meanwhile is begun anew, with a warning.
     bool Append(const std::vector<Report>& reports, std::string& reason);
 
 private:
     int OpenOnce(std::string& reason);
     int CheckWhole(std::string& reason);
     void SetAside(const std::string& reason) const;
+    bool IsGoneFromItsPath() const;
 
     const std::string mPath;
     sqlite3* mDatabase = nullptr;

@@ -104,8 +104,8 @@ const char* FindObjectionToPid(int pid) {
     return nullptr;
 }
 
-// The same for the process that has the number now. One that is gone is in nobody's scope when there is a limit; without
-// one it is no objection, and the signal will not find it. Kernel threads have no image.
+// The same for the process that has the number now. One that is gone is in nobody's scope when there is a limit;
+// without one it is no objection, and the signal will not find it. Kernel threads have no image.
 const char* FindObjectionToProcess(int pid, const SDK::FileDescriptor& process, bool hasImage) {
     SDK::ProcStat stat;
     if (!hasImage && SDK::ProcStat::Read(pid, stat) == 0 && stat.IsKernelThread()) {

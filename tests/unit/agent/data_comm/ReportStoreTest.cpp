@@ -166,6 +166,31 @@ TEST_F(ReportStoreTest, AStoreOpenedAgainKeepsItsReportsAndGoesOnCounting) {
     EXPECT_THAT(Ids(Find({})), ElementsAre(1, 2));
 }
 
+TEST_F(ReportStoreTest, ADatabaseThatWasRemovedMeanwhileIsBegunAnew) {
+    Store({{0, 1, "a", "before"}});
+    std::filesystem::remove(path);
+    Store({{0, 2, "a", "after"}});
+
+    const std::vector<Report> reports = Find({});
+    ASSERT_EQ(reports.size(), 1U);
+    EXPECT_EQ(reports.front().data, "after");
+}
+
+TEST_F(ReportStoreTest, ADatabaseThatWasMovedMeanwhileIsBegunAnewAndTheOldOneStaysWhole) {
+    const std::string moved = folder / "moved.db";
+    Store({{0, 1, "a", "before"}});
+    std::filesystem::rename(path, moved);
+    std::filesystem::rename(path + "-wal", moved + "-wal");
+    Store({{0, 2, "a", "after"}});
+
+    EXPECT_THAT(Ids(Find({})), ElementsAre(1));
+    std::vector<Report> old;
+    std::string reason;
+    ASSERT_TRUE(ReportReader(moved).Find({}, old, reason)) << reason;
+    ASSERT_EQ(old.size(), 1U);
+    EXPECT_EQ(old.front().data, "before");
+}
+
 TEST_F(ReportStoreTest, WhatAppendAcknowledgedSurvivesThatTheProcessIsKilled) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
