@@ -39,9 +39,11 @@ export SUITE_JOBS=${SUITE_JOBS:-$((2 * $(nproc)))}
 say "running the tests under the $1 sanitizer"
 status=0
 run_suite "$build_dir" --tests-regex "${2:-.}" || status=$?
+# A process that a test kills while it looks for leaks at its end may say this and no more; it is no finding.
+killed='^==[0-9]+==Unable to get registers from thread [0-9]+\.$'
 for report in "$findings"/*; do
     [[ -e $report ]] || continue
     cat "$report"
-    status=1
+    ! grep -qvE "$killed" "$report" || status=1
 done
 exit "$status"
