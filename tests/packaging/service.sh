@@ -140,7 +140,7 @@ service start
 expect "no new privileges" 1 "$(of_process NoNewPrivs)"
 expect "filter of system calls" 2 "$(of_process Seccomp)"
 expect "capabilities" "$(of_process CapBnd)" "$(of_process CapEff)"
-expect "number of capabilities" 7 "$(count_bits "$(of_process CapEff)")"
+expect "number of capabilities" 6 "$(count_bits "$(of_process CapEff)")"
 for namespace in mnt pid net; do
     expect "$namespace namespace" "$(readlink "/proc/self/ns/$namespace")" "$(readlink "/proc/$(pid)/ns/$namespace")"
 done
