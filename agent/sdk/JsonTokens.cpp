@@ -8,6 +8,10 @@ bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
+bool IsWhiteSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
 bool IsNumberByte(char c) {
     return IsDigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
 }
@@ -97,8 +101,15 @@ std::optional<BadJsonToken> FindBadJsonToken(const char* text, std::size_t lengt
     const auto bad = [&](const char* reason) {
         return BadJsonToken{static_cast<std::size_t>(scanner.Position() - text), reason};
     };
+    char before = '\0'; // of what is no white space
     while (!scanner.AtEnd()) {
         const char c = scanner.Peek();
+        if (c == '}' && before == ',') {
+            return bad("a comma behind the last member");
+        }
+        if (!IsWhiteSpace(c)) {
+            before = c;
+        }
         if (c == '\0') {
             return bad("a NUL byte");
         }

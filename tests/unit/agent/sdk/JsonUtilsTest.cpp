@@ -158,6 +158,16 @@ TEST(ParseJson, AFailureSaysWhereAndWhy) {
     EXPECT_EQ(faultOf(Nested(100000)), "0:0 it is nested too deeply");
 }
 
+TEST(ParseJson, ACommaBehindTheLastMemberIsRefusedWhateverItsName) {
+    Json::Value value;
+    for (const std::string text : {"{\"\":0,}", "{\"a\":0,}", "{\"\":0 , \n}", "{,}", "[{\"\":[],}]"}) {
+        EXPECT_EQ(JsonUtils::ParseJsonStr(text, value), -1) << text;
+    }
+    EXPECT_EQ(JsonUtils::ParseJsonStr("{\"\":\",}\"}", value), 0);
+    EXPECT_EQ(value[""], ",}");
+    EXPECT_EQ(JsonUtils::ParseJsonStr("{}", value), 0);
+}
+
 TEST(ParseJson, OneByteOrderMarkIsPassedOver) {
     const std::string mark = "\xEF\xBB\xBF";
     Json::Value value;
