@@ -177,12 +177,12 @@ void ProcsRealTask::ReadUntilStopped() {
     }
 }
 
-// Does the work. False when it threw, want of memory for example: whatever was not told because of that is found by
-// a comparison.
-template <typename Work> bool ProcsRealTask::CompareAfterThrowing(const Work& work) {
+// Does the work. When it throws, for want of memory for example, whatever was not told because of that is found by a
+// comparison.
+template <typename Work> void ProcsRealTask::CompareAfterThrowing(const Work& work) {
     try {
         work();
-        return true;
+        return;
     } catch (const std::exception& error) {
         moduleLog.Error("process events were dropped: %s", error.what());
     } catch (...) {
@@ -190,7 +190,6 @@ template <typename Work> bool ProcsRealTask::CompareAfterThrowing(const Work& wo
     }
     mAnnouncer.OnRead(false);
     mRescanDue.store(true);
-    return false;
 }
 
 // False when the reader is to stop.

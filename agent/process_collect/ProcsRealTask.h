@@ -66,7 +66,7 @@ private:
     // Task thread.
     int CatchUp();
     bool CatchUpNow();
-    template <typename Work> bool CompareAfterThrowing(const Work& work);
+    template <typename Work> void CompareAfterThrowing(const Work& work);
 
     // Only the reader thread uses these while it runs.
     const std::unique_ptr<ProcConnector> mConnector;

@@ -10,11 +10,11 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
+#include "agent/sdk/Pidfd.h"
 
 using Framework::Scope;
 
@@ -225,7 +225,7 @@ TEST_F(ScopeTest, AHeldProcessIsAskedThroughItsDescriptor) {
         GTEST_SKIP() << "no control group (v2) can be made here";
     }
     IdleChild child;
-    const SDK::FileDescriptor held(static_cast<int>(syscall(SYS_pidfd_open, child.Pid(), 0)));
+    const SDK::FileDescriptor held(SDK::OpenPidfd(child.Pid()));
     ASSERT_TRUE(held.IsOpen());
     Scope::SetCgroup(group.Name());
     EXPECT_EQ(Scope::Ask(child.Pid(), held.Get()), std::optional(false));
