@@ -31,11 +31,12 @@ struct FileAccess {
 //         │   overflow event          has no descriptor
 //         │   file cannot be opened   has none; counted in Batch::unreadable
 //         ▼
-//     Batch::accesses ──► the caller; closed together by Batch::Clear, at the latest when the next
-//                         batch is read, or one by one when the batch goes
+//     Batch::accesses ──► the caller; closed together by Batch::Clear, at the latest when the batch is
+//                         read again, or one by one when it goes
 //
 // A descriptor is therefore never in a message or in a task's queue: whatever becomes of an event, full
-// queue, overflow, stop, exception, at most MAX_BATCH are open, and only between two reads.
+// queue, overflow, stop, exception, at most MAX_BATCH are open for each batch, and a watcher has two, which
+// it clears when it has sent what waited.
 //
 // The group only notifies (FAN_CLASS_NOTIF): nobody's file operation ever waits for it. The kernel's
 // queue is bounded (fs.fanotify.max_queued_events), and so is the number of marks
@@ -87,7 +88,8 @@ public:
     // Replaces `batch` by the oldest events, `waiting` of them but no more than MAX_BATCH. So many must wait, as
     // CountWaiting said; it counts by walking the queue, under the lock that whoever opens a file in scope needs
     // too, so it is asked once for many reads. Never blocks: a file that cannot be opened at once, because
-    // somebody holds a lease on it, counts as unreadable. 0 or an errno value: EPROTO when the kernel's events
+    // somebody holds a lease on it, counts as unreadable. 0 or an errno value, the batch being what was read
+    // before: EPROTO when the kernel's events
     // have another form than this program knows.
     int Read(std::size_t waiting, Batch& batch) const;
 

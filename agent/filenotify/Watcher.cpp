@@ -90,7 +90,7 @@ std::unique_ptr<Watcher> Watcher::Create(const FileNotifyWatchMessage& first, st
         return nullptr;
     }
     try {
-        watcher->mReader = std::thread([raw = watcher.get()] { raw->ReadUntilStopped(); });
+        watcher->StartThreads();
     } catch (const std::system_error& error) {
         problem = std::string("no thread can be started: ") + error.what();
         return nullptr;
@@ -105,11 +105,19 @@ Watcher::Watcher(const FileNotifyWatchMessage& first)
       mPosted(Framework::Counters::Of("files.posted")), mDropped(Framework::Counters::Of("files.dropped")),
       mOverflows(Framework::Counters::Of("files.overflow")), mLost(Framework::Counters::Of("files.lost")) {}
 
+void Watcher::StartThreads() {
+    mSender = std::thread([this] { SendUntilStopped(); });
+    mReader = std::thread([this] { ReadUntilStopped(); });
+}
+
 Watcher::~Watcher() {
     mStopping.store(true);
     mStop.Signal();
-    if (mReader.joinable()) {
-        mReader.join();
+    mBatches.Stop();
+    for (std::thread* const thread : {&mReader, &mSender}) {
+        if (thread->joinable()) {
+            thread->join();
+        }
     }
 }
 
@@ -142,6 +150,7 @@ void Watcher::ReadUntilStopped() {
             moduleLog.Error("file accesses are read later: %s", error.what());
             Pause(ERROR_PAUSE_MS);
         }
+        CloseBatches();
     }
 }
 
@@ -154,24 +163,34 @@ bool Watcher::WaitForAccesses() {
 
 // Reads what waits now. What comes in meanwhile is too young: it is the next turn's.
 void Watcher::ReadWaiting() {
-    for (std::size_t left = mGroup.CountWaiting(); left > 0 && !mStopping.load();) {
-        Poco::AutoPtr<Framework::Task> task = FindTask();
-        if (task) {
-            AwaitRoom(*task);
-        }
-        const std::size_t taken = ReadBatch(left, task.get());
-        if (taken == 0) {
+    std::size_t left = mGroup.CountWaiting();
+    const bool isOneBatch = left <= FanotifyGroup::MAX_BATCH;
+    while (left > 0) {
+        FanotifyGroup::Batch* const batch = mBatches.AwaitEmpty();
+        AwaitRoom();
+        if (batch == nullptr || !ReadBatch(left, *batch)) {
             return;
         }
-        left -= std::min(left, taken);
+        left -= std::min(left, batch->Size());
+        if (isOneBatch) {
+            Send(*batch);
+        } else {
+            mBatches.Filled();
+        }
     }
 }
 
-void Watcher::AwaitRoom(const Framework::Task& task) {
+// Until all batches fit into the task's queue: the one to be read, and the other, which may not be sent yet.
+void Watcher::AwaitRoom() const {
+    const Poco::AutoPtr<Framework::Task> task = FindTask();
+    if (!task) {
+        return;
+    }
     const auto deadline = Clock::now() + ROOM_DEADLINE;
-    // A queue that is smaller than a batch has all the room that it can have when it is empty.
-    const std::size_t batch = std::min<std::size_t>(FanotifyGroup::MAX_BATCH, task.GetQueueCapacity());
-    const auto hasRoom = [&task, batch] { return task.GetQueueDepth() + batch <= task.GetQueueCapacity(); };
+    // A queue that is smaller has all the room that it can have when it is empty.
+    const std::size_t wanted =
+        std::min<std::size_t>(mBatches.COUNT * FanotifyGroup::MAX_BATCH, task->GetQueueCapacity());
+    const auto hasRoom = [&task, wanted] { return task->GetQueueDepth() + wanted <= task->GetQueueCapacity(); };
     while (!hasRoom() && Clock::now() < deadline && Pause(ROOM_INTERVAL_MS)) {
     }
 }
@@ -182,24 +201,44 @@ bool Watcher::Pause(int milliseconds) const {
     return poll(&stop, 1, milliseconds) <= 0 && !mStopping.load();
 }
 
-// `waiting`: how many events may be read. Returns how many it took from the kernel's queue.
-std::size_t Watcher::ReadBatch(std::size_t waiting, Framework::Task* task) {
-    if (const int error = mGroup.Read(waiting, mBatch); error != 0) {
+// `waiting`: how many events may be read. False when it took none from the kernel's queue; what was read before an
+// error counts like all others.
+bool Watcher::ReadBatch(std::size_t waiting, FanotifyGroup::Batch& batch) {
+    if (const int error = mGroup.Read(waiting, batch); error != 0) {
         moduleLog.Error("file accesses cannot be read: %s", std::string(std::strerror(error)));
         Pause(ERROR_PAUSE_MS);
-        return 0;
     }
-    const std::size_t taken = mBatch.Size();
-    mRead.Add(mBatch.accesses.size() + mBatch.unreadable);
-    CountOverflows(mBatch.overflows);
-    CountDropped(mBatch.unreadable);
+    return batch.Size() > 0;
+}
+
+// No file is held open longer than its access waits to be sent: its file system could not be unmounted.
+void Watcher::CloseBatches() {
+    mBatches.AwaitAllEmpty();
+    for (FanotifyGroup::Batch& batch : mBatches.All()) {
+        batch.Clear();
+    }
+}
+
+// ---- Sender thread, or the reader ------------------------------------------------------------------
+
+void Watcher::SendUntilStopped() {
+    pthread_setname_np(pthread_self(), "filenotify_send");
+    while (const FanotifyGroup::Batch* const batch = mBatches.AwaitFilled()) {
+        Send(*batch);
+        mBatches.Emptied();
+    }
+}
+
+// The files stay open: closing them is the reader's, which has less to do.
+void Watcher::Send(const FanotifyGroup::Batch& batch) noexcept {
+    mRead.Add(batch.accesses.size() + batch.unreadable);
+    CountOverflows(batch.overflows);
+    CountDropped(batch.unreadable);
     mScopeOfBatch.clear();
-    for (const FileAccess& access : mBatch.accesses) {
+    for (const FileAccess& access : batch.accesses) {
         HandleAccess(access);
     }
-    mBatch.Clear();
-    PostAll(task);
-    return taken;
+    PostAll();
 }
 
 void Watcher::HandleAccess(const FileAccess& access) {
@@ -231,11 +270,13 @@ bool Watcher::AddToPosts(const FileAccess& access) {
 }
 
 // Sends what the batch has come to.
-void Watcher::PostAll(Framework::Task* task) {
-    const std::size_t count = mPosts.size();
+void Watcher::PostAll() {
+    auto posts = std::exchange(mPosts, {});
+    const std::size_t count = posts.size();
     std::size_t posted = 0;
     try {
-        posted = task == nullptr ? 0 : task->EnqueueMsgs(std::exchange(mPosts, {}));
+        Poco::AutoPtr<Framework::Task> task = FindTask();
+        posted = task ? task->EnqueueMsgs(std::move(posts)) : 0;
     } catch (const std::exception&) {
         // Nothing was sent: the queue's own storage is there from the beginning.
         posted = 0;

@@ -15,6 +15,7 @@
 
 #include "agent/filenotify/FanotifyGroup.h"
 #include "agent/filenotify/Marks.h"
+#include "agent/sdk/TurnTaking.h"
 #include "framework/Counters.h"
 #include "framework/EventWaiter.h"
 #include "framework/Task.h"
@@ -23,15 +24,19 @@
 
 namespace Engine {
 
-// One watching task's marks, and the thread that reads what they report and sends it to the task.
+// One watching task's marks, and the threads that read what they report and send it to the task.
 //
 //     kernel's queue ─► batch ─► not our own, in scope ─► path of the descriptor ─► the task's queue
+//     └──── reader ────┘       └────────────────────── sender ───────────────────────┘
+//
+// Looking up a path costs as much as reading an access. So while more than one batch waits a second thread sends
+// what was read, batch after batch; a single batch the reader sends itself, rather than wake somebody.
 //
 // Accesses are read a few milliseconds after they happened. A program that is just being started opens
 // its files, its own image first, before or shortly after the process becomes that program: read at
 // once, such an access would be put down to the program that the process was before.
 //
-// The thread reads on only while the task's queue has room, for a moment at least: what waits in the
+// The reader goes on only while the task's queue has room, for a moment at least: what waits in the
 // kernel's queue is not lost yet, and repeated accesses are merged there. A task that takes nothing for
 // longer loses what does not fit.
 //
@@ -51,11 +56,11 @@ namespace Engine {
 // Add, Remove, Count and the destructor: one thread at a time.
 class Watcher {
 public:
-    // A watcher for the task of its first request, which is not carried out yet. Starts the thread. Null,
+    // A watcher for the task of its first request, which is not carried out yet. Starts the threads. Null,
     // and `problem` says why in one line, when the kernel does not allow it.
     static std::unique_ptr<Watcher> Create(const FileNotifyWatchMessage& first, std::string& problem);
 
-    // Ends the thread, takes all marks away, closes what is open.
+    // Ends the threads, takes all marks away, closes what is open.
     ~Watcher();
     Watcher(const Watcher&) = delete;
     Watcher& operator=(const Watcher&) = delete;
@@ -72,23 +77,31 @@ public:
 private:
     explicit Watcher(const FileNotifyWatchMessage& first);
 
+    void StartThreads();
+
     // Reader thread.
     void ReadUntilStopped();
     bool WaitForAccesses();
     void ReadWaiting();
-    void AwaitRoom(const Framework::Task& task);
+    void AwaitRoom() const;
     bool Pause(int milliseconds) const;
-    std::size_t ReadBatch(std::size_t waiting, Framework::Task* task);
+    bool ReadBatch(std::size_t waiting, FanotifyGroup::Batch& batch);
+    void CloseBatches();
+
+    // Sender thread; the reader while that has nothing.
+    void SendUntilStopped();
+    void Send(const FanotifyGroup::Batch& batch) noexcept;
     void HandleAccess(const FileAccess& access);
     std::string PathOf(const SDK::FileDescriptor& file) const;
     bool AddToPosts(const FileAccess& access);
-    void PostAll(Framework::Task* task);
+    void PostAll();
     bool IsInScope(int pid);
     bool IsIgnored(int pid) const;
-    Poco::AutoPtr<Framework::Task> FindTask() const;
     void CountDropped(std::size_t count);
     void CountOverflows(std::size_t count);
     void LogLosses();
+
+    Poco::AutoPtr<Framework::Task> FindTask() const;
 
     const std::string mTaskName;
     const std::uint64_t mTaskInstance;
@@ -98,8 +111,9 @@ private:
     Marks mMarks;
     std::size_t mFailedMarks = 0;
 
-    // Reader thread only.
-    FanotifyGroup::Batch mBatch;
+    SDK::TurnTaking<FanotifyGroup::Batch> mBatches;
+
+    // Whoever sends.
     std::unordered_map<int, bool> mScopeOfBatch;              // the scope of a process, asked once a batch
     std::vector<std::shared_ptr<Framework::Message>> mPosts;  // of this batch, sent together
     std::shared_ptr<std::deque<FileNotifyMessage>> mMessages; // where these lie, which own them together
@@ -115,7 +129,8 @@ private:
 
     Framework::Event mStop;
     std::atomic<bool> mStopping{false};
-    std::thread mReader; // last, so that all it uses is there
+    std::thread mSender; // last, with the next, so that all they use is there
+    std::thread mReader;
 };
 
 } // namespace Engine

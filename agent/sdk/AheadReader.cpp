@@ -10,31 +10,23 @@
 namespace SDK {
 
 AheadReader::AheadReader(int fd, std::uint64_t maxBytes) : mFd(fd), mLeft(maxBytes) {
-    for (Buffer& buffer : mBuffers) {
+    for (Buffer& buffer : mBuffers.All()) {
         buffer.bytes = std::make_unique_for_overwrite<char[]>(BUFFER_BYTES);
     }
     mThread = std::thread([this] { ReadUntilEnd(); });
 }
 
 AheadReader::~AheadReader() {
-    {
-        const std::lock_guard guard(mMutex);
-        mStopped = true;
-    }
-    mChanged.notify_all();
+    mBuffers.Stop();
     mThread.join();
 }
 
 int AheadReader::Next(const char*& data, std::size_t& length) {
-    std::unique_lock lock(mMutex);
     if (mHolds) {
-        --mFilled;
-        mChanged.notify_all();
+        mBuffers.Emptied();
     }
-    mChanged.wait(lock, [this] { return mFilled > 0; });
+    const Buffer& buffer = *mBuffers.AwaitFilled();
     mHolds = true;
-    const Buffer& buffer = mBuffers[mNext];
-    mNext = (mNext + 1) % mBuffers.size();
     data = buffer.bytes.get();
     length = buffer.length;
     return buffer.error;
@@ -42,24 +34,14 @@ int AheadReader::Next(const char*& data, std::size_t& length) {
 
 void AheadReader::ReadUntilEnd() {
     pthread_setname_np(pthread_self(), "read_ahead");
-    for (std::size_t next = 0; AwaitEmptyBuffer(); next = (next + 1) % mBuffers.size()) {
-        const bool goesOn = Fill(mBuffers[next]);
-        {
-            const std::lock_guard guard(mMutex);
-            ++mFilled;
-        }
-        mChanged.notify_all();
-        if (!goesOn) {
-            return;
+    bool goesOn = true;
+    while (goesOn) {
+        Buffer* const buffer = mBuffers.AwaitEmpty();
+        goesOn = buffer != nullptr && Fill(*buffer);
+        if (buffer != nullptr) {
+            mBuffers.Filled();
         }
     }
-}
-
-// False when nobody wants more.
-bool AheadReader::AwaitEmptyBuffer() {
-    std::unique_lock lock(mMutex);
-    mChanged.wait(lock, [this] { return mStopped || mFilled < mBuffers.size(); });
-    return !mStopped;
 }
 
 // False at the end and after an error.

@@ -1,19 +1,17 @@
 #pragma once
 
-#include <array>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <thread>
+
+#include "agent/sdk/TurnTaking.h"
 
 namespace SDK {
 
 // Reads a file on a thread of its own, while the caller works on what was read before.
 //
-// There are two buffers. Each belongs to one side at a time: empty to the reading thread, from its reading on to
-// the caller, who gives it back by asking for the next.
+// There are two buffers, which go to and fro between the two; the caller gives one back by asking for the next.
 //
 // The owner's one thread calls; the reader's thread lasts as long as the object.
 class AheadReader {
@@ -43,21 +41,13 @@ private:
     };
 
     void ReadUntilEnd();
-    bool AwaitEmptyBuffer();
     bool Fill(Buffer& buffer);
 
     const int mFd;
     std::uint64_t mLeft; // reading thread only
 
-    std::array<Buffer, 2> mBuffers; // filled and emptied by turns
-    std::size_t mNext = 0;          // caller only: the buffer that it gets next
-    bool mHolds = false;            // caller only: it has a buffer to give back
-
-    // The next two under mMutex.
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    std::size_t mFilled = 0; // buffers that belong to the caller
-    bool mStopped = false;
+    TurnTaking<Buffer> mBuffers;
+    bool mHolds = false; // caller only: it has a buffer to give back
 
     std::thread mThread; // last, so that all it uses is there
 };

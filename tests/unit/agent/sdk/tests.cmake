@@ -4,6 +4,7 @@ corvalent_add_test(sdk_text_test ${TEST_DIR}/StrUtilsTest.cpp ${TEST_DIR}/PathUt
 corvalent_add_test(sdk_json_test ${TEST_DIR}/JsonUtilsTest.cpp LIBS sdk)
 corvalent_add_test(sdk_file_test
   ${TEST_DIR}/FileUtilsTest.cpp ${TEST_DIR}/DigestCacheTest.cpp ${TEST_DIR}/AheadReaderTest.cpp
+  ${TEST_DIR}/TurnTakingTest.cpp
   LIBS sdk OpenSSL::Crypto)
 corvalent_add_test(sdk_process_test ${TEST_DIR}/ProcessUtilsTest.cpp ${TEST_DIR}/ProcessImageTest.cpp
   ${TEST_DIR}/PidfdTest.cpp
