@@ -191,9 +191,18 @@ ProcessInfo* SpecifiedFileAudit::GetProcessInfo(int pid) {
         return nullptr;
     }
     ProcessInfo info = *known;
-    mBegins[pid] = ReadBegin(pid);
+    mBegins[pid] = {ReadBegin(pid), SDK::TimeUtils::GetCurrentTimestampS()};
     AntiransonwareProcessUtils::RetrieveProcessDetailInfo(info);
     return &mProcesses.emplace(pid, std::move(info)).first->second;
+}
+
+// The record of a process whose accesses are audited. Null for one that is trusted, or not known.
+ProcessInfo* SpecifiedFileAudit::FindAudited(int pid, std::time_t now) {
+    ProcessInfo* info = GetProcessInfo(pid);
+    if (info != nullptr && info->trusted && now - mBegins[pid].seen >= CHECK_INTERVAL_S) {
+        info = RenewIfReused(info);
+    }
+    return info == nullptr || info->trusted ? nullptr : info;
 }
 
 // The record to go by when the one that is given is of a process that has ended since and whose number
@@ -201,7 +210,9 @@ ProcessInfo* SpecifiedFileAudit::GetProcessInfo(int pid) {
 ProcessInfo* SpecifiedFileAudit::RenewIfReused(ProcessInfo* info) {
     const int pid = info->pid;
     const std::uint64_t begin = ReadBegin(pid);
-    if (begin == 0 || mBegins[pid] == begin) {
+    Begin& known = mBegins[pid];
+    known.seen = SDK::TimeUtils::GetCurrentTimestampS();
+    if (begin == 0 || known.ticks == begin) {
         return info;
     }
     mProcesses.erase(pid);
@@ -252,13 +263,13 @@ void SpecifiedFileAudit::OnFileRecordMsg(std::int32_t pid, const std::string& pa
     if (ConfigManager::Instance()->GetMod() == MOD_LEARNED || IsOwnProcess(pid)) {
         return;
     }
-    ProcessInfo* info = GetProcessInfo(pid);
-    if (info == nullptr || info->trusted) {
+    const std::time_t now = SDK::TimeUtils::GetCurrentTimestampS();
+    ProcessInfo* info = FindAudited(pid, now);
+    if (info == nullptr) {
         return;
     }
     MatchByContent(*info);
     ++info->fileEventCount;
-    const std::time_t now = SDK::TimeUtils::GetCurrentTimestampS();
     if (WasCheckedRecently(*info, now)) {
         return;
     }

@@ -34,7 +34,8 @@ struct FileInodeNoCache {
 //                   the rarely seen go too. A cache full of fresh entries may grow beyond that.
 //     pid map       from 10,000 records on, those of ended processes go; the limit grows with the
 //                   processes that live. A process that was given the number of an ended one gets a
-//                   record of its own before it is learned or judged.
+//                   record of its own before it is learned or judged; where the ended one was trusted, at
+//                   its first access from 2 seconds on after that was last made sure.
 //
 // One instance; all operations are for the thread of the task that owns it, so it has no lock.
 class SpecifiedFileAudit {
@@ -105,11 +106,17 @@ public:
 private:
     SpecifiedFileAudit();
 
+    // When the process of a record began.
+    struct Begin {
+        std::uint64_t ticks = 0; // see SDK::ProcStat; 0 where that could not be read
+        std::time_t seen = 0;    // wall clock of the latest look, seconds
+    };
+
+    ProcessInfo* FindAudited(int pid, std::time_t now);
     ProcessInfo* RenewIfReused(ProcessInfo* info);
 
     std::map<std::int32_t, ProcessInfo> mProcesses;
-    // When the processes of the records began: see SDK::ProcStat. 0 where that could not be read.
-    std::map<std::int32_t, std::uint64_t> mBegins;
+    std::map<std::int32_t, Begin> mBegins;
     std::unique_ptr<char[]> mScratch;
     std::uint64_t mProcessLimit;
     std::map<std::uint64_t, FileInodeNoCache> mInodes;

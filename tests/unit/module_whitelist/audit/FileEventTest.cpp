@@ -1,10 +1,18 @@
+#include <cstdint>
+#include <ctime>
 #include <filesystem>
+#include <system_error>
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "FileAuditTest.h"
+#include "sdk/ProcStat.h"
+#include "support/ChildProcess.h"
+#include "support/ForeignProcess.h"
+#include "support/TempCgroup.h"
+#include "support/WaitFor.h"
 #include "unit/module_whitelist/shell/FakeClock.h"
 
 namespace AuditTest {
@@ -14,6 +22,10 @@ namespace {
 using ShellTest::FakeClock;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using TestSupport::ChildProcess;
+using TestSupport::ForeignProcess;
+using TestSupport::TempCgroup;
+using TestSupport::WaitFor;
 
 // One process, "/bin/accessor", that touches files.
 class FileEvents : public FileAuditTest {
@@ -52,6 +64,31 @@ protected:
     }
 
     bool IsLearned(const std::string& path) const { return engine.CopyLocalTrust().contains(path); }
+
+    // The program under the number of the process, which is ended for it; it begins at another time.
+    static ChildProcess TakeOver(ChildProcess& process, const TempCgroup& group, const std::string& program) {
+        const int pid = process.Pid();
+        SDK::ProcStat stat;
+        EXPECT_EQ(SDK::ProcStat::Read(pid, stat), 0);
+        EXPECT_TRUE(WaitFor([&stat] { return CountTicks() > stat.startTime; }));
+        process.End();
+        ChildProcess successor = ChildProcess::SpawnAs(pid, group, {program, "1000"});
+        EXPECT_TRUE(WaitFor([&] {
+            std::error_code error;
+            return std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error) == program;
+        }));
+        return successor;
+    }
+
+private:
+    // Since the machine was started, in the unit of SDK::ProcStat.
+    static std::uint64_t CountTicks() {
+        timespec now{};
+        clock_gettime(CLOCK_BOOTTIME, &now);
+        const auto perSecond = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
+        return static_cast<std::uint64_t>(now.tv_sec) * perSecond +
+               static_cast<std::uint64_t>(now.tv_nsec) * perSecond / 1'000'000'000U;
+    }
 };
 
 } // namespace
@@ -94,6 +131,41 @@ TEST_F(FileEvents, OfAProcessThatWasTrustedAtItsStartAreIgnored) {
     EXPECT_THAT(log.Records(), IsEmpty());
     EXPECT_EQ(audit.GetProcessInfo(NOBODY + 1)->fileEventCount, 0U);
     EXPECT_EQ(audit.GetProcessInfo(NOBODY + 1)->type, Engine::MATCH_PATH);
+}
+
+TEST_F(FileEvents, AProcessWithTheNumberOfATrustedOneThatHasEndedIsChecked) {
+    if (const std::string reason = TestSupport::WhyNoCgroup(); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const TempCgroup group;
+    const std::string program = CopyProgram("/bin/sleep", "other");
+    const std::string file = files.Write("x", "");
+    ChildProcess trusted = ChildProcess::SpawnIn(group, {"/bin/sleep", "1000"});
+    const int pid = trusted.Pid();
+    ProcessInfo row = Process(pid, "/bin/sleep");
+    row.trusted = true;
+    engine.AddToAllProcessMap(row);
+    audit.OnFileRecordMsg(pid, file);
+    const ChildProcess other = TakeOver(trusted, group, program);
+    audit.OnFileRecordMsg(pid, file);
+    EXPECT_THAT(Checks(), IsEmpty());
+    FakeClock::Advance(2);
+    audit.OnFileRecordMsg(pid, file);
+    EXPECT_EQ(Checks().size(), 1U);
+    EXPECT_TRUE(IsLearned(program));
+}
+
+TEST_F(FileEvents, ATrustedProcessThatLivesStaysTrusted) {
+    const ForeignProcess process({.words = {CopyProgram("/bin/sleep", "tool"), "1000"}});
+    ProcessInfo row = Process(process.Pid(), "/bin/sleep");
+    row.trusted = true;
+    engine.AddToAllProcessMap(row);
+    for (int i = 0; i < 3; ++i) {
+        audit.OnFileRecordMsg(process.Pid(), files.Write("x", ""));
+        FakeClock::Advance(2);
+    }
+    EXPECT_THAT(Checks(), IsEmpty());
+    EXPECT_EQ(audit.GetProcessInfo(process.Pid())->path, "/bin/sleep");
 }
 
 // ---- The record ------------------------------------------------------------------------------------
