@@ -12,6 +12,7 @@
 #include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <sys/statvfs.h>
 
 namespace SDK {
 
@@ -35,6 +36,16 @@ std::int64_t ToNs(const timespec& time) {
 bool IsKernelFileSystem(const struct statfs& info) {
     const auto type = static_cast<std::uint32_t>(info.f_type);
     return std::find(KERNEL_FILE_SYSTEMS.begin(), KERNEL_FILE_SYSTEMS.end(), type) != KERNEL_FILE_SYSTEMS.end();
+}
+
+// Whoever may plug in a medium, or set up a loop device on a file of theirs, has it mounted for them, always with
+// nosuid (udisks; mount(8), "user"), and can change its blocks behind the file system's back.
+bool IsRootsOwnMount(const struct statfs& info) {
+    return (info.f_flags & ST_NOSUID) == 0;
+}
+
+bool IsBelievable(const struct statfs& info) {
+    return IsKernelFileSystem(info) && IsRootsOwnMount(info);
 }
 
 bool CanOnlyRootWrite(const struct stat& info) {
@@ -86,7 +97,7 @@ bool DigestCache::Identify(int fd, std::uint64_t maxBytes, Key& key, bool& relia
         return false;
     }
     key = MakeKey(info, system, maxBytes);
-    reliable = IsKernelFileSystem(system) && CanOnlyRootWrite(info);
+    reliable = IsBelievable(system) && CanOnlyRootWrite(info);
     return true;
 }
 
@@ -128,7 +139,7 @@ bool DigestCache::Recall(const Key& key, std::string& digest) {
 bool DigestCache::Find(const std::string& path, std::uint64_t maxBytes, std::string& digest) {
     struct stat info {};
     struct statfs system {};
-    if (stat(path.c_str(), &info) != 0 || statfs(path.c_str(), &system) != 0) {
+    if (stat(path.c_str(), &info) != 0 || statfs(path.c_str(), &system) != 0 || !IsBelievable(system)) {
         return false;
     }
     const Key key = MakeKey(info, system, maxBytes);

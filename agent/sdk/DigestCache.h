@@ -37,11 +37,14 @@ namespace SDK {
 //                 versions, set it for both: Linux 6.18 does not for the second file of ext4's.
 //     but         it follows the machine's clock, which can be set back.
 //     but         a file system in user space or over a network tells whatever its server likes.
+//     but         on a medium of his own, or in a file behind a loop device, a user writes what he likes, times
+//                 and all, and desktops mount both for him.
 //
 // So a digest is remembered, under device, file system id, inode, size, mtime and ctime in nanoseconds and the
 // read limit, only if all of this held:
 //
-//     1. the file system is one of the kernel's own, in which every change moves ctime (a list in the source);
+//     1. the file system is one of the kernel's own, in which every change moves ctime (a list in the source),
+//        and not mounted with nosuid, as everything is that is mounted on a user's behalf;
 //     2. nobody but root may write to the file: it is root's, and neither its group nor others have the right
 //        (a list of access rights shows in the group's);
 //     3. before the content was read, ctime lay at least SETTLE_TIME in the past, by the clock that the
@@ -53,7 +56,8 @@ namespace SDK {
 // The digest of a file that fails one of these is right for the moment that it was read in, as ever, and is
 // computed anew the next time. When a digest is computed and the clock has gone back, everything is forgotten.
 //
-// Not defended against: root, who writes to the block device below the file system, or has the kernel's rights.
+// Not defended against: root, who mounts what a user brings without nosuid, writes to the block device below the
+// file system, or has the kernel's rights.
 //
 // In memory only, MAX_ENTRIES at most; the least recently used goes. Several threads that ask for one file
 // at a time share one computation. Thread-safe.
