@@ -5,6 +5,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "agent/sdk/FileDescriptor.h"
@@ -25,6 +26,15 @@ int OpenImage(const std::string& link) {
         errno = Shortage::Note(errno);
     }
     return fd;
+}
+
+std::int64_t ToNs(const timespec& time) {
+    constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
+    return static_cast<std::int64_t>(time.tv_sec) * NS_PER_SECOND + time.tv_nsec;
+}
+
+ImageIdentity IdentityOf(const struct stat& info) {
+    return {info.st_dev, info.st_ino, info.st_size, ToNs(info.st_mtim), ToNs(info.st_ctim)};
 }
 
 } // namespace
@@ -54,6 +64,17 @@ ProcessImage::~ProcessImage() {
     if (mFd >= 0) {
         close(mFd);
     }
+}
+
+std::optional<ImageIdentity> ProcessImage::Identify(int pid) {
+    struct stat info {};
+    const auto ask = [&] { return StatImage(pid, info) ? 0 : ENOENT; };
+    return WithoutThrowing(ask) == 0 ? std::optional(IdentityOf(info)) : std::nullopt;
+}
+
+std::optional<ImageIdentity> ProcessImage::GetIdentity() const {
+    struct stat info {};
+    return mFd >= 0 && fstat(mFd, &info) == 0 ? std::optional(IdentityOf(info)) : std::nullopt;
 }
 
 const ProcessImage* ProcessImage::Of(int pid) {

@@ -92,7 +92,18 @@ public:
     // Empty for an image that cannot be read. An image that is held is looked at itself: another process may
     // run another one under the same path.
     std::string Of(const std::string& path) {
-        return SDK::ProcessImage::At(path) == nullptr ? OfFile(path) : Compute(path);
+        const SDK::ProcessImage* const held = SDK::ProcessImage::At(path);
+        return held == nullptr ? OfFile(path) : OfHeld(path, *held);
+    }
+
+    // Of what the process runs, where another that runs the same under the same path was held before.
+    std::optional<std::string> FindRunning(int pid, const std::string& path) const {
+        if (mHeld.empty()) {
+            return std::nullopt;
+        }
+        const std::optional<SDK::ImageIdentity> running = SDK::ProcessImage::Identify(pid);
+        const auto image = running ? mHeld.find({*running, path}) : mHeld.end();
+        return image == mHeld.end() ? std::nullopt : std::optional(image->second);
     }
 
 private:
@@ -110,7 +121,17 @@ private:
         return image->second;
     }
 
+    std::string OfHeld(const std::string& path, const SDK::ProcessImage& held) {
+        const std::optional<SDK::ImageIdentity> before = held.GetIdentity();
+        std::string digest = Compute(path);
+        if (before && held.GetIdentity() == before) {
+            mHeld[{*before, path}] = digest;
+        }
+        return digest;
+    }
+
     std::unordered_map<std::string, std::string> mByPath;
+    std::map<std::pair<SDK::ImageIdentity, std::string>, std::string> mHeld;
 };
 
 // Only directory mode judges the processes that run already.
@@ -118,13 +139,20 @@ std::optional<SDK::ProcessImage> HoldImageForRow(int pid) {
     return ConfigManager::Instance()->GetDirMod() ? HoldJudgedImage(pid) : std::optional<SDK::ProcessImage>();
 }
 
-ProcessInfo RecordOf(const ProcsMessage::procInfo& process, ImageDigests& digests) {
+// What need not be held to be judged. An interpreter has to be: its script is looked for, too.
+std::optional<std::string> FindKnownDigest(ProcessInfo& info, const ImageDigests& digests,
+                                           const std::vector<std::string>& interpreters) {
+    return AntiransonwareProcessUtils::IsInterpreterProcess(info, interpreters)
+               ? std::nullopt
+               : digests.FindRunning(info.pid, info.path);
+}
+
+ProcessInfo RecordOf(const ProcsMessage::procInfo& process) {
     ProcessInfo info(process.pid);
     info.ppid = process.ppid;
     info.path = process.path;
     info.name = process.name;
     info.cmdline = process.cmdline;
-    info.hash = digests.Of(info.path);
     return info;
 }
 
@@ -653,19 +681,22 @@ bool ProcessManager::InitTrustProcess() {
         return false;
     }
     ImageDigests digests;
+    const std::vector<std::string> interpreters = GetInterpreterNames();
     for (const auto& [pid, process] : processes) {
         throttle.Check();
-        const auto image = HoldImageForRow(pid);
-        ProcessInfo info = RecordOf(process, digests);
+        ProcessInfo info = RecordOf(process);
+        const std::optional<std::string> known = FindKnownDigest(info, digests, interpreters);
+        const auto image = known ? std::optional<SDK::ProcessImage>() : HoldImageForRow(pid);
+        info.hash = known ? *known : digests.Of(info.path);
         if (!info.hash.empty()) {
-            ConsiderRunningProcess(std::move(info));
+            ConsiderRunningProcess(std::move(info), interpreters);
         }
     }
     return true;
 }
 
-void ProcessManager::ConsiderRunningProcess(ProcessInfo info) {
-    AntiransonwareProcessUtils::CheckInterpreterProcess(info, GetInterpreterNames());
+void ProcessManager::ConsiderRunningProcess(ProcessInfo info, const std::vector<std::string>& interpreters) {
+    AntiransonwareProcessUtils::CheckInterpreterProcess(info, interpreters);
     if (ConfigManager::Instance()->GetDirMod()) {
         info.trusted = IsTrustProcess(info);
         const SDK::WriteGuard guard(allProcessLock);
@@ -1160,7 +1191,8 @@ bool ProcessManager::GetAllProcess(std::string& out) {
     ImageDigests digests;
     for (const auto& [pid, process] : processes) {
         throttle.Check();
-        ProcessInfo info = RecordOf(process, digests);
+        ProcessInfo info = RecordOf(process);
+        info.hash = digests.Of(info.path);
         info.type = MATCH_HASH;
         ProcessInfo2Json(info, list.append(Json::Value(Json::objectValue)));
     }

@@ -291,7 +291,7 @@ private:
     bool ReplaceServerTrust(const char* data, std::size_t len);
     void ReloadServerTrust();
 
-    void ConsiderRunningProcess(ProcessInfo info);
+    void ConsiderRunningProcess(ProcessInfo info, const std::vector<std::string>& interpreters);
     void Adopt(const ProcessInfo& info);
     std::optional<ProcessInfo> FindLocal(const std::string& path) const;
     ListOpinion AskServerList(ProcessInfo& info) const;

@@ -1,8 +1,24 @@
 #pragma once
 
+#include <compare>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 namespace SDK {
+
+// Which file an image is, and in which state, as stat(2) tells it. The same from one moment to the next means the
+// same content unless somebody changed it in between and hid that: good for a pass over what runs, not for longer.
+struct ImageIdentity {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t size = 0;
+    std::int64_t mtimeNs = 0; // since the epoch
+    std::int64_t ctimeNs = 0;
+
+    // NOLINTNEXTLINE(modernize-use-nullptr): the tool takes the generated comparison with 0 for a pointer
+    auto operator<=>(const ImageIdentity&) const = default;
+};
 
 // Holds open the image that a process runs, so that what is read is what runs.
 //
@@ -33,6 +49,12 @@ public:
 
     // The image that the calling thread holds and that bears this path; null when there is none.
     static const ProcessImage* At(const std::string& path);
+
+    // Of what the process runs now, which is not opened for it. Nothing when the process is gone or has no image.
+    static std::optional<ImageIdentity> Identify(int pid);
+
+    // Of what is held; nothing where that could not be opened.
+    std::optional<ImageIdentity> GetIdentity() const;
 
     // As ProcessUtils::GetProcessExePath gives it.
     const std::string& GetPath() const { return mPath; }

@@ -122,6 +122,20 @@ TEST_F(ProcessImageTest, AProcessThatIsGoneHasNone) {
     EXPECT_EQ(DigestAt(path), otherDigest);
 }
 
+TEST_F(ProcessImageTest, TheIdentityOfWhatRunsIsThatOfWhatIsHeld) {
+    const ChildProcess another = Start("/bin/sleep");
+    const ProcessImage image(child->Pid());
+    const auto identity = ProcessImage::Identify(child->Pid());
+    ASSERT_TRUE(identity.has_value());
+    EXPECT_EQ(image.GetIdentity(), identity);
+    EXPECT_NE(ProcessImage::Identify(another.Pid()), identity);
+    const int pid = child->Pid();
+    child->End();
+    EXPECT_FALSE(ProcessImage::Identify(pid).has_value());
+    EXPECT_EQ(image.GetIdentity(), identity);
+    EXPECT_FALSE(ProcessImage(pid).GetIdentity().has_value());
+}
+
 TEST_F(ProcessImageTest, WhatLiesAtThePathIsNotTakenForAnImageThatCannotBeOpened) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can take rights from itself for a while";

@@ -140,6 +140,37 @@ TEST_F(RunningProcessesTest, AreHashedOnceAnImage) {
     EXPECT_EQ(engine.GetProcessInfoFromID(100004)->hash, Digest("the other"));
 }
 
+TEST_F(RunningProcessesTest, InDirectoryModeAreHashedOnceAnImageAsWell) {
+    Configure(Engine::MOD_DETECT, true);
+    const std::string sleep = CopyProgram("/bin/sleep", "sleep");
+    const TestSupport::ForeignProcess first({.words = {sleep, "1000"}});
+    const TestSupport::ForeignProcess second({.words = {sleep, "1000"}});
+    TellOf({Process(first.Pid(), sleep), Process(second.Pid(), sleep)});
+    const SDK::DigestFigures before = SDK::FileUtils::GetDigestFigures();
+    EXPECT_TRUE(engine.InitTrustProcess());
+    const SDK::DigestFigures after = SDK::FileUtils::GetDigestFigures();
+    EXPECT_EQ(after.hits + after.misses, before.hits + before.misses + 1);
+    for (const int pid : {first.Pid(), second.Pid()}) {
+        EXPECT_EQ(engine.GetProcessInfoFromID(pid)->hash, DigestOfFile(sleep));
+    }
+}
+
+TEST_F(RunningProcessesTest, InDirectoryModeTwoImagesUnderOnePathAreJudgedApart) {
+    Configure(Engine::MOD_DETECT, true);
+    const std::string path = CopyProgram("/bin/sleep", "program");
+    const std::string sleepDigest = DigestOfFile(path);
+    const TestSupport::ForeignProcess trusted({.words = {path, "1000"}});
+    std::filesystem::rename(CopyProgram("/bin/tail", "other"), path);
+    const TestSupport::ForeignProcess stranger({.words = {path, "-f", "/dev/null"}});
+    ASSERT_TRUE(SyncPreset(OS_PRESET, List({PresetEntry(sleepDigest)})));
+    TellOf({Process(trusted.Pid(), path), Process(stranger.Pid(), path)});
+    EXPECT_TRUE(engine.InitTrustProcess());
+    EXPECT_EQ(engine.GetProcessInfoFromID(trusted.Pid())->hash, sleepDigest);
+    EXPECT_TRUE(engine.GetProcessInfoFromID(trusted.Pid())->trusted);
+    EXPECT_EQ(engine.GetProcessInfoFromID(stranger.Pid())->hash, DigestOfFile(path));
+    EXPECT_FALSE(engine.GetProcessInfoFromID(stranger.Pid())->trusted);
+}
+
 TEST_F(RunningProcessesTest, OneHundredThousandAreLookedAt) {
     Configure(Engine::MOD_LEARN);
     TellOfMany(100000);
