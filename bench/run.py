@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Runs benches for several rounds, compares what they print, and writes RESULTS.md, results.json and plots.
+"""Runs benches for several rounds, compares what they print, and writes results.json, RESULTS.md, the plots, and
+the table of figures in the README of the tree.
 
 What a bench prints, and how to add one, is in README.md beside this file. scripts/bench.sh builds and
 calls.
@@ -17,10 +18,16 @@ import subprocess
 import sys
 from pathlib import Path
 
+from tables import cells, number, readme_lines
+
 BENCH = Path(__file__).resolve().parent
 RESULTS_JSON = BENCH / "results.json"
 RESULTS_MD = BENCH / "RESULTS.md"
 PLOTS = BENCH / "plots"
+README_MD = BENCH.parent / "README.md"
+# Around the table in the README.
+TABLE_BEGIN = "<!-- figures: written by scripts/bench.sh -->\n"
+TABLE_END = "<!-- end of figures -->\n"
 
 
 # ---- running ----------------------------------------------------------------------------------------
@@ -137,17 +144,6 @@ def summarise(cases):
 # ---- writing ----------------------------------------------------------------------------------------
 
 
-def number(value):
-    if value == 0 or math.isinf(value):
-        return f"{value:g}"
-    digits = max(0, 2 - math.floor(math.log10(abs(value))))
-    return f"{value:.{digits}f}"
-
-
-def cells(*values):
-    return "| " + " | ".join(str(value) for value in values) + " |"
-
-
 def goal_text(goal):
     bound = f"at least {goal['at_least']:g}" if "at_least" in goal else f"at most {goal['at_most']:g}"
     if "of" in goal:
@@ -205,7 +201,7 @@ def bench_lines(name, result):
         yield from figure_lines(figure)
 
 
-def write_markdown(results):
+def results_markdown(results):
     lines = [
         "# Results",
         "",
@@ -216,7 +212,28 @@ def write_markdown(results):
     ]
     for name in sorted(results):
         lines.extend(bench_lines(name, results[name]))
-    RESULTS_MD.write_text("\n".join(lines).rstrip() + "\n")
+    return "\n".join(lines).rstrip() + "\n"
+
+
+def readme_markdown(results):
+    """The README as it is, with the table made anew."""
+    before, found, rest = README_MD.read_text().partition(TABLE_BEGIN)
+    _, ended, after = rest.partition(TABLE_END)
+    if not found or not ended:
+        sys.exit(f"run.py: {README_MD} has no place for the table: {TABLE_BEGIN.strip()} and {TABLE_END.strip()}")
+    return before + TABLE_BEGIN + "\n".join(readme_lines(results)) + "\n" + TABLE_END + after
+
+
+def documents(results):
+    return {RESULTS_MD: results_markdown(results), README_MD: readme_markdown(results)}
+
+
+def check(results):
+    """Whether the documents are those of the results and of the notes beside the benches."""
+    stale = [path.relative_to(BENCH.parent) for path, text in documents(results).items() if path.read_text() != text]
+    for path in stale:
+        print(f"run.py: {path} is not what results.json and the notes come to: run bench/run.py", file=sys.stderr)
+    return not stale
 
 
 # ---- drawing ----------------------------------------------------------------------------------------
@@ -284,24 +301,34 @@ def draw(figures):
 # ---- the whole --------------------------------------------------------------------------------------
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--rounds", type=int, default=7, help="how often each bench is repeated")
-    parser.add_argument("--programs", type=Path, required=True, help="the folder in which the benches were built")
-    parser.add_argument("names", nargs="*", help="the benches; none: what was measured before is written anew")
-    arguments = parser.parse_args()
-
-    results = json.loads(RESULTS_JSON.read_text()) if RESULTS_JSON.exists() else {}
-    for name in arguments.names:
+def measure_all(names, programs, rounds, results):
+    for name in names:
         on = machine()
         date = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
-        figures = summarise(measure(name, arguments.programs / name, arguments.rounds))
-        results[name] = {"date": date, "rounds": arguments.rounds, "machine": on, "figures": figures}
+        figures = summarise(measure(name, programs / name, rounds))
+        results[name] = {"date": date, "rounds": rounds, "machine": on, "figures": figures}
         RESULTS_JSON.write_text(json.dumps(results, indent=1, ensure_ascii=False) + "\n")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n", maxsplit=1)[0])
+    parser.add_argument("--rounds", type=int, default=7, help="how often each bench is repeated")
+    parser.add_argument("--programs", type=Path, help="the folder in which the benches were built")
+    parser.add_argument("--check", action="store_true", help="write nothing; fail when what is written here is stale")
+    parser.add_argument("names", nargs="*", help="the benches; none: what was measured before is written anew")
+    arguments = parser.parse_args()
+    if arguments.names and (arguments.check or not arguments.programs):
+        parser.error("measuring takes --programs, and is not for --check")
+
+    results = json.loads(RESULTS_JSON.read_text()) if RESULTS_JSON.exists() else {}
+    if arguments.check:
+        sys.exit(not check(results))
+    measure_all(arguments.names, arguments.programs, arguments.rounds, results)
+    for path, text in documents(results).items():
+        path.write_text(text)
     for result in results.values():
         draw(result["figures"])
-    write_markdown(results)
-    print(f"== written: {RESULTS_MD.relative_to(Path.cwd())}, results.json and plots/ beside it")
+    print("== written: bench/RESULTS.md, results.json and plots/ beside it, and the table in README.md")
 
 
 main()
