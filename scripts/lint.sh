@@ -2,8 +2,7 @@
 # scripts/lint.sh [BUILD_DIR]: what is wrong with the sources without running them: the format of all of
 # them, and of what is shipped also what cppcheck, clang-tidy and clang's thread-safety analysis find
 # (.clang-format and .clang-tidy say what that is); and whether documents that are made of what the benches
-# measured are up to date. BUILD_DIR has been configured; "build" unless told
-# otherwise.
+# measured are up to date. BUILD_DIR has been configured; "build" unless told otherwise.
 . "$(dirname "$0")/lib/common.sh"
 
 build_dir=${1:-build}
