@@ -82,7 +82,8 @@ void MeasureCase(const Options& options, const Shape& shape, Element element, co
     if (series.empty()) {
         return;
     }
-    std::rotate(series.begin(), series.begin() + options.round % series.size(), series.end());
+    const auto first = static_cast<std::ptrdiff_t>(options.round % series.size());
+    std::rotate(series.begin(), series.begin() + first, series.end());
     for (const Series* one : series) {
         Report({.figure = figure,
                 .kase = kase,
