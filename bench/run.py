@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Runs benches for several rounds, compares what they print, and writes RESULTS.md, results.json and plots.
+"""Runs benches for several rounds, compares what they print, and writes results.json, RESULTS.md, the plots, and
+the table of figures in the README of the tree.
 
 What a bench prints, and how to add one, is in README.md beside this file. scripts/bench.sh builds and
 calls.
@@ -17,10 +18,16 @@ import subprocess
 import sys
 from pathlib import Path
 
+from tables import cells, number, readme_lines
+
 BENCH = Path(__file__).resolve().parent
 RESULTS_JSON = BENCH / "results.json"
 RESULTS_MD = BENCH / "RESULTS.md"
 PLOTS = BENCH / "plots"
+README_MD = BENCH.parent / "README.md"
+# Around the table in the README.
+TABLE_BEGIN = "<!-- figures: written by scripts/bench.sh -->\n"
+TABLE_END = "<!-- end of figures -->\n"
 
 
 # ---- running ----------------------------------------------------------------------------------------
@@ -66,9 +73,9 @@ def measure(name, program, rounds):
         print(f"== {name}: round {number + 1} of {rounds}", flush=True)
         for line in run_round(program, number):
             series = cases.setdefault((line["figure"], line.get("case", "")), {})
-            one = series.setdefault(line["series"], {"unit": line["unit"], "goals": [], "values": {}})
+            one = series.setdefault(line["series"], {"unit": line["unit"], "goals": {}, "values": {}})
             one["values"][number] = line["value"]
-            one["goals"] = line.get("goals", [])
+            one["goals"][number] = line.get("goals", [])
     return cases
 
 
@@ -85,17 +92,40 @@ def divide(value, by):
     return value / by
 
 
-def judge(series, name, goal):
-    """A goal with the ratio that was reached; of each round the ratio within that round."""
-    judged = {"series": name, **goal}
-    values = series[name]["values"]
-    other = series.get(goal["of"], {"values": {}})["values"] if "of" in goal else {r: 1 for r in values}
-    ratios = [divide(value, other[r]) for r, value in values.items() if r in other]
+def ratio(series, name, number, goal):
+    """What the goal is about in this round; None when what it names was not measured."""
+    value = series[name]["values"][number]
+    if "of" not in goal:
+        return value
+    other = series.get(goal["of"], {"values": {}})["values"]
+    return divide(value, other[number]) if number in other else None
+
+
+def is_met(goal, reached):
+    """By the median of the rounds, or by the worst where the goal is for every round."""
+    if "at_least" in goal:
+        return reached["min" if goal.get("every_round") else "median"] >= goal["at_least"]
+    return reached["max" if goal.get("every_round") else "median"] <= goal["at_most"]
+
+
+def judge(series, name, goals):
+    """One goal as each round put it, {round: goal}, with what was reached. The rounds may differ in what they
+    are compared with, and each is compared with what it names."""
+    goal = dict(next(iter(goals.values())))
+    if "of" in goal:
+        goal["of"] = " or ".join(sorted({one["of"] for one in goals.values()}))
+    ratios = [ratio(series, name, number, one) for number, one in goals.items()]
+    ratios = [one for one in ratios if one is not None]
     if not ratios:
-        return {**judged, "reached": None, "met": None}
+        return {"series": name, **goal, "reached": None, "met": None}
     reached = spread(ratios)
-    met = reached["median"] >= goal["at_least"] if "at_least" in goal else reached["median"] <= goal["at_most"]
-    return {**judged, "reached": reached, "met": met}
+    return {"series": name, **goal, "reached": reached, "met": is_met(goal, reached)}
+
+
+def judge_all(series, name):
+    """A bench prints as many goals of a series in each round, in the same order."""
+    by_round = series[name]["goals"]
+    return [judge(series, name, dict(zip(by_round, goals))) for goals in zip(*by_round.values(), strict=True)]
 
 
 def summarise(cases):
@@ -106,7 +136,7 @@ def summarise(cases):
         entry["cases"].append({
             "case": case,
             "series": {name: spread(list(series[name]["values"].values())) for name in sorted(series)},
-            "goals": [judge(series, name, goal) for name in sorted(series) for goal in series[name]["goals"]],
+            "goals": [goal for name in sorted(series) for goal in judge_all(series, name)],
         })
     return list(figures.values())
 
@@ -114,20 +144,11 @@ def summarise(cases):
 # ---- writing ----------------------------------------------------------------------------------------
 
 
-def number(value):
-    if value == 0 or math.isinf(value):
-        return f"{value:g}"
-    digits = max(0, 2 - math.floor(math.log10(abs(value))))
-    return f"{value:.{digits}f}"
-
-
-def cells(*values):
-    return "| " + " | ".join(str(value) for value in values) + " |"
-
-
 def goal_text(goal):
     bound = f"at least {goal['at_least']:g}" if "at_least" in goal else f"at most {goal['at_most']:g}"
-    return f"{bound} of {goal['of']}" if "of" in goal else bound
+    if "of" in goal:
+        bound += f" of {goal['of']}"
+    return f"{bound}, in every round" if goal.get("every_round") else bound
 
 
 def goal_rows(figures):
@@ -136,8 +157,8 @@ def goal_rows(figures):
             for goal in case["goals"]:
                 reached = goal["reached"]
                 met = {True: "yes", False: "**no**", None: "not measured"}[goal["met"]]
-                ratio = [number(reached[key]) for key in ("min", "median", "max")] if reached else ["–"] * 3
-                yield cells(figure["figure"], case["case"], goal["series"], goal_text(goal), *ratio, met)
+                numbers = [number(reached[key]) for key in ("min", "median", "max")] if reached else ["–"] * 3
+                yield cells(figure["figure"], case["case"], goal["series"], goal_text(goal), *numbers, met)
 
 
 def figure_lines(figure):
@@ -180,17 +201,39 @@ def bench_lines(name, result):
         yield from figure_lines(figure)
 
 
-def write_markdown(results):
+def results_markdown(results):
     lines = [
         "# Results",
         "",
-        "Written by `scripts/bench.sh`; do not edit. Ratios are of values of the same round, a goal is met when",
-        "the median of its ratios is. Every run counts, none is left out.",
+        "Written by `scripts/bench.sh`; do not edit. Ratios are of values of the same round. A goal is met when the",
+        "median of its rounds is; one that says so, in every round, when the worst of them is: what must never",
+        "happen, and what is no ratio. Least, median and most are of all rounds, none is left out.",
         "",
     ]
     for name in sorted(results):
         lines.extend(bench_lines(name, results[name]))
-    RESULTS_MD.write_text("\n".join(lines).rstrip() + "\n")
+    return "\n".join(lines).rstrip() + "\n"
+
+
+def readme_markdown(results):
+    """The README as it is, with the table made anew."""
+    before, found, rest = README_MD.read_text().partition(TABLE_BEGIN)
+    _, ended, after = rest.partition(TABLE_END)
+    if not found or not ended:
+        sys.exit(f"run.py: {README_MD} has no place for the table: {TABLE_BEGIN.strip()} and {TABLE_END.strip()}")
+    return before + TABLE_BEGIN + "\n".join(readme_lines(results)) + "\n" + TABLE_END + after
+
+
+def documents(results):
+    return {RESULTS_MD: results_markdown(results), README_MD: readme_markdown(results)}
+
+
+def check(results):
+    """Whether the documents are those of the results and of the notes beside the benches."""
+    stale = [path.relative_to(BENCH.parent) for path, text in documents(results).items() if path.read_text() != text]
+    for path in stale:
+        print(f"run.py: {path} is not what results.json and the notes come to: run bench/run.py", file=sys.stderr)
+    return not stale
 
 
 # ---- drawing ----------------------------------------------------------------------------------------
@@ -258,24 +301,34 @@ def draw(figures):
 # ---- the whole --------------------------------------------------------------------------------------
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--rounds", type=int, default=7, help="how often each bench is repeated")
-    parser.add_argument("--programs", type=Path, required=True, help="the folder in which the benches were built")
-    parser.add_argument("names", nargs="*", help="the benches; none: what was measured before is written anew")
-    arguments = parser.parse_args()
-
-    results = json.loads(RESULTS_JSON.read_text()) if RESULTS_JSON.exists() else {}
-    for name in arguments.names:
+def measure_all(names, programs, rounds, results):
+    for name in names:
         on = machine()
         date = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
-        figures = summarise(measure(name, arguments.programs / name, arguments.rounds))
-        results[name] = {"date": date, "rounds": arguments.rounds, "machine": on, "figures": figures}
+        figures = summarise(measure(name, programs / name, rounds))
+        results[name] = {"date": date, "rounds": rounds, "machine": on, "figures": figures}
         RESULTS_JSON.write_text(json.dumps(results, indent=1, ensure_ascii=False) + "\n")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n", maxsplit=1)[0])
+    parser.add_argument("--rounds", type=int, default=7, help="how often each bench is repeated")
+    parser.add_argument("--programs", type=Path, help="the folder in which the benches were built")
+    parser.add_argument("--check", action="store_true", help="write nothing; fail when what is written here is stale")
+    parser.add_argument("names", nargs="*", help="the benches; none: what was measured before is written anew")
+    arguments = parser.parse_args()
+    if arguments.names and (arguments.check or not arguments.programs):
+        parser.error("measuring takes --programs, and is not for --check")
+
+    results = json.loads(RESULTS_JSON.read_text()) if RESULTS_JSON.exists() else {}
+    if arguments.check:
+        sys.exit(not check(results))
+    measure_all(arguments.names, arguments.programs, arguments.rounds, results)
+    for path, text in documents(results).items():
+        path.write_text(text)
     for result in results.values():
         draw(result["figures"])
-    write_markdown(results)
-    print(f"== written: {RESULTS_MD.relative_to(Path.cwd())}, results.json and plots/ beside it")
+    print("== written: bench/RESULTS.md, results.json and plots/ beside it, and the table in README.md")
 
 
 main()

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # scripts/lint.sh [BUILD_DIR]: what is wrong with the sources without running them: the format of all of
 # them, and of what is shipped also what cppcheck, clang-tidy and clang's thread-safety analysis find
-# (.clang-format and .clang-tidy say what that is). BUILD_DIR has been configured; "build" unless told
-# otherwise.
+# (.clang-format and .clang-tidy say what that is); and whether documents that are made of what the benches
+# measured are up to date. BUILD_DIR has been configured; "build" unless told otherwise.
 . "$(dirname "$0")/lib/common.sh"
 
 build_dir=${1:-build}
@@ -10,6 +10,9 @@ build_dir=${1:-build}
 
 say "checking the format"
 git ls-files -z '*.h' '*.cpp' | xargs -0 clang-format --dry-run -Werror
+
+say "checking that figures in documents are those measured"
+python3 bench/run.py --check
 
 say "checking with cppcheck"
 options=(

@@ -22,13 +22,12 @@ namespace Bench {
 
 namespace {
 
-// So that nobody is still busy with the program before.
-constexpr std::chrono::milliseconds PAUSE{10};
 constexpr int PATIENCE_MS = 10000;
 constexpr int CANNOT_EXECUTE = 126;
 
 std::vector<char*> Arguments(const std::vector<std::string>& command) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
@@ -102,10 +101,11 @@ std::uint64_t Starter::AwaitKill(pid_t pid) const {
     return endNs - mShared->execNs.load();
 }
 
-std::vector<std::chrono::nanoseconds> Starter::RunUntilKilled(const std::vector<Command>& commands) {
+std::vector<std::chrono::nanoseconds> Starter::RunUntilKilled(const std::vector<Command>& commands,
+                                                              std::chrono::milliseconds pause) {
     Await(ForkInto(mCgroup, [&] {
         for (std::size_t i = 0; i < commands.size(); ++i) {
-            std::this_thread::sleep_for(PAUSE);
+            std::this_thread::sleep_for(pause);
             mShared->tookNs.at(i) = AwaitKill(Start(commands[i]));
         }
     }));

@@ -48,8 +48,10 @@ public:
     int GetPid() const { return mShared->pid.load(); }
 
     // For each, how long it took from execve until its parent saw that somebody had killed it. Throws when one
-    // was not killed. At most as many commands as Shared has room for.
-    std::vector<std::chrono::nanoseconds> RunUntilKilled(const std::vector<Command>& commands);
+    // was not killed. Each starts that long after the end of the one before. At most as many commands as Shared has
+    // room for.
+    std::vector<std::chrono::nanoseconds> RunUntilKilled(const std::vector<Command>& commands,
+                                                         std::chrono::milliseconds pause);
 
     // Runs it so often, and kills it each time when it has run for that long.
     void RunFor(const Command& command, int times, std::chrono::microseconds lifetime);

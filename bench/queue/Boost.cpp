@@ -10,10 +10,12 @@ namespace {
 using namespace Bench;
 
 template <typename Handle> class BoostQueue {
+    using Fixed = boost::lockfree::queue<Bytes<Handle>, boost::lockfree::fixed_sized<true>>;
+
 public:
     explicit BoostQueue(const Load& load) : mQueue(load.capacity) {}
     ~BoostQueue() {
-        mQueue.consume_all([](Relocated<Handle>& left) { left.LetGo(); });
+        mQueue.consume_all([](Bytes<Handle>& left) { LetGo(left); });
     }
     BoostQueue(const BoostQueue&) = delete;
     BoostQueue& operator=(const BoostQueue&) = delete;
@@ -22,9 +24,9 @@ public:
     public:
         Producer(BoostQueue& queue, std::size_t portion) : mQueue(queue.mQueue), mSupply(portion) {}
         std::size_t Put() {
-            const Relocated<Handle>* handles = mSupply.Offer();
+            const std::span<const Bytes<Handle>> handles = mSupply.Offer();
             std::size_t count = 0;
-            while (count < mSupply.Count() && mQueue.bounded_push(handles[count])) {
+            while (count < handles.size() && mQueue.bounded_push(handles[count])) {
                 ++count;
             }
             mSupply.Taken(count);
@@ -32,8 +34,8 @@ public:
         }
 
     private:
-        boost::lockfree::queue<Relocated<Handle>, boost::lockfree::fixed_sized<true>>& mQueue;
-        RelocatedSupply<Handle> mSupply;
+        Fixed& mQueue;
+        BytesSupply<Handle> mSupply;
     };
 
     class Consumer {
@@ -41,21 +43,21 @@ public:
         Consumer(BoostQueue& queue, std::size_t portion) : mQueue(queue.mQueue), mPortion(portion) {}
         std::size_t Take() {
             std::size_t count = 0;
-            Relocated<Handle> taken;
+            Bytes<Handle> taken;
             while (count < mPortion && mQueue.pop(taken)) {
-                taken.LetGo();
+                LetGo(taken);
                 ++count;
             }
             return count;
         }
 
     private:
-        boost::lockfree::queue<Relocated<Handle>, boost::lockfree::fixed_sized<true>>& mQueue;
+        Fixed& mQueue;
         const std::size_t mPortion;
     };
 
 private:
-    boost::lockfree::queue<Relocated<Handle>, boost::lockfree::fixed_sized<true>> mQueue;
+    Fixed mQueue;
 };
 
 const Registration ofShared(MakeSeries<BoostQueue<SharedPointer>>("boost::lockfree", Element::Shared));

@@ -15,12 +15,15 @@ namespace {
 using namespace Bench;
 
 template <typename Handle, unsigned int MODE> class DpdkRing {
+    using Moved = Bytes<Handle>;
+    static constexpr unsigned int ELEMENT_BYTES = sizeof(Moved); // NOLINT(bugprone-sizeof-expression): of a pointer
+
 public:
     explicit DpdkRing(const Load& load) : mRing(Make(load.capacity)) {}
     ~DpdkRing() {
-        Relocated<Handle> left;
-        while (rte_ring_dequeue_elem(mRing.get(), &left, sizeof left) == 0) {
-            left.LetGo();
+        Moved left;
+        while (rte_ring_dequeue_elem(mRing.get(), &left, ELEMENT_BYTES) == 0) {
+            LetGo(left);
         }
     }
     DpdkRing(const DpdkRing&) = delete;
@@ -30,33 +33,33 @@ public:
     public:
         Producer(DpdkRing& ring, std::size_t portion) : mRing(ring.mRing.get()), mSupply(portion) {}
         std::size_t Put() {
-            const Relocated<Handle>* handles = mSupply.Offer();
-            const unsigned int count = rte_ring_enqueue_burst_elem(mRing, handles, sizeof *handles,
-                                                                   static_cast<unsigned int>(mSupply.Count()), nullptr);
+            const std::span<const Moved> handles = mSupply.Offer();
+            const unsigned int count = rte_ring_enqueue_burst_elem(mRing, handles.data(), ELEMENT_BYTES,
+                                                                   static_cast<unsigned int>(handles.size()), nullptr);
             mSupply.Taken(count);
             return count;
         }
 
     private:
         rte_ring* const mRing;
-        RelocatedSupply<Handle> mSupply;
+        BytesSupply<Handle> mSupply;
     };
 
     class Consumer {
     public:
         Consumer(DpdkRing& ring, std::size_t portion) : mRing(ring.mRing.get()), mTaken(portion) {}
         std::size_t Take() {
-            const unsigned int count = rte_ring_dequeue_burst_elem(mRing, mTaken.data(), sizeof(Relocated<Handle>),
+            const unsigned int count = rte_ring_dequeue_burst_elem(mRing, mTaken.data(), ELEMENT_BYTES,
                                                                    static_cast<unsigned int>(mTaken.size()), nullptr);
             for (unsigned int i = 0; i < count; ++i) {
-                mTaken[i].LetGo();
+                LetGo(mTaken[i]);
             }
             return count;
         }
 
     private:
         rte_ring* const mRing;
-        std::vector<Relocated<Handle>> mTaken;
+        std::vector<Moved> mTaken;
     };
 
 private:
@@ -68,7 +71,7 @@ private:
         while (slots <= capacity) {
             slots *= 2;
         }
-        const ssize_t size = rte_ring_get_memsize_elem(sizeof(Handle), slots);
+        const ssize_t size = rte_ring_get_memsize_elem(ELEMENT_BYTES, slots);
         Memory memory(static_cast<rte_ring*>(std::aligned_alloc(RTE_CACHE_LINE_SIZE, static_cast<std::size_t>(size))),
                       &std::free);
         if (!memory || rte_ring_init(memory.get(), "bench", capacity, MODE | RING_F_EXACT_SZ) != 0) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -68,9 +69,9 @@ inline void StayOnCore(unsigned int thread) {
 
 // What one producer sends again and again: so many messages that they are not those that the consumer
 // has just let go, in portions made beforehand.
-template <typename Handle> class Supply {
+template <typename Handle> class Portions {
 public:
-    explicit Supply(std::size_t portion) {
+    explicit Portions(std::size_t portion) {
         mPortions.resize(MESSAGES / portion);
         for (std::vector<Handle>& handles : mPortions) {
             for (std::size_t i = 0; i < portion; ++i) {
@@ -78,13 +79,36 @@ public:
             }
         }
     }
-    const std::vector<Handle>& Portion() const { return mPortions[mNext]; }
+    std::vector<Handle>& Current() { return mPortions[mNext]; }
     void Next() { mNext = mNext + 1 == mPortions.size() ? 0 : mNext + 1; }
 
 private:
     static constexpr std::size_t MESSAGES = 512;
     std::vector<std::vector<Handle>> mPortions;
     std::size_t mNext = 0;
+};
+
+// A producer's handles, portion after portion. Every producer goes on with what a full queue has refused of its
+// portion, as whoever has something to send would, before it begins the next.
+//
+//   Offer()    what is to be offered now, never empty
+//   Taken(n)   so many of it, from the front, are the queue's now
+template <typename Handle> class Supply {
+public:
+    explicit Supply(std::size_t portion) : mPortions(portion) {}
+
+    std::span<const Handle> Offer() { return std::span<const Handle>(mPortions.Current()).subspan(mTaken); }
+    void Taken(std::size_t count) {
+        mTaken += count;
+        if (mTaken == mPortions.Current().size()) {
+            mTaken = 0;
+            mPortions.Next();
+        }
+    }
+
+private:
+    Portions<Handle> mPortions;
+    std::size_t mTaken = 0;
 };
 
 // Runs the load on one queue and returns how many million elements a second came out of it.

@@ -18,14 +18,13 @@ public:
         Producer(MoodycamelQueue& queue, std::size_t portion)
             : mQueue(queue.mQueue), mToken(queue.mQueue), mSupply(portion) {}
         std::size_t Put() {
-            const std::vector<Handle>& portion = mSupply.Portion();
-            const bool taken = portion.size() == 1 ? mQueue.try_enqueue(mToken, portion.front())
-                                                   : mQueue.try_enqueue_bulk(mToken, portion.begin(), portion.size());
-            if (!taken) {
-                return 0;
-            }
-            mSupply.Next();
-            return portion.size();
+            // A bulk goes in whole or not at all, so what is left of a portion is all of it.
+            const std::span<const Handle> handles = mSupply.Offer();
+            const bool taken = handles.size() == 1 ? mQueue.try_enqueue(mToken, handles.front())
+                                                   : mQueue.try_enqueue_bulk(mToken, handles.begin(), handles.size());
+            const std::size_t count = taken ? handles.size() : 0;
+            mSupply.Taken(count);
+            return count;
         }
 
     private:

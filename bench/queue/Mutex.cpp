@@ -19,10 +19,8 @@ public:
     public:
         Producer(MutexQueue& queue, std::size_t portion) : mQueue(queue), mSupply(portion) {}
         std::size_t Put() {
-            const std::size_t count = mQueue.Enqueue(mSupply.Portion());
-            if (count != 0) {
-                mSupply.Next();
-            }
+            const std::size_t count = mQueue.Enqueue(mSupply.Offer());
+            mSupply.Taken(count);
             return count;
         }
 
@@ -48,7 +46,7 @@ public:
     };
 
 private:
-    std::size_t Enqueue(const std::vector<Handle>& handles) {
+    std::size_t Enqueue(std::span<const Handle> handles) {
         const std::lock_guard lock(mMutex);
         const std::size_t count = std::min(handles.size(), mCapacity - mDeque.size());
         mDeque.insert(mDeque.end(), handles.begin(), handles.begin() + static_cast<std::ptrdiff_t>(count));

@@ -7,6 +7,8 @@
 #include "queue/Allocations.h"
 #include "queue/Series.h"
 
+#include <algorithm>
+#include <iterator>
 #include <type_traits>
 
 namespace {
@@ -19,23 +21,55 @@ public:
         : mQueue(load.capacity, DECLARED && load.producers == 1, DECLARED && load.consumers == 1,
                  /*releaseOnDequeue=*/!std::is_trivially_destructible_v<Handle>) {}
 
+    // Goes on with what was refused of its portion, as all do (see Supply). The queue takes a vector, whole: what is
+    // left is moved into one of its own, and back among the others once it is taken.
     class Producer {
     public:
-        Producer(Product& product, std::size_t portion) : mQueue(product.mQueue), mSupply(portion) {}
-        std::size_t Put() {
-            const std::vector<Handle>& portion = mSupply.Portion();
-            const std::size_t count = portion.size() == 1
-                                          ? static_cast<std::size_t>(mQueue.Enqueue(portion.front()))
-                                          : mQueue.EnqueueBulk(portion, static_cast<int>(portion.size()));
-            if (count != 0) {
-                mSupply.Next();
+        Producer(Product& product, std::size_t portion)
+            : mQueue(product.mQueue), mSingle(portion == 1), mPortions(portion) {}
+        std::size_t Put() { return mSingle ? PutOne() : PutBulk(); }
+
+    private:
+        std::size_t PutOne() {
+            if (!mQueue.Enqueue(mPortions.Current().front())) {
+                return 0;
+            }
+            mPortions.Next();
+            return 1;
+        }
+
+        std::size_t PutBulk() {
+            const std::vector<Handle>& handles = mLeft.empty() ? mPortions.Current() : mLeft;
+            const std::size_t count = mQueue.EnqueueBulk(handles, static_cast<int>(handles.size()));
+            if (!mLeft.empty()) {
+                GiveBack(count);
+            } else if (count != 0 && count != handles.size()) {
+                Leave(count);
+            }
+            if (count != 0 && mLeft.empty()) {
+                mPortions.Next();
             }
             return count;
         }
 
-    private:
+        // The first `count` of the portion are in the queue.
+        void Leave(std::size_t count) {
+            std::vector<Handle>& portion = mPortions.Current();
+            const auto begin = portion.begin() + static_cast<std::ptrdiff_t>(count);
+            mLeft.assign(std::move_iterator(begin), std::move_iterator(portion.end()));
+        }
+
+        // And so are these of what was left.
+        void GiveBack(std::size_t count) {
+            const auto end = mLeft.begin() + static_cast<std::ptrdiff_t>(count);
+            std::move(mLeft.begin(), end, mPortions.Current().end() - static_cast<std::ptrdiff_t>(mLeft.size()));
+            mLeft.erase(mLeft.begin(), end);
+        }
+
         SDK::LocklessQueue<Handle>& mQueue;
-        Supply<Handle> mSupply;
+        const bool mSingle;
+        Portions<Handle> mPortions;
+        std::vector<Handle> mLeft;
     };
 
     class Consumer {

@@ -17,14 +17,12 @@ public:
     public:
         Producer(TbbQueue& queue, std::size_t portion) : mQueue(queue.mQueue), mSupply(portion) {}
         std::size_t Put() {
-            const std::vector<Handle>& portion = mSupply.Portion();
+            const std::span<const Handle> handles = mSupply.Offer();
             std::size_t count = 0;
-            while (count < portion.size() && mQueue.try_push(portion[count])) {
+            while (count < handles.size() && mQueue.try_push(handles[count])) {
                 ++count;
             }
-            if (count != 0) {
-                mSupply.Next();
-            }
+            mSupply.Taken(count);
             return count;
         }
 

@@ -42,9 +42,10 @@ std::vector<Goal> GoalsOf(const Load& load) {
     const bool single = load.portion == 1;
     const bool oneAndOne = load.producers == 1 && load.consumers == 1;
     const bool fourAndOne = load.producers == 4;
+    const bool crowded = load.producers + load.consumers > std::thread::hardware_concurrency();
     std::vector<Goal> goals;
-    const auto atLeast = [&](double limit, const std::string& of) {
-        goals.push_back({.bound = Goal::Bound::AtLeast, .limit = limit, .of = of});
+    const auto atLeast = [&](double limit, const std::string& of, bool everyRound = false) {
+        goals.push_back({.bound = Goal::Bound::AtLeast, .limit = limit, .of = of, .everyRound = everyRound});
     };
     if (oneAndOne && load.portion == 128) {
         atLeast(0.9, "dpdk MP/MC");
@@ -57,9 +58,9 @@ std::vector<Goal> GoalsOf(const Load& load) {
     if ((oneAndOne && load.portion == 128) || (single && (oneAndOne || fourAndOne))) {
         atLeast(1, "boost::lockfree");
         atLeast(1, "tbb bounded");
-        atLeast(1, "mutex and deque");
-    } else if (load.producers + load.consumers > std::thread::hardware_concurrency()) {
-        atLeast(1, "mutex and deque");
+        atLeast(1, "mutex and deque", crowded);
+    } else if (crowded) {
+        atLeast(1, "mutex and deque", true);
     }
     return goals;
 }
@@ -81,7 +82,8 @@ void MeasureCase(const Options& options, const Shape& shape, Element element, co
     if (series.empty()) {
         return;
     }
-    std::rotate(series.begin(), series.begin() + options.round % series.size(), series.end());
+    const auto first = static_cast<std::ptrdiff_t>(options.round % series.size());
+    std::rotate(series.begin(), series.begin() + first, series.end());
     for (const Series* one : series) {
         Report({.figure = figure,
                 .kase = kase,

@@ -11,12 +11,14 @@
 namespace Bench {
 
 // What a measurement ought to be, as a ratio to another series of the same figure and case in the same
-// round; to nothing but the number itself where no series is named.
+// round; to nothing but the number itself where no series is named. The median of the rounds has to meet it; the
+// worst of them where it says so, or names no series.
 struct Goal {
     enum class Bound { AtLeast, AtMost };
     Bound bound = Bound::AtLeast;
     double limit = 0;
     std::string of;
+    bool everyRound = of.empty();
 };
 
 // One value out of one round. Higher levels repeat the rounds and compare; a program only reports.
@@ -34,6 +36,9 @@ inline Json::Value ToJson(const Goal& goal) {
     json[goal.bound == Goal::Bound::AtLeast ? "at_least" : "at_most"] = goal.limit;
     if (!goal.of.empty()) {
         json["of"] = goal.of;
+    }
+    if (goal.everyRound) {
+        json["every_round"] = true;
     }
     return json;
 }
