@@ -36,7 +36,8 @@ namespace SDK {
 // and something to take on the other, producers and consumers pass on no lines but those of the slots.
 //
 // Nothing blocks and nothing fails: a full queue takes fewer elements than offered, possibly none, an
-// empty queue gives none; callers look at the count. The queue never grows.
+// empty queue gives none; callers look at the count. The queue never grows. Only the vector that elements are
+// taken into may find no memory to grow; the queue is then as it was. Copying an element must not throw.
 template <typename T> class LocklessQueue {
 public:
     // `capacity` is the most elements that the queue holds at once, at most 2^31; the number of slots is
@@ -104,13 +105,15 @@ public:
         return true;
     }
 
-    // Appends up to `max` elements, oldest first, and returns how many. A negative `max` is no limit.
+    // Appends up to `max` elements, oldest first, and returns how many. A negative `max` is no limit. Allocates
+    // nothing when the vector has room for `max` more; throws std::bad_alloc, nothing taken, when it cannot grow.
     virtual unsigned int DequeueBulk(std::vector<T>& elements, int max) {
         if (!mSlots) {
             return 0;
         }
         Reach reached;
-        const std::uint32_t count = ReserveForConsuming(static_cast<std::uint32_t>(max), reached);
+        const std::uint32_t wanted = MakeRoom(elements, static_cast<std::uint32_t>(max));
+        const std::uint32_t count = ReserveForConsuming(wanted, reached);
         if (count != 0) {
             _DequeueElements(reached.Head() - count, elements, count);
             Commit(mConsumers.tail, reached.Head() - count, count, mSingleConsumer);
@@ -231,6 +234,21 @@ private:
         Commit(mConsumers.tail, index, 1, mSingleConsumer);
         element = std::move(taken);
         return true;
+    }
+
+    // Makes room in the vector for up to `wanted` elements, but for no more than wait now. Returns how many may be
+    // reserved: what has been reserved must be committed, so nothing that can fail may come in between.
+    std::uint32_t MakeRoom(std::vector<T>& elements, std::uint32_t wanted) const {
+        const std::size_t size = elements.size();
+        if (elements.capacity() - size >= wanted) {
+            return wanted;
+        }
+        const std::uint32_t waiting = std::min(wanted, GetDepth());
+        if (elements.capacity() - size < waiting) {
+            // Twice as large at least: a vector that is appended to again and again is not moved each time.
+            elements.reserve(size + std::max<std::size_t>(size, waiting));
+        }
+        return waiting;
     }
 
     std::uint32_t ReserveForProducing(std::uint32_t wanted, Reach& reached) {

@@ -1,29 +1,23 @@
 #pragma once
 
-#include <exception>
 #include <string>
-
-#include <Poco/Exception.h>
 
 namespace Framework {
 
-// Logs that `kind` ("task", "module") `name` threw in its operation `where`, and counts it as
-// "KIND.exceptions".
-void ReportException(const std::string& kind, const std::string& name, const char* where, const std::string& what);
+// To be called while an exception is handled: logs that `kind` ("task", "module") `name` threw it in its operation
+// `where`, and counts it as "KIND.exceptions"; want of memory is noted as a shortage (SDK::Shortage). What there is no
+// memory for, because that is what was thrown about, is left out.
+void ReportException(const char* kind, const std::string& name, const char* where) noexcept;
 
 // The framework's boundary: calls `work`, code of a module or a task, and reports what it throws.
 // False when it threw.
 template <typename Work>
-bool CallGuarded(const std::string& kind, const std::string& name, const char* where, const Work& work) {
+bool CallGuarded(const char* kind, const std::string& name, const char* where, const Work& work) noexcept {
     try {
         work();
         return true;
-    } catch (const Poco::Exception& error) {
-        ReportException(kind, name, where, error.displayText());
-    } catch (const std::exception& error) {
-        ReportException(kind, name, where, error.what());
     } catch (...) {
-        ReportException(kind, name, where, "of an unknown type");
+        ReportException(kind, name, where);
     }
     return false;
 }

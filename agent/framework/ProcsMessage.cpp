@@ -63,11 +63,12 @@ bool ProcsMessage::HandTo(AbstractMessageReceiver& receiver) const {
 }
 
 void ProcsMessage::Starve() const {
-    static Framework::Counter& starved = Framework::Counters::Of("events.starved");
-    starved.Add();
+    // First: counting may take memory.
     if (mStarved) {
         mStarved();
     }
+    static Framework::Counter& starved = Framework::Counters::Of("events.starved");
+    starved.Add();
 }
 
 } // namespace Engine

@@ -20,6 +20,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::int64_t LOSS_LOG_INTERVAL_MS = 1000;
 
+// How many messages are taken out of the queue at once.
+constexpr int PORTION = 128;
+
 std::uint64_t NextInstanceId() {
     static std::atomic<std::uint64_t> last{0};
     return last.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -35,7 +38,9 @@ Task::Task(const std::string& taskName, const std::string& featureName, TaskCond
            unsigned int capacity)
     : Poco::Task(taskName), mFeatureName(featureName), mInstanceId(NextInstanceId()), mCapacity(capacity),
       mQueue(capacity, false, true), mCondition(type),
-      mWaiter(mEvent, [this](int max) { return BulkConsumeMsg(max); }) {}
+      mWaiter(mEvent, [this](int max) { return BulkConsumeMsg(max); }) {
+    mPortion.reserve(PORTION);
+}
 
 Task::~Task() = default;
 
@@ -116,12 +121,26 @@ int Task::HandleMsg(const Message* message) {
 }
 
 int Task::BulkConsumeMsg(int max) {
-    std::vector<std::shared_ptr<Message>> messages;
-    const unsigned int count = mQueue.DequeueBulk(messages, std::max(max, 0));
-    for (std::shared_ptr<Message>& message : messages) {
+    int handled = 0;
+    int taken = 0;
+    do {
+        taken = ConsumePortion(std::clamp(max - handled, 0, PORTION));
+        handled += taken;
+    } while (taken == PORTION);
+    return handled;
+}
+
+// A handler that itself consumes finds the portion taken away, and an empty one in its place.
+int Task::ConsumePortion(int max) {
+    std::vector<std::shared_ptr<Message>> portion;
+    portion.swap(mPortion);
+    const unsigned int count = mQueue.DequeueBulk(portion, max);
+    for (std::shared_ptr<Message>& message : portion) {
         HandleGuarded(message.get());
         message.reset();
     }
+    portion.clear();
+    portion.swap(mPortion);
     return static_cast<int>(count);
 }
 

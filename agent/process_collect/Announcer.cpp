@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -183,6 +184,19 @@ void Announcer::Rescan() {
     moduleLog.Information("compared with /proc after a loss of process events: %d processes had been missed", rescued);
 }
 
+bool Announcer::DoubtUnnoted() {
+    if (!mStarved->TakeSomeLost()) {
+        return false;
+    }
+    const SDK::WriteGuard guard(mLock);
+    for (auto& [pid, entry] : mTable) {
+        if (entry.sequence != 0) {
+            entry.startStack = 0;
+        }
+    }
+    return true;
+}
+
 bool Announcer::Settle() {
     const SDK::WriteGuard guard(mLock);
     const bool starved = TakeStarved();
@@ -196,20 +210,28 @@ bool Announcer::Settle() {
 // What a subscriber could not judge it is owed again. True when there was any.
 bool Announcer::TakeStarved() {
     const std::vector<Starved::One> ones = mStarved->Take();
-    for (const Starved::One& one : ones) {
-        const auto subscriber = mSubscribers.find(one.subscriber);
-        const auto known = mTable.find(one.pid);
-        if (subscriber != mSubscribers.end() && known != mTable.end() && known->second.sequence == one.sequence) {
-            subscriber->second.owed.insert(one.pid);
+    try {
+        for (const Starved::One& one : ones) {
+            const auto subscriber = mSubscribers.find(one.subscriber);
+            const auto known = mTable.find(one.pid);
+            if (subscriber != mSubscribers.end() && known != mTable.end() && known->second.sequence == one.sequence) {
+                subscriber->second.owed.insert(one.pid);
+            }
         }
+    } catch (const std::bad_alloc&) {
+        mStarved->LoseSome();
+        throw;
     }
     return !ones.empty();
 }
 
-void Announcer::Starved::Add(One one) {
-    {
+// Called when memory was wanting a moment ago.
+void Announcer::Starved::Add(const One& one) {
+    try {
         const std::lock_guard<std::mutex> guard(mMutex);
-        mOnes.push_back(std::move(one));
+        mOnes.push_back(one);
+    } catch (const std::bad_alloc&) {
+        LoseSome();
     }
     if (!mAny.exchange(true, std::memory_order_acq_rel)) {
         mWake();
@@ -256,8 +278,15 @@ bool Announcer::Examine(int pid, bool announce) {
     return true;
 }
 
+// What throws on the way leaves the process doubted: somebody may not have been told.
 void Announcer::AnnounceBegin(const ProcEvent& begin, Entry& entry) {
     entry.sequence = ++mSequence;
+    const std::uint64_t startStack = std::exchange(entry.startStack, 0);
+    TellOfBegin(begin);
+    entry.startStack = startStack;
+}
+
+void Announcer::TellOfBegin(const ProcEvent& begin) {
     for (auto& [name, subscriber] : mSubscribers) {
         if (!subscriber.Wants(begin.kind)) {
             continue;
@@ -276,7 +305,6 @@ void Announcer::AnnounceBegin(const ProcEvent& begin, Entry& entry) {
 }
 
 void Announcer::AnnounceExit(int pid) {
-    mTable.erase(pid);
     for (auto& [name, subscriber] : mSubscribers) {
         subscriber.owed.erase(pid);
         if (subscriber.Wants(ProcsMessage::KIND_EXIT) &&
@@ -284,6 +312,8 @@ void Announcer::AnnounceExit(int pid) {
             mLost.Add();
         }
     }
+    // Last, so that a comparison finds what could not be told for want of memory.
+    mTable.erase(pid);
 }
 
 // True when the pid has gone to another process since the entry was made.

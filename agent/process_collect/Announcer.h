@@ -39,6 +39,9 @@ namespace Engine {
 // What is owed is made good as kind 1: by Settle when the queue has room again, and by Subscribe, before
 // anything else, when a new instance comes.
 //
+// To owe something takes memory. Where there is none the process is doubted instead, which takes none: the
+// next comparison with /proc announces it once more, to everybody.
+//
 // An exec wakes those who are told of it at once. Of forks and exits they are told quietly, until somebody
 // calls WakeSubscribers.
 //
@@ -93,6 +96,10 @@ public:
     // is gone is announced as kind 3.
     void Rescan();
 
+    // Doubts all that was announced, if what could not be judged could not be noted either. True then: a Rescan is
+    // due.
+    bool DoubtUnnoted();
+
     // Tells subscribers what they are owed, as far as their queues have room. True when some of it is what they
     // could not judge for want of descriptors or memory: they may well not be able to now.
     bool Settle();
@@ -105,7 +112,7 @@ private:
         // Which process, and which of its images: see SDK::ProcStat. 0 when that has not been looked at
         // yet, or it was gone too soon.
         std::uint64_t startTime = 0;
-        std::uint64_t startStack = 0;
+        std::uint64_t startStack = 0; // also 0 when the announcement is doubted
         // The number of its latest announcement; 0 for none.
         std::uint64_t sequence = 0;
         // When a comparison with /proc found it so (CLOCK_MONOTONIC): events that the kernel stamped
@@ -125,8 +132,8 @@ private:
         bool Wants(unsigned int kind) const { return (kinds >> kind & 1U) != 0; }
     };
 
-    // Begins that were handled under a shortage (SDK::Shortage), until Settle makes them owed. The messages share it
-    // with the Announcer, which they may outlive.
+    // Begins that were handled under a shortage (SDK::Shortage), until Settle makes them owed; or that there were
+    // some, where there was no memory to note which. The messages share it with the Announcer, which they may outlive.
     class Starved {
     public:
         struct One {
@@ -136,15 +143,20 @@ private:
         };
 
         explicit Starved(std::function<void()> wake) : mWake(std::move(wake)) {}
-        void Add(One one);
+        void Add(const One& one);
+        void LoseSome() { mSomeLost.store(true, std::memory_order_release); }
         std::vector<One> Take();
-        bool HasAny() const { return mAny.load(std::memory_order_acquire); }
+        bool TakeSomeLost() { return mSomeLost.exchange(false, std::memory_order_acq_rel); }
+        bool HasAny() const {
+            return mAny.load(std::memory_order_acquire) || mSomeLost.load(std::memory_order_acquire);
+        }
 
     private:
         const std::function<void()> mWake;
         std::mutex mMutex;
         std::vector<One> mOnes; // under mMutex
         std::atomic<bool> mAny{false};
+        std::atomic<bool> mSomeLost{false};
     };
 
     enum class Delivery {
@@ -157,6 +169,7 @@ private:
     bool IsCovered(const ProcEvent& event) const REQUIRES(mLock);
     bool Examine(int pid, bool announce) REQUIRES(mLock);
     void AnnounceBegin(const ProcEvent& begin, Entry& entry) REQUIRES(mLock);
+    void TellOfBegin(const ProcEvent& begin) REQUIRES(mLock);
     void AnnounceExit(int pid) REQUIRES(mLock);
     void EndDeparted() EXCLUDES(mLock);
     bool TakeStarved() REQUIRES(mLock);

@@ -52,14 +52,10 @@ constexpr std::ptrdiff_t MAX_UNDESCRIBED = 256;
 // How long a parent may be held up between the event of its fork and the moves that follow.
 constexpr std::uint64_t MAX_DOUBT_NS = 1'000'000'000;
 
-// Makes the task's thread look at what is due.
-class CatchUpMessage : public Framework::Message {};
-
-// From a thread that may not know whether the task still is.
+// From a thread that may not know whether the task still is. Takes no memory: want of it may be what is due.
 void WakeRunningTask() {
     if (Poco::AutoPtr<Framework::Task> task = Framework::Engine::FindTask(ProcsRealTask::NAME)) {
-        std::shared_ptr<Framework::Message> message = std::make_shared<CatchUpMessage>();
-        task->EnqueueMsg(message);
+        task->Wake();
     }
 }
 
@@ -120,10 +116,6 @@ int ProcsRealTask::HandleMsg(const Framework::Message* message) {
         mAnnouncer.Subscribe(kind, registration->GetSubscriberName(), registration->GetSubscriberInstance());
         return 0;
     }
-    if (dynamic_cast<const CatchUpMessage*>(message) != nullptr) {
-        mTaskWoken.store(false);
-        return 0;
-    }
     return Framework::Task::HandleMsg(message);
 }
 
@@ -145,7 +137,8 @@ int ProcsRealTask::CatchUp() {
 // False when there was a want of descriptors or memory: not all of it could be done.
 bool ProcsRealTask::CatchUpNow() {
     const std::uint64_t shortagesBefore = SDK::Shortage::CountOfThread();
-    if (mRescanDue.exchange(false)) {
+    const bool doubted = mAnnouncer.DoubtUnnoted();
+    if (mRescanDue.exchange(false) || doubted) {
         mAnnouncer.Rescan();
     }
     const bool starved = mAnnouncer.Settle();
@@ -153,7 +146,7 @@ bool ProcsRealTask::CatchUpNow() {
         mRescanDue.store(true);
         return false;
     }
-    return !starved;
+    return !starved && !doubted;
 }
 
 void ProcsRealTask::ReadUntilStopped() {
@@ -171,7 +164,7 @@ void ProcsRealTask::ReadUntilStopped() {
         CompareAfterThrowing([this] {
             mAnnouncer.WakeSubscribers();
             if (mRescanDue.load() || mAnnouncer.HasDebts()) {
-                WakeTask();
+                Wake();
             }
         });
     }
@@ -365,17 +358,6 @@ void ProcsRealTask::HandleOverflows(unsigned int count) {
     if (now - mLossLogged >= LOSS_LOG_INTERVAL) {
         mLossLogged = now;
         moduleLog.Warning("the kernel dropped process events because the receive buffer was full");
-    }
-}
-
-void ProcsRealTask::WakeTask() {
-    if (mTaskWoken.exchange(true)) {
-        return;
-    }
-    std::shared_ptr<Framework::Message> message = std::make_shared<CatchUpMessage>();
-    if (!EnqueueMsg(message)) {
-        // The queue is full, so the task is awake.
-        mTaskWoken.store(false);
     }
 }
 

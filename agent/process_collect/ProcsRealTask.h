@@ -61,7 +61,6 @@ private:
     void CountUnlessLookedAt(std::uint64_t shortagesBefore);
     void CountGarbled();
     void HandleOverflows(unsigned int count);
-    void WakeTask();
 
     // Task thread.
     int CatchUp();
@@ -86,8 +85,6 @@ private:
     Framework::Event mStop;
     std::atomic<bool> mStopping{false};
     std::atomic<bool> mRescanDue{false};
-    // A message that makes the task thread look at what is due is in its queue.
-    std::atomic<bool> mTaskWoken{false};
     // Task thread only.
     std::chrono::steady_clock::time_point mNextCatchUp;
 

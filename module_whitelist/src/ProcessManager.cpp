@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <new>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -72,6 +74,11 @@ constexpr mode_t ISOLATED_MODE = 0400;
 
 // How many entries of the local list are read while its lock is held.
 constexpr std::size_t PORTION_ENTRIES = 256;
+
+// Reports of one text sent in a row: how much of it may wait for the receiver, and how long that is looked to.
+constexpr std::size_t MAX_WAITING_BYTES = 33554432;
+constexpr std::chrono::seconds MAX_WAIT_FOR_RECEIVER{5};
+constexpr std::chrono::milliseconds RECEIVER_LOOK_INTERVAL{1};
 
 constexpr int INIT_PID = 1;
 // In place of a parent: the record speaks of an exit.
@@ -215,6 +222,12 @@ template <typename Store> bool StoredWithoutThrowing(const Store& store) {
     }
 }
 
+// How many reports nobody has taken yet.
+std::size_t WaitingReports() {
+    const Poco::AutoPtr<Framework::Task> receiver = Framework::Engine::FindTask(REPORT_TASK);
+    return receiver ? receiver->GetQueueDepth() : 0;
+}
+
 // Creates the file empty unless it is there.
 void EnsureFile(const std::string& path) {
     if (!SDK::FileUtils::IsFile(path)) {
@@ -296,7 +309,9 @@ void ProcessManager::BeginBackgroundStoring() {
     const SDK::WriteGuard guard(storingLock);
     try {
         storing = std::make_unique<utils::BackgroundWork>(
-            [this] { return StoredWithoutThrowing([this] { return PersistencyLocalProcess(); }); },
+            [this](std::size_t adoptions) {
+                return StoredWithoutThrowing([&] { return PersistLocalTrust(adoptions); });
+            },
             [this] { return StoredWithoutThrowing([this] { return StoreLocalTrustAgain(); }); });
     } catch (const std::exception& error) {
         moduleLog.Warning("the local list is not stored in the background: %s", error.what());
@@ -431,6 +446,10 @@ bool ProcessManager::ParseJsonProcessInfo(const char* data, std::size_t len) {
 }
 
 bool ProcessManager::PersistencyLocalProcess() {
+    return PersistLocalTrust(1);
+}
+
+bool ProcessManager::PersistLocalTrust(std::size_t adoptions) {
     const std::lock_guard<std::mutex> writing(persistLock);
     std::int64_t sizeOnDisk = 0;
     if (!localLoaded.load() && SDK::FileUtils::GetFileSize(localTrustFile, sizeOnDisk) == 0 && sizeOnDisk > 0) {
@@ -438,10 +457,15 @@ bool ProcessManager::PersistencyLocalProcess() {
         return false;
     }
     const std::string text = LocalTrustToText();
-    if (ConfigManager::Instance()->GetDirMod() && !text.empty()) {
+    const bool isReported = ConfigManager::Instance()->GetDirMod() && !text.empty();
+    if (isReported) {
         SendReport(REPORT_FULL_LIST, text);
     }
-    return StoreLocalTrust(text);
+    const bool stored = StoreLocalTrust(text);
+    if (isReported) {
+        SendReportAgain(REPORT_FULL_LIST, text, adoptions - 1);
+    }
+    return stored;
 }
 
 // The operator hears of it when storing begins to fail and when it works again, not each time; and of a file
@@ -1222,6 +1246,18 @@ void ProcessManager::SendReport(const char* type, const std::string& text) const
     const SDK::ReadGuard guard(reportTaskLock);
     if (reportTask != nullptr) {
         reportTask->SendDirectMsg(REPORT_TASK, new Framework::DataMessage(type, text));
+    }
+}
+
+// Nothing but the receiver holds up who sends the same long text again and again: it is given time to take what waits,
+// some seconds in all, so that its queue does not take all memory.
+void ProcessManager::SendReportAgain(const char* type, const std::string& text, std::size_t times) const {
+    const auto end = std::chrono::steady_clock::now() + MAX_WAIT_FOR_RECEIVER;
+    for (; times > 0; --times) {
+        while (WaitingReports() * text.size() > MAX_WAITING_BYTES && std::chrono::steady_clock::now() < end) {
+            std::this_thread::sleep_for(RECEIVER_LOOK_INTERVAL);
+        }
+        SendReport(type, text);
     }
 }
 

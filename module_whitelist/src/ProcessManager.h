@@ -87,8 +87,9 @@ public:
     // In learning mode persists what was learned.
     void Onstop();
 
-    // From one to the other, adopted entries are stored in the background, the list once for each adoption;
-    // EndBackgroundStoring returns when all are. Where no thread can be had they are stored at once.
+    // From one to the other, adopted entries are stored in the background, the list once for each adoption.
+    // EndBackgroundStoring returns when all are: the list is written once for those that are left, and sent once
+    // for each. Where no thread can be had they are stored at once.
     void BeginBackgroundStoring();
     void EndBackgroundStoring();
 
@@ -280,6 +281,8 @@ private:
     void MergeIntoLocalTrust(TrustRecordSet entries);
     void ReloadLocalTrust();
     void KeepUnloadedLocalTrust() const;
+    // Persists the local list for so many adoptions: sends it for each and writes it once.
+    bool PersistLocalTrust(std::size_t adoptions);
     bool StoreLocalTrust(const std::string& text);
     // What could not be stored, if that still is so.
     bool StoreLocalTrustAgain();
@@ -308,6 +311,7 @@ private:
     std::optional<Isolation> HandToIsolateTask(const ProcessInfo& info) const;
 
     void SendReport(const char* type, const std::string& text) const;
+    void SendReportAgain(const char* type, const std::string& text, std::size_t times) const;
     Json::Value DescribeProcess(bool block, const ProcessInfo& info) const;
 
     // The preset maps as what they are named by, for calls that take the lock themselves.

@@ -68,7 +68,7 @@ public:
     virtual int HandleMsg(const Message* message);
 
     // Handles at most `max` queued messages on the calling thread, which must be the task's own.
-    // Returns how many. What a handler throws is caught, logged and counted.
+    // Returns how many. What a handler throws is caught, logged and counted. Needs no memory of its own.
     int BulkConsumeMsg(int max);
 
     // Sends to the running task of that name. Ownership of `message` passes to the framework whatever
@@ -113,6 +113,7 @@ private:
     void RunGuarded();
     bool InterceptGuarded(std::shared_ptr<Message>& message);
     void HandleGuarded(const Message* message);
+    int ConsumePortion(int max);
     bool PutInQueue(std::shared_ptr<Message>& message);
     void CountLosses(std::size_t count);
 
@@ -121,6 +122,7 @@ private:
     const unsigned int mCapacity;
     SDK::LocklessQueue<std::shared_ptr<Message>> mQueue;
     TaskCondition mCondition;
+    std::vector<std::shared_ptr<Message>> mPortion; // room for what is taken out of the queue; empty
     Event mEvent;
     EventWaiter mWaiter;
     // How far the task has come: idle, starting, running or finished. That it shall stop is a matter of

@@ -65,11 +65,11 @@ public:
 private:
     template <typename... Args>
     void Write(Poco::Message::Priority priority, const LogText& text, const Args&... args) const {
-        Poco::Logger* logger = GetLogger();
-        if (logger == nullptr || !logger->is(priority)) {
-            return;
-        }
         try {
+            Poco::Logger* logger = GetLogger();
+            if (logger == nullptr || !logger->is(priority)) {
+                return;
+            }
             const std::vector<Poco::Any> values{ToAny(args)...};
             std::string record;
             Poco::format(record, text.format, values);

@@ -6,6 +6,15 @@
 namespace {
 
 thread_local std::uint64_t allocations = 0;
+thread_local bool refused = false;
+
+// Throws where there is no memory for it.
+void Count() {
+    ++allocations;
+    if (refused) {
+        throw std::bad_alloc();
+    }
+}
 
 } // namespace
 
@@ -13,9 +22,17 @@ std::uint64_t TestSupport::AllocationsSoFar() {
     return allocations;
 }
 
+TestSupport::NoMemory::NoMemory() {
+    refused = true;
+}
+
+TestSupport::NoMemory::~NoMemory() {
+    refused = false;
+}
+
 // The other forms of new end in these two.
 void* operator new(std::size_t size) {
-    ++allocations;
+    Count();
     if (void* memory = std::malloc(size == 0 ? 1 : size)) {
         return memory;
     }
@@ -23,7 +40,7 @@ void* operator new(std::size_t size) {
 }
 
 void* operator new(std::size_t size, std::align_val_t alignment) {
-    ++allocations;
+    Count();
     const std::size_t boundary = static_cast<std::size_t>(alignment);
     if (void* memory = std::aligned_alloc(boundary, (size + boundary - 1) / boundary * boundary)) {
         return memory;

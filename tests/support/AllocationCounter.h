@@ -8,4 +8,13 @@ namespace TestSupport {
 // replaces to count.
 std::uint64_t AllocationsSoFar();
 
+// While one lives, there is no memory for what the thread that made it asks of operator new.
+class NoMemory {
+public:
+    NoMemory();
+    ~NoMemory();
+    NoMemory(const NoMemory&) = delete;
+    NoMemory& operator=(const NoMemory&) = delete;
+};
+
 } // namespace TestSupport

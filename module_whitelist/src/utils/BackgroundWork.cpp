@@ -1,19 +1,24 @@
 #include "utils/BackgroundWork.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace utils {
 
-BackgroundWork::BackgroundWork(Work work, Work again)
+BackgroundWork::BackgroundWork(Work work, Again again)
     : mWork(std::move(work)), mAgain(std::move(again)), mThread([this] { Run(); }) {}
 
 BackgroundWork::~BackgroundWork() {
+    BeginEnd();
+    mThread.join();
+}
+
+void BackgroundWork::BeginEnd() {
     {
         const std::lock_guard guard(mMutex);
         mEnding = true;
     }
     mChanged.notify_one();
-    mThread.join();
 }
 
 void BackgroundWork::Request() {
@@ -32,9 +37,10 @@ void BackgroundWork::Run() {
         if (!requested && mDone) {
             return;
         }
-        mRequests -= requested ? 1 : 0;
+        const std::size_t requests = ending ? mRequests : std::min<std::size_t>(mRequests, 1);
+        mRequests -= requests;
         lock.unlock();
-        const bool done = requested ? mWork() : mAgain();
+        const bool done = requested ? mWork(requests) : mAgain();
         lock.lock();
         mDone = done;
         if (!requested && ending) {

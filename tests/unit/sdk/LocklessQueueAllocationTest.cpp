@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -75,6 +76,46 @@ TEST(LocklessQueueAllocation, ABulkCostsNoneWhenItsVectorHasRoom) {
                   }
               }),
               0U);
+}
+
+// Consumers of which nothing is declared wait for one another: had the failing one reserved anything, the one after
+// it would wait for ever.
+TEST(LocklessQueueAllocation, WhereThereIsNoMemoryForABulkNothingIsTaken) {
+    MessageQueue queue(64);
+    const std::vector<Message> messages(40, std::make_shared<int>(1));
+    ASSERT_EQ(queue.EnqueueBulk(messages, 40), 40U);
+    std::vector<Message> taken;
+    {
+        const TestSupport::NoMemory none;
+        EXPECT_THROW(queue.DequeueBulk(taken, 40), std::bad_alloc);
+    }
+    ASSERT_TRUE(taken.empty());
+    ASSERT_EQ(queue.GetDepth(), 40U);
+    EXPECT_EQ(queue.DequeueBulk(taken, 40), 40U);
+    EXPECT_EQ(taken, messages);
+}
+
+TEST(LocklessQueueAllocation, AVectorGrowsByWhatWaitsNotByWhatIsAskedFor) {
+    MessageQueue queue(1024);
+    const std::vector<Message> messages(40, std::make_shared<int>(1));
+    std::vector<Message> taken;
+    EXPECT_EQ(CountAllocations([&] { EXPECT_EQ(queue.DequeueBulk(taken, 1024), 0U); }), 0U);
+    queue.EnqueueBulk(messages, 40);
+    EXPECT_EQ(queue.DequeueBulk(taken, -1), 40U);
+    EXPECT_LE(taken.capacity(), 40U);
+}
+
+TEST(LocklessQueueAllocation, AVectorThatIsAppendedToIsNotMovedEachTime) {
+    MessageQueue queue(1024);
+    const std::vector<Message> messages(1024, std::make_shared<int>(1));
+    queue.EnqueueBulk(messages, 1024);
+    std::vector<Message> taken;
+    EXPECT_LE(CountAllocations([&] {
+                  while (queue.DequeueBulk(taken, 1) == 1) {
+                  }
+              }),
+              11U);
+    EXPECT_EQ(taken.size(), 1024U);
 }
 
 } // namespace

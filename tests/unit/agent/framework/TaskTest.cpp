@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <memory>
+#include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,6 +16,8 @@
 #include "framework/Counters.h"
 #include "modules/AbstractMessageReceiver.h"
 #include "modules/ProcsMessage.h"
+#include "sdk/Shortage.h"
+#include "support/AllocationCounter.h"
 #include "support/LogRecorder.h"
 #include "support/WaitFor.h"
 
@@ -356,6 +360,78 @@ TEST(Task, MessagesBeyondTheMaximumAreHandledWithoutANewSignal) {
     EXPECT_EQ(task->Wait(0, 2), 2);
     EXPECT_EQ(task->Wait(0, 2), 1);
     EXPECT_EQ(task->Wait(0, 2), -1);
+}
+
+TEST(Task, MoreMessagesThanAreTakenOutAtOnceAreConsumedInOrder) {
+    constexpr int MESSAGES = 300;
+    auto task = MakeTask("task", ScriptedTask::HandleMessagesUntilStopped, MESSAGES);
+    std::vector<int> sent;
+    for (int number = 0; number < MESSAGES; ++number) {
+        ASSERT_TRUE(Enqueue(*task, number));
+        sent.push_back(number);
+    }
+    EXPECT_EQ(task->BulkConsumeMsg(299), 299);
+    EXPECT_EQ(task->BulkConsumeMsg(MESSAGES), 1);
+    EXPECT_EQ(task->Numbers(), sent);
+}
+
+TEST(Task, AHandlerMayConsumeItself) {
+    auto task = MakeTask("task");
+    task->onMessage = [&](int number) {
+        if (number == 0) {
+            EXPECT_EQ(task->BulkConsumeMsg(1), 1);
+        }
+    };
+    for (int number = 0; number < 4; ++number) {
+        ASSERT_TRUE(Enqueue(*task, number));
+    }
+    EXPECT_EQ(task->BulkConsumeMsg(2), 2);
+    EXPECT_EQ(task->BulkConsumeMsg(2), 1);
+    EXPECT_THAT(task->Numbers(), ElementsAre(2, 0, 1, 3));
+}
+
+// A handler that finds no memory costs its own message: those behind it are handled, in this bulk and later ones.
+TEST(TaskWithoutMemory, GoesOnWithTheNextMessage) {
+    auto task = MakeTask("task");
+    std::vector<int> handled;
+    handled.reserve(4);
+    task->onMessage = [&](int number) {
+        if (number == 1) {
+            const std::vector<int> refused(1000);
+        }
+        handled.push_back(number);
+        throw number; // before the task itself asks for memory
+    };
+    for (int number = 0; number < 4; ++number) {
+        ASSERT_TRUE(Enqueue(*task, number));
+    }
+    const std::uint64_t shortagesBefore = SDK::Shortage::Count();
+    {
+        const TestSupport::NoMemory none;
+        EXPECT_EQ(task->Wait(0, 2), 2);
+        EXPECT_EQ(task->BulkConsumeMsg(16), 2);
+    }
+    EXPECT_THAT(handled, ElementsAre(0, 2, 3));
+    EXPECT_GT(SDK::Shortage::Count(), shortagesBefore);
+}
+
+TEST(TaskWithoutMemory, RunsOn) {
+    auto task = MakeTask("task");
+    std::optional<TestSupport::NoMemory> none; // of the task's thread
+    std::atomic<bool> begun{false};
+    task->onMessage = [&](int number) {
+        if (number == 0) {
+            none.emplace();
+            begun = true;
+            throw std::bad_alloc();
+        }
+        none.reset();
+    };
+    const TaskThread thread(*task);
+    ASSERT_TRUE(Enqueue(*task, 0));
+    ASSERT_TRUE(WaitFor([&] { return begun.load(); }));
+    ASSERT_TRUE(Enqueue(*task, 1));
+    EXPECT_TRUE(WaitFor([&] { return task->Numbers() == std::vector<int>{1}; }));
 }
 
 TEST(Task, AnInterceptedMessageNeverReachesTheQueue) {

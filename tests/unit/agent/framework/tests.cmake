@@ -1,7 +1,9 @@
-foreach(test TaskCondition EventWaiter Task Policy Module Counters Scope ProcsMessage FileNotifyMessage EngineStress)
+foreach(test TaskCondition EventWaiter Policy Module Counters Scope ProcsMessage FileNotifyMessage EngineStress)
   string(TOLOWER ${test} test_name)
   corvalent_add_test(framework_${test_name}_test ${TEST_DIR}/${test}Test.cpp LIBS framework)
 endforeach()
+corvalent_add_test(framework_task_test ${TEST_DIR}/TaskTest.cpp ${CMAKE_SOURCE_DIR}/tests/support/AllocationCounter.cpp
+  LIBS framework)
 
 # Libraries that are, or are not quite, modules.
 function(corvalent_add_test_library name source)

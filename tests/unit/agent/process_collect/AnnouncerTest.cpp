@@ -1,5 +1,6 @@
 #include <chrono>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,7 +12,7 @@
 #include "agent/process_collect/Announcer.h"
 #include "framework/Counters.h"
 #include "framework/Scope.h"
-#include "tests/unit/agent/process_collect/Receiver.h"
+#include "tests/unit/agent/process_collect/StarvingReceiver.h"
 
 using namespace TestSupport;
 using Engine::Announcer;
@@ -332,4 +333,58 @@ TEST_F(AnnouncerTest, OnlyTheKindsAskedForAreTold) {
     mAnnouncer.WakeSubscribers();
     EXPECT_EQ(ToldOf(*exits, child.Pid()), Kinds{3});
     EXPECT_EQ(ToldOf(child.Pid()), (Kinds{1, 3}));
+}
+
+using AnnouncerWithoutMemory = AnnouncerTest;
+
+TEST_F(AnnouncerWithoutMemory, WhatCouldNotBeJudgedNorNotedIsToldAgainByAComparison) {
+    Poco::AutoPtr<StarvingReceiver> starving = mHolder.Start(new StarvingReceiver(16, "test_starving"));
+    SubscribeAll(*starving);
+    const ChildProcess old = SpawnChild();
+    mAnnouncer.Fill();
+    const ChildProcess unjudged = SpawnChild();
+    const std::uint64_t starvedBefore = Count("events.starved");
+    starving->famines = 1;
+    EXPECT_FALSE(mAnnouncer.DoubtUnnoted());
+    mAnnouncer.OnExec(Exec(unjudged, NowNs()), 0);
+    ASSERT_TRUE(WaitFor([&] { return Count("events.starved") == starvedBefore + 1; }));
+    EXPECT_TRUE(mAnnouncer.HasDebts());
+    EXPECT_TRUE(mAnnouncer.DoubtUnnoted());
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(*starving, unjudged.Pid()), (Kinds{1, 1}));
+    EXPECT_EQ(ToldOf(*starving, old.Pid()), Kinds{});
+    EXPECT_FALSE(mAnnouncer.DoubtUnnoted());
+    mAnnouncer.Settle();
+    EXPECT_FALSE(mAnnouncer.HasDebts());
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(*starving, unjudged.Pid()), (Kinds{1, 1}));
+}
+
+TEST_F(AnnouncerWithoutMemory, WhatCouldNotBeToldIsToldByAComparison) {
+    const ChildProcess child = SpawnChild();
+    const ProcEvent exec = Exec(child, NowNs());
+    mAnnouncer.OnExec(exec, 0);
+    {
+        const NoMemory none;
+        EXPECT_THROW(mAnnouncer.OnExec(exec, 0), std::bad_alloc);
+    }
+    EXPECT_EQ(ToldOf(child.Pid()), Kinds{1});
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(child.Pid()), (Kinds{1, 1}));
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(child.Pid()), (Kinds{1, 1}));
+}
+
+TEST_F(AnnouncerWithoutMemory, AnExitThatCouldNotBeToldIsToldByAComparison) {
+    ChildProcess child = SpawnChild();
+    const int pid = child.Pid();
+    mAnnouncer.OnExec(Exec(child, NowNs()), 0);
+    const ProcEvent exit = Exit(pid, NowNs());
+    child.End();
+    {
+        const NoMemory none;
+        EXPECT_THROW(mAnnouncer.OnExit(exit), std::bad_alloc);
+    }
+    mAnnouncer.Rescan();
+    EXPECT_EQ(ToldOf(pid), (Kinds{1, 3}));
 }

@@ -5,7 +5,7 @@
 
 #include "framework/Counters.h"
 #include "framework/Scope.h"
-#include "tests/unit/agent/process_collect/Receiver.h"
+#include "tests/unit/agent/process_collect/StarvingReceiver.h"
 
 using namespace TestSupport;
 using Engine::ProcConnector;
@@ -51,16 +51,24 @@ protected:
     }
 
     void Begin(int receiveBufferBytes, unsigned int queueCapacity) {
+        ASSERT_NO_FATAL_FAILURE(Collect(receiveBufferBytes));
+        mReceiver = mSubscriber.Start(new Receiver(queueCapacity));
+        ASSERT_TRUE(AwaitSubscription());
+    }
+
+    void Collect(int receiveBufferBytes) {
         auto connector = std::make_unique<ProcConnector>(receiveBufferBytes);
         std::string problem;
         ASSERT_TRUE(connector->Open(problem)) << problem;
         mCollector.Start(new ProcsRealTask(std::move(connector)));
-        mReceiver = mSubscriber.Start(new Receiver(queueCapacity));
-        // A child that is told proves that the subscription is in force.
-        ASSERT_TRUE(WaitFor([this] {
+    }
+
+    // A child that is told proves that the subscription is in force.
+    bool AwaitSubscription() const {
+        return WaitFor([this] {
             const ChildProcess child = ChildProcess::SpawnIn(*mGroup, {"/bin/sleep", "1000"});
             return WaitFor([&] { return mReceiver->WasTold(1, child.Pid()); }, std::chrono::milliseconds(500));
-        }));
+        });
     }
 
     void StartChildren(int count) {
@@ -114,6 +122,19 @@ TEST_F(ProcsLossTest, AProcessThatCouldNotBeJudgedForWantOfDescriptorsIsToldAgai
     StartChildren(1);
     EXPECT_TRUE(AwaitAllTold());
     EXPECT_EQ(mReceiver->KindsOf(pid).size(), 3u);
+}
+
+// Nothing else happens here: it is the want of memory itself that wakes the task.
+TEST_F(ProcsLossTest, AProcessThatCouldNotBeJudgedForWantOfMemoryIsToldAgainUntilItCould) {
+    ASSERT_NO_FATAL_FAILURE(Collect(ProcConnector::RECEIVE_BUFFER_BYTES));
+    Poco::AutoPtr<StarvingReceiver> starving = mSubscriber.Start(new StarvingReceiver(1024));
+    mReceiver = starving;
+    ASSERT_TRUE(AwaitSubscription());
+    starving->famines = 2;
+    StartChildren(1);
+    const int pid = mChildren.front().Pid();
+    EXPECT_TRUE(WaitFor([&] { return mReceiver->KindsOf(pid).size() == 3; }));
+    EXPECT_EQ(mReceiver->KindsOf(pid), (std::vector<unsigned int>{1, 1, 1}));
 }
 
 TEST_F(ProcsLossTest, AProcessThatEndedWhileItWasOwedIsNotTold) {
