@@ -1,8 +1,36 @@
 #include "agent/sdk/JsonTokens.h"
 
+#include <cstdint>
+#include <cstring>
+
 namespace SDK {
 
 namespace {
+
+// Eight bytes of text at a time, whatever their order: strings are most of a list of 10 MiB. Each byte's highest bit
+// tells of it; what carries into the byte above can only be wrong where there is a right one below.
+constexpr std::uint64_t EACH_BYTE = 0x0101010101010101U;
+constexpr std::uint64_t HIGHEST_BITS = 0x80 * EACH_BYTE;
+
+constexpr std::uint64_t BytesBelow(std::uint64_t bytes, std::uint64_t limit) {
+    return (bytes - limit * EACH_BYTE) & ~bytes & HIGHEST_BITS;
+}
+
+constexpr std::uint64_t BytesEqual(std::uint64_t bytes, char c) {
+    return BytesBelow(bytes ^ (static_cast<unsigned char>(c) * EACH_BYTE), 1);
+}
+
+// Whether the byte ends a string, escapes the next, or may not be in a string.
+bool IsSpecial(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
+}
+
+// Whether one of eight is such a byte.
+bool HoldsSpecial(const char* text) {
+    std::uint64_t bytes = 0;
+    std::memcpy(&bytes, text, sizeof bytes);
+    return (BytesBelow(bytes, 0x20) | BytesEqual(bytes, '"') | BytesEqual(bytes, '\\')) != 0;
+}
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';
@@ -38,7 +66,8 @@ public:
     // The rest of a string whose opening quote has been taken.
     bool TakeString() {
         while (!AtEnd()) {
-            const char c = *mNext;
+            SkipPlainText();
+            const char c = Peek();
             if (static_cast<unsigned char>(c) < 0x20) {
                 return false;
             }
@@ -72,6 +101,16 @@ public:
     }
 
 private:
+    // Of a string: by eights, and what is left.
+    void SkipPlainText() {
+        while (static_cast<std::size_t>(mEnd - mNext) >= sizeof(std::uint64_t) && !HoldsSpecial(mNext)) {
+            mNext += sizeof(std::uint64_t);
+        }
+        while (!AtEnd() && !IsSpecial(*mNext)) {
+            ++mNext;
+        }
+    }
+
     bool TakeOneOf(const char* choices) {
         for (; *choices != '\0'; ++choices) {
             if (!AtEnd() && *mNext == *choices) {

@@ -13,7 +13,8 @@ constexpr std::size_t HASH_DIGITS = 64;
 constexpr std::string_view DIGITS = "0123456789abcdef";
 
 bool IsPackable(std::string_view hash) {
-    return hash.size() == HASH_DIGITS && hash.find_first_not_of(DIGITS) == std::string_view::npos;
+    const auto isDigit = [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); };
+    return hash.size() == HASH_DIGITS && std::all_of(hash.begin(), hash.end(), isDigit);
 }
 
 unsigned int ValueOf(char digit) {
@@ -21,9 +22,9 @@ unsigned int ValueOf(char digit) {
 }
 
 std::string Pack(std::string_view hash) {
-    std::string bytes;
-    for (std::size_t i = 0; i < hash.size(); i += 2) {
-        bytes += static_cast<char>(ValueOf(hash[i]) << 4U | ValueOf(hash[i + 1]));
+    std::string bytes(hash.size() / 2, '\0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<char>(ValueOf(hash[2 * i]) << 4U | ValueOf(hash[2 * i + 1]));
     }
     return bytes;
 }

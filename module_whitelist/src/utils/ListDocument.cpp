@@ -62,10 +62,18 @@ private:
     // Where the string ends that begins at `open`: behind its closing quote.
     std::size_t FindEndOfString(std::size_t open) const {
         std::size_t at = open + 1;
-        while (at < mRest.size() && mRest[at] != '"') {
-            at += mRest[at] == '\\' ? 2 : 1;
+        std::size_t quote = mRest.find('"', at);
+        while (quote != std::string_view::npos) {
+            const std::size_t escape = mRest.substr(0, quote).find('\\', at);
+            if (escape == std::string_view::npos) {
+                return quote + 1;
+            }
+            at = escape + 2;
+            if (at > quote) {
+                quote = mRest.find('"', at);
+            }
         }
-        return at + 1;
+        return mRest.size();
     }
 
     // Empty when there is none.

@@ -90,6 +90,24 @@ TEST(ParseJson, RefusesUnescapedControlCharactersInStrings) {
     EXPECT_FALSE(IsAccepted("{\"\x01\": 1}"));
 }
 
+// Strings are looked at in portions.
+TEST(ParseJson, SeesEachByteOfAStringWhereverItStands) {
+    for (std::size_t length = 1; length <= 20; ++length) {
+        for (std::size_t at = 0; at < length; ++at) {
+            for (int byte = 0; byte < 0x80; ++byte) {
+                std::string text(length, 'x');
+                text[at] = static_cast<char>(byte);
+                const bool isPlain = byte >= 0x20 && byte != '"' && byte != '\\';
+                EXPECT_EQ(IsAccepted("[\"" + text + "\"]"), isPlain) << length << " " << at << " " << byte;
+            }
+            const std::string before(at, 'x');
+            const std::string behind(length - at, 'x');
+            EXPECT_EQ(Parsed("[\"" + before + R"(\")" + behind + "\"]")[0].asString(), before + "\"" + behind);
+            EXPECT_EQ(Parsed("[\"" + before + "\xC2\xA2" + behind + "\"]")[0].asString(), before + "\xC2\xA2" + behind);
+        }
+    }
+}
+
 TEST(ParseJson, RefusesStringsThatAreBroken) {
     for (const char* text : {R"(["abc])", R"(["\x41"])", R"(["\u12"])", R"(["\uD800"])", R"(["\)", R"(["\"])"}) {
         EXPECT_FALSE(IsAccepted(text)) << text;
