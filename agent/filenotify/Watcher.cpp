@@ -189,7 +189,7 @@ void Watcher::AwaitRoom() const {
     const auto deadline = Clock::now() + ROOM_DEADLINE;
     // A queue that is smaller has all the room that it can have when it is empty.
     const std::size_t wanted =
-        std::min<std::size_t>(mBatches.COUNT * FanotifyGroup::MAX_BATCH, task->GetQueueCapacity());
+        std::min<std::size_t>(Batches::COUNT * FanotifyGroup::MAX_BATCH, task->GetQueueCapacity());
     const auto hasRoom = [&task, wanted] { return task->GetQueueDepth() + wanted <= task->GetQueueCapacity(); };
     while (!hasRoom() && Clock::now() < deadline && Pause(ROOM_INTERVAL_MS)) {
     }

@@ -75,6 +75,8 @@ public:
     std::size_t CountFailedMarks() const { return mFailedMarks; }
 
 private:
+    using Batches = SDK::TurnTaking<FanotifyGroup::Batch>;
+
     explicit Watcher(const FileNotifyWatchMessage& first);
 
     void StartThreads();
@@ -111,7 +113,7 @@ private:
     Marks mMarks;
     std::size_t mFailedMarks = 0;
 
-    SDK::TurnTaking<FanotifyGroup::Batch> mBatches;
+    Batches mBatches;
 
     // Whoever sends.
     std::unordered_map<int, bool> mScopeOfBatch;              // the scope of a process, asked once a batch
