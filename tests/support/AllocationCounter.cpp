@@ -8,12 +8,26 @@ namespace {
 thread_local std::uint64_t allocations = 0;
 thread_local bool refused = false;
 
-// Throws where there is no memory for it.
-void Count() {
+// False where there is no memory for it.
+bool Count() {
     ++allocations;
-    if (refused) {
+    return !refused;
+}
+
+void* Allocate(std::size_t size) {
+    return Count() ? std::malloc(size == 0 ? 1 : size) : nullptr;
+}
+
+void* Allocate(std::size_t size, std::align_val_t alignment) {
+    const std::size_t boundary = static_cast<std::size_t>(alignment);
+    return Count() ? std::aligned_alloc(boundary, (size + boundary - 1) / boundary * boundary) : nullptr;
+}
+
+void* OrThrow(void* memory) {
+    if (memory == nullptr) {
         throw std::bad_alloc();
     }
+    return memory;
 }
 
 } // namespace
@@ -30,22 +44,22 @@ TestSupport::NoMemory::~NoMemory() {
     refused = false;
 }
 
-// The other forms of new end in these two.
+// Also those that do not throw, in which the library's end: a sanitizer brings its own in their place, and reports
+// what they gave and the delete below frees.
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return Allocate(size);
+}
+
 void* operator new(std::size_t size) {
-    Count();
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
+    return OrThrow(Allocate(size));
+}
+
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t& /*tag*/) noexcept {
+    return Allocate(size, alignment);
 }
 
 void* operator new(std::size_t size, std::align_val_t alignment) {
-    Count();
-    const std::size_t boundary = static_cast<std::size_t>(alignment);
-    if (void* memory = std::aligned_alloc(boundary, (size + boundary - 1) / boundary * boundary)) {
-        return memory;
-    }
-    throw std::bad_alloc();
+    return OrThrow(Allocate(size, alignment));
 }
 
 void operator delete(void* memory) noexcept {
