@@ -138,6 +138,7 @@ FileInodeNoCache* SpecifiedFileAudit::GetInodeCacheEntry(std::uint64_t inode, co
         }
     }
     entry.lastAccess = SDK::TimeUtils::GetCurrentTimestampS();
+    mOldestAccess = std::min(mOldestAccess, entry.lastAccess);
     ++entry.hits;
     return &entry;
 }
@@ -146,11 +147,12 @@ std::size_t SpecifiedFileAudit::DelInodeCountLess(std::uint64_t hits) {
     return std::erase_if(mInodes, [hits](const auto& item) { return item.second.hits < hits; });
 }
 
+// A scan that can find nothing is spared: in a flood of files the cache is full of fresh entries at each event.
 void SpecifiedFileAudit::CheckAndDelInodeCache() {
-    if (mInodes.size() <= MAX_INODES) {
+    const std::time_t now = SDK::TimeUtils::GetCurrentTimestampS();
+    if (mInodes.size() <= MAX_INODES || now - mOldestAccess <= MAX_INODE_AGE_S) {
         return;
     }
-    const std::time_t now = SDK::TimeUtils::GetCurrentTimestampS();
     std::size_t removed =
         std::erase_if(mInodes, [now](const auto& item) { return now - item.second.lastAccess > MAX_INODE_AGE_S; });
     // Where most entries are fresh the cache holds what is in use, and counting would throw that out.
@@ -158,6 +160,10 @@ void SpecifiedFileAudit::CheckAndDelInodeCache() {
         if (removed > ENOUGH_REMOVED) {
             removed += DelInodeCountLess(hits);
         }
+    }
+    mOldestAccess = now;
+    for (const auto& [inode, entry] : mInodes) {
+        mOldestAccess = std::min(mOldestAccess, entry.lastAccess);
     }
 }
 

@@ -31,7 +31,8 @@ struct FileInodeNoCache {
 // policies and modes, and both are bounded:
 //
 //     inode cache   from 100,000 entries on, those not seen for 30 seconds go; if that made much room,
-//                   the rarely seen go too. A cache full of fresh entries may grow beyond that.
+//                   the rarely seen go too. A cache full of fresh entries may grow beyond that, by some
+//                   100 bytes for each file that was opened within these seconds.
 //     pid map       from 10,000 records on, those of ended processes go; the limit grows with the
 //                   processes that live. A process that was given the number of an ended one gets a
 //                   record of its own before it is learned or judged; where the ended one was trusted, at
@@ -120,6 +121,7 @@ private:
     std::unique_ptr<char[]> mScratch;
     std::uint64_t mProcessLimit;
     std::map<std::uint64_t, FileInodeNoCache> mInodes;
+    std::time_t mOldestAccess = 0;  // no entry was seen last before this
     std::int32_t mMessageCount = 0; // in the current second
     std::clock_t mWindowStart = 0;  // of the current second
     std::clock_t mLastSample = 0;   // 0: none yet

@@ -190,6 +190,38 @@ TEST_F(InodeCache, WhereMoreWasRemovedThoseSeenLessThanSevenTimesGoToo) {
     EXPECT_EQ(CountEntries(), 5U);
 }
 
+TEST_F(InodeCache, ThoseMadeWhileTheClockWasBehindAreYoungInTheirTime) {
+    Access(FULL);
+    audit.CheckAndDelInodeCache();
+    FakeClock::Advance(-3600);
+    Access(10);
+    FakeClock::Advance(30);
+    audit.CheckAndDelInodeCache();
+    EXPECT_EQ(CountEntries(), FULL + 10);
+}
+
+TEST_F(InodeCache, ThoseMadeWhileTheClockWasBehindGoFirst) {
+    Access(FULL);
+    audit.CheckAndDelInodeCache();
+    FakeClock::Advance(-3600);
+    Access(10);
+    FakeClock::Advance(31);
+    audit.CheckAndDelInodeCache();
+    EXPECT_EQ(CountEntries(), FULL);
+}
+
+TEST_F(InodeCache, WhatWasYoungAtOneScanIsOldAtALaterOne) {
+    Access(10);
+    FakeClock::Advance(31);
+    Access(10);
+    FakeClock::Advance(1);
+    Access(FULL - 10);
+    audit.CheckAndDelInodeCache();
+    FakeClock::Advance(30);
+    audit.CheckAndDelInodeCache();
+    EXPECT_EQ(CountEntries(), FULL - 10);
+}
+
 TEST_F(InodeCache, AnOldEntryIsRemovedHoweverOftenItWasSeen) {
     Access(1, 100);
     FakeClock::Advance(31);
