@@ -89,8 +89,7 @@ public:
     // CountWaiting said; it counts by walking the queue, under the lock that whoever opens a file in scope needs
     // too, so it is asked once for many reads. Never blocks: a file that cannot be opened at once, because
     // somebody holds a lease on it, counts as unreadable. 0 or an errno value, the batch being what was read
-    // before: EPROTO when the kernel's events
-    // have another form than this program knows.
+    // before: EPROTO when the kernel's events have another form than this program knows.
     int Read(std::size_t waiting, Batch& batch) const;
 
 private:

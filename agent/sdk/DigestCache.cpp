@@ -14,11 +14,11 @@
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 
+#include "agent/sdk/StatTime.h"
+
 namespace SDK {
 
 namespace {
-
-constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
 
 // File systems whose time stamps and leases are the kernel's own doing, and that are told of the first store to
 // a page of a shared mapping (their vm_operations_struct has a page_mkwrite) unless they are never written to.
@@ -28,10 +28,6 @@ constexpr std::uint32_t XFS_MAGIC = 0x58465342;
 constexpr std::array<std::uint32_t, 6> KERNEL_FILE_SYSTEMS = {
     EXT4_SUPER_MAGIC, XFS_MAGIC, BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC, SQUASHFS_MAGIC, EROFS_SUPER_MAGIC_V1,
 };
-
-std::int64_t ToNs(const timespec& time) {
-    return static_cast<std::int64_t>(time.tv_sec) * NS_PER_SECOND + time.tv_nsec;
-}
 
 bool IsKernelFileSystem(const struct statfs& info) {
     const auto type = static_cast<std::uint32_t>(info.f_type);

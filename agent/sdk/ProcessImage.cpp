@@ -10,6 +10,7 @@
 
 #include "agent/sdk/FileDescriptor.h"
 #include "agent/sdk/ImagePath.h"
+#include "agent/sdk/StatTime.h"
 #include "agent/sdk/WithoutThrowing.h"
 #include "sdk/Shortage.h"
 
@@ -26,11 +27,6 @@ int OpenImage(const std::string& link) {
         errno = Shortage::Note(errno);
     }
     return fd;
-}
-
-std::int64_t ToNs(const timespec& time) {
-    constexpr std::int64_t NS_PER_SECOND = 1'000'000'000;
-    return static_cast<std::int64_t>(time.tv_sec) * NS_PER_SECOND + time.tv_nsec;
 }
 
 ImageIdentity IdentityOf(const struct stat& info) {

@@ -7,16 +7,12 @@
 
 namespace Engine {
 
-// Whether what a process runs is looked at. Not while the module learns: learned is what lies at the path, for
-// that is what the next start from there will run. Otherwise a program that another mount namespace shows at a path
-// could take the place of the host's own in the list.
-inline bool JudgesWhatRuns() {
-    return ConfigManager::Instance()->GetMod() != MOD_LEARN;
-}
-
-// Holds the image of a process that is to be judged: judged is what runs.
+// Holds the image of a process that is to be judged: judged is what runs. Not while the module learns:
+// learned is what lies at the path, for that is what the next start from there will run. Otherwise a program
+// that another mount namespace shows at a path could take the place of the host's own in the list.
 inline std::optional<SDK::ProcessImage> HoldJudgedImage(int pid) {
-    return JudgesWhatRuns() ? std::optional<SDK::ProcessImage>(std::in_place, pid) : std::optional<SDK::ProcessImage>();
+    return ConfigManager::Instance()->GetMod() == MOD_LEARN ? std::optional<SDK::ProcessImage>()
+                                                            : std::optional<SDK::ProcessImage>(std::in_place, pid);
 }
 
 } // namespace Engine

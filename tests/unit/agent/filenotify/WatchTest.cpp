@@ -40,6 +40,13 @@ protected:
             WaitFor([this] { return Counted("files.lost") == Counted("files.dropped") + Counted("files.overflow"); }));
     }
 
+    // `descriptors`: how many this process had before.
+    void ExpectNothingLostNorLeftOpen(std::size_t descriptors) const {
+        EXPECT_EQ(Counted("files.lost"), 0U);
+        EXPECT_TRUE(WaitFor([descriptors] { return CountDescriptors() == descriptors; }));
+        ExpectAllAccountedFor();
+    }
+
 private:
     std::uint64_t CountJudged() const {
         return Counted("files.own") + Counted("files.unscoped") + Counted("files.posted") + Counted("files.dropped");
@@ -175,9 +182,7 @@ TEST_F(WatchTest, AStreamOfAccessesIsToldCompletelyAndLeavesNoDescriptor) {
         told.push_back(access.path);
     }
     EXPECT_EQ(told, files) << "in order, nothing twice";
-    EXPECT_EQ(Counted("files.lost"), 0U);
-    EXPECT_TRUE(WaitFor([before] { return CountDescriptors() == before; }));
-    ExpectAllAccountedFor();
+    ExpectNothingLostNorLeftOpen(before);
 }
 
 // A program that opens files as fast as it can makes more wait than one batch.
@@ -200,9 +205,7 @@ TEST_F(WatchTest, ABurstOfManyBatchesIsToldCompletelyAndInOrder) {
     }
     EXPECT_EQ(opener.Wait(), 0);
     EXPECT_TRUE(mWatcher->Accesses() == expected);
-    EXPECT_EQ(Counted("files.lost"), 0U);
-    EXPECT_TRUE(WaitFor([before] { return CountDescriptors() == before; }));
-    ExpectAllAccountedFor();
+    ExpectNothingLostNorLeftOpen(before);
 }
 
 TEST_F(WatchTest, AFullQueueCountsTheLossAndLeavesNoDescriptor) {
