@@ -77,6 +77,12 @@ std::string Explain(int error) {
     }
 }
 
+void JoinIfStarted(std::thread& thread) {
+    if (thread.joinable()) {
+        thread.join();
+    }
+}
+
 } // namespace
 
 std::unique_ptr<Watcher> Watcher::Create(const FileNotifyWatchMessage& first, std::string& problem) {
@@ -114,11 +120,9 @@ Watcher::~Watcher() {
     mStopping.store(true);
     mStop.Signal();
     mBatches.Stop();
-    for (std::thread* const thread : {&mReader, &mSender}) {
-        if (thread->joinable()) {
-            thread->join();
-        }
-    }
+    JoinIfStarted(mReader);
+    mBatches.Finish();
+    JoinIfStarted(mSender);
 }
 
 void Watcher::Add(const FileNotifyWatchMessage& request) {

@@ -11,6 +11,9 @@ namespace SDK {
 //
 // A slot belongs to one side at a time: empty to the filling thread, until that says it is filled; filled to the
 // emptying thread, until that says it is empty. Taking turns is what is locked, not the work on a slot.
+//
+// The two sides end one after the other: whoever is filling a slot when it is to stop may still give it on, and
+// nobody would empty it if the other side were gone by then.
 template <typename Slot> class TurnTaking {
 public:
     static constexpr std::size_t COUNT = 2;
@@ -26,17 +29,17 @@ public:
         mFilling = (mFilling + 1) % COUNT;
         Change([this] { ++mFilled; });
     }
-    // Waits until the other side has nothing left, stopped or not.
+    // Waits until the other side has nothing left, stopped or not. Not after Finish.
     void AwaitAllEmpty() {
         std::unique_lock lock(mMutex);
         mChanged.wait(lock, [this] { return mFilled == 0; });
     }
 
-    // Emptying thread. Waits until a slot is filled, and gives the same one until Emptied; null once stopped, when
-    // nothing is left.
+    // Emptying thread. Waits until a slot is filled, and gives the same one until Emptied; null once all is finished
+    // and nothing is left.
     Slot* AwaitFilled() {
         std::unique_lock lock(mMutex);
-        mChanged.wait(lock, [this] { return mStopped || mFilled > 0; });
+        mChanged.wait(lock, [this] { return mFinished || mFilled > 0; });
         return mFilled > 0 ? &mSlots[mEmptying] : nullptr;
     }
     void Emptied() {
@@ -44,9 +47,13 @@ public:
         Change([this] { --mFilled; });
     }
 
-    // Any thread: nothing is to be filled from now on, nor waited for that will not be.
+    // Any thread: no further slot is to be filled.
     void Stop() {
         Change([this] { mStopped = true; });
+    }
+    // Any thread, once the filling one has ended, or never was: nothing more is to be waited for.
+    void Finish() {
+        Change([this] { mFinished = true; });
     }
 
     // All of them, for whom they all belong to: the filling thread while all are empty, anybody while there is
@@ -66,11 +73,12 @@ private:
     std::size_t mFilling = 0;  // filling thread only
     std::size_t mEmptying = 0; // emptying thread only
 
-    // The next two under mMutex.
     std::mutex mMutex;
     std::condition_variable mChanged;
+    // The rest under mMutex.
     std::size_t mFilled = 0;
     bool mStopped = false;
+    bool mFinished = false;
 };
 
 } // namespace SDK

@@ -1,3 +1,4 @@
+#include <chrono>
 #include <cstddef>
 #include <future>
 #include <thread>
@@ -6,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "agent/sdk/TurnTaking.h"
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -86,18 +89,32 @@ TEST(TurnTakingTest, AStopWakesWhoeverWaitsToFill) {
     EXPECT_TRUE(filling.get());
 }
 
-TEST(TurnTakingTest, AStopWakesWhoeverWaitsToEmpty) {
+TEST(TurnTakingTest, TheFinishWakesWhoeverWaitsToEmpty) {
     Turns turns;
     std::future<bool> emptying = std::async(std::launch::async, [&turns] { return turns.AwaitFilled() == nullptr; });
-    turns.Stop();
+    turns.Finish();
     EXPECT_TRUE(emptying.get());
 }
 
-TEST(TurnTakingTest, AfterAStopWhatIsFilledIsEmptiedStill) {
+TEST(TurnTakingTest, WhatIsBeingFilledAtTheStopIsStillAwaitedAndEmptied) {
+    Turns turns;
+    int* const slot = turns.AwaitEmpty();
+    turns.Stop();
+    std::future<int*> emptying = std::async(std::launch::async, [&turns] { return turns.AwaitFilled(); });
+    // It must not end whatever time it is given.
+    EXPECT_EQ(emptying.wait_for(20ms), std::future_status::timeout);
+    turns.Filled();
+    EXPECT_EQ(emptying.get(), slot);
+    turns.Emptied();
+    turns.AwaitAllEmpty();
+}
+
+TEST(TurnTakingTest, AfterTheEndWhatIsFilledIsEmptiedStill) {
     Turns turns;
     FillAll(turns);
     turns.Stop();
     EXPECT_EQ(turns.AwaitEmpty(), nullptr);
+    turns.Finish();
     std::future<void> waiting = std::async(std::launch::async, [&turns] { turns.AwaitAllEmpty(); });
     for (std::size_t i = 0; i < Turns::COUNT; ++i) {
         ASSERT_NE(turns.AwaitFilled(), nullptr);
