@@ -1,14 +1,19 @@
 #include "agent/sdk/JsonTokens.h"
 
+#include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
+
+#include <endian.h>
 
 namespace SDK {
 
 namespace {
 
-// Eight bytes of text at a time, whatever their order: strings are most of a list of 10 MiB. Each byte's highest bit
-// tells of it; what carries into the byte above can only be wrong where there is a right one below.
+// Eight bytes of text at a time, the first of them the lowest: strings are most of a list of 10 MiB. Each byte's
+// highest bit tells of it; what carries into the byte above can only be wrong where there is a right one below.
 constexpr std::uint64_t EACH_BYTE = 0x0101010101010101U;
 constexpr std::uint64_t HIGHEST_BITS = 0x80 * EACH_BYTE;
 
@@ -25,28 +30,45 @@ bool IsSpecial(char c) {
     return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
 }
 
-// Whether one of eight is such a byte.
-bool HoldsSpecial(const char* text) {
+// How many of the next eight come before such a byte.
+std::size_t CountPlain(const char* text) {
     std::uint64_t bytes = 0;
     std::memcpy(&bytes, text, sizeof bytes);
-    return (BytesBelow(bytes, 0x20) | BytesEqual(bytes, '"') | BytesEqual(bytes, '\\')) != 0;
+    bytes = le64toh(bytes);
+    const std::uint64_t special = BytesBelow(bytes, 0x20) | BytesEqual(bytes, '"') | BytesEqual(bytes, '\\');
+    return static_cast<std::size_t>(std::countr_zero(special)) / 8;
 }
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-bool IsWhiteSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
-}
-
 bool IsNumberByte(char c) {
     return IsDigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
 }
 
-// A "+" and a "." begin none that is allowed, but jsoncpp takes them for one.
-bool BeginsNumber(char c) {
-    return IsDigit(c) || c == '-' || c == '+' || c == '.';
+// What a byte outside of strings and numbers begins.
+enum class Beginning : unsigned char { Other, WhiteSpace, String, Number, ObjectEnd, Comment, Nul };
+
+constexpr auto BEGINNINGS = [] {
+    std::array<Beginning, 256> beginnings{};
+    const auto set = [&beginnings](std::string_view bytes, Beginning beginning) {
+        for (const char c : bytes) {
+            beginnings[static_cast<unsigned char>(c)] = beginning;
+        }
+    };
+    set(" \t\n\r", Beginning::WhiteSpace);
+    set("\"", Beginning::String);
+    // A "+" and a "." begin none that is allowed, but jsoncpp takes them for one.
+    set("0123456789-+.", Beginning::Number);
+    set("}", Beginning::ObjectEnd);
+    set("/", Beginning::Comment);
+    set({"", 1}, Beginning::Nul);
+    return beginnings;
+}();
+
+Beginning BeginningOf(char c) {
+    return BEGINNINGS[static_cast<unsigned char>(c)];
 }
 
 // Walks over a text; past the end it sees NUL bytes.
@@ -103,8 +125,12 @@ public:
 private:
     // Of a string: by eights, and what is left.
     void SkipPlainText() {
-        while (static_cast<std::size_t>(mEnd - mNext) >= sizeof(std::uint64_t) && !HoldsSpecial(mNext)) {
-            mNext += sizeof(std::uint64_t);
+        while (static_cast<std::size_t>(mEnd - mNext) >= sizeof(std::uint64_t)) {
+            const std::size_t plain = CountPlain(mNext);
+            mNext += plain;
+            if (plain < sizeof(std::uint64_t)) {
+                return;
+            }
         }
         while (!AtEnd() && !IsSpecial(*mNext)) {
             ++mNext;
@@ -140,31 +166,37 @@ std::optional<BadJsonToken> FindBadJsonToken(const char* text, std::size_t lengt
     const auto bad = [&](const char* reason) {
         return BadJsonToken{static_cast<std::size_t>(scanner.Position() - text), reason};
     };
-    char before = '\0'; // of what is no white space
+    char before = '\0'; // what the token before this one begins with
     while (!scanner.AtEnd()) {
         const char c = scanner.Peek();
-        if (c == '}' && before == ',') {
-            return bad("a comma behind the last member");
-        }
-        if (!IsWhiteSpace(c)) {
-            before = c;
-        }
-        if (c == '\0') {
+        switch (BeginningOf(c)) {
+        case Beginning::Nul:
             return bad("a NUL byte");
-        }
-        if (BeginsNumber(c)) {
+        case Beginning::Comment:
+            return bad("a comment");
+        case Beginning::WhiteSpace:
+            scanner.Skip();
+            continue;
+        case Beginning::String:
+            scanner.Skip();
+            if (!scanner.TakeString()) {
+                return bad(scanner.AtEnd() ? "a string without its closing quote" : "a control character in a string");
+            }
+            break;
+        case Beginning::Number:
             if (!scanner.TakeNumber()) {
                 return bad("a number that is not written as JSON has it");
             }
-            continue;
+            break;
+        case Beginning::ObjectEnd:
+            if (before == ',') {
+                return bad("a comma behind the last member");
+            }
+            [[fallthrough]];
+        case Beginning::Other:
+            scanner.Skip();
         }
-        if (c == '/') {
-            return bad("a comment");
-        }
-        scanner.Skip();
-        if (c == '"' && !scanner.TakeString()) {
-            return bad(scanner.AtEnd() ? "a string without its closing quote" : "a control character in a string");
-        }
+        before = c;
     }
     return std::nullopt;
 }

@@ -1,9 +1,11 @@
 #include "TrustRecord.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 
 namespace Engine {
 
@@ -12,21 +14,41 @@ namespace {
 constexpr std::size_t HASH_DIGITS = 64;
 constexpr std::string_view DIGITS = "0123456789abcdef";
 
-bool IsPackable(std::string_view hash) {
-    const auto isDigit = [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); };
-    return hash.size() == HASH_DIGITS && std::all_of(hash.begin(), hash.end(), isDigit);
-}
-
-unsigned int ValueOf(char digit) {
-    return static_cast<unsigned int>(digit <= '9' ? digit - '0' : digit - 'a' + 10);
-}
-
-std::string Pack(std::string_view hash) {
-    std::string bytes(hash.size() / 2, '\0');
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        bytes[i] = static_cast<char>(ValueOf(hash[2 * i]) << 4U | ValueOf(hash[2 * i + 1]));
+// The value of each character as a digit; NO_DIGIT of what is none.
+constexpr unsigned char NO_DIGIT = 0xFF;
+constexpr auto VALUES = [] {
+    std::array<unsigned char, 256> values{};
+    values.fill(NO_DIGIT);
+    for (std::size_t value = 0; value < DIGITS.size(); ++value) {
+        values[static_cast<unsigned char>(DIGITS[value])] = static_cast<unsigned char>(value);
     }
-    return bytes;
+    return values;
+}();
+
+unsigned char ValueOf(char digit) {
+    return VALUES[static_cast<unsigned char>(digit)];
+}
+
+using PackedHash = std::array<char, HASH_DIGITS / 2>;
+
+// Nothing unless the hash is in the usual form.
+std::optional<PackedHash> Pack(std::string_view hash) {
+    if (hash.size() != HASH_DIGITS) {
+        return std::nullopt;
+    }
+    PackedHash bytes;
+    unsigned int all = 0;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        const unsigned int high = ValueOf(hash[2 * i]);
+        const unsigned int low = ValueOf(hash[2 * i + 1]);
+        all |= high | low;
+        bytes[i] = static_cast<char>(high << 4U | low);
+    }
+    return all == (all & 0xFU) ? std::optional(bytes) : std::nullopt;
+}
+
+std::string_view ToText(const PackedHash& bytes) {
+    return {bytes.data(), bytes.size()};
 }
 
 std::string Unpack(std::string_view bytes) {
@@ -58,11 +80,11 @@ struct TrustRecord::Header {
 
 TrustRecord::TrustRecord(const ProcessInfo& info) {
     const bool nameEndsPath = info.path.ends_with(info.name);
-    const bool hashPacked = IsPackable(info.hash);
+    const std::optional<PackedHash> packed = Pack(info.hash);
     const std::string_view name = nameEndsPath ? std::string_view() : info.name;
-    const std::string hash = hashPacked ? Pack(info.hash) : info.hash;
+    const std::string_view hash = packed ? ToText(*packed) : info.hash;
     const Header header{info.size,      info.type,    LengthOf(info.path), LengthOf(info.name),
-                        LengthOf(hash), nameEndsPath, hashPacked};
+                        LengthOf(hash), nameEndsPath, packed.has_value()};
     mBytes = std::make_unique<char[]>(sizeof header + info.path.size() + name.size() + hash.size());
     std::memcpy(mBytes.get(), &header, sizeof header);
     char* next = std::copy(info.path.begin(), info.path.end(), mBytes.get() + sizeof header);
@@ -91,7 +113,8 @@ bool TrustRecord::HasHash(std::string_view hash) const {
     if (!ReadHeader().hashPacked) {
         return bytes == hash;
     }
-    return IsPackable(hash) && bytes == Pack(hash);
+    const std::optional<PackedHash> packed = Pack(hash);
+    return packed && bytes == ToText(*packed);
 }
 
 ProcessInfo TrustRecord::Expand() const {

@@ -18,7 +18,7 @@ constexpr std::string_view BLANKS = " \t\r\n";
 // Walks over a document by its structure, no more: whether the entries are JSON is for the parser to say.
 class Splitter {
 public:
-    explicit Splitter(std::string_view text) : mRest(text) {}
+    explicit Splitter(std::string_view text) : mText(text) {}
 
     // The texts of the entries, when the document is the list alone and each entry an object without
     // further structure. Whatever these are, together they are JSON exactly when the document is.
@@ -43,52 +43,56 @@ public:
             return std::nullopt;
         }
         SkipBlanks();
-        return mRest.empty() ? std::optional(std::move(entries)) : std::nullopt;
+        return mNext == mText.size() ? std::optional(std::move(entries)) : std::nullopt;
     }
 
 private:
-    void SkipBlanks() { mRest.remove_prefix(std::min(mRest.find_first_not_of(BLANKS), mRest.size())); }
+    void SkipBlanks() { mNext = std::min(mText.find_first_not_of(BLANKS, mNext), mText.size()); }
 
     // Behind blanks.
     bool Take(std::string_view token) {
         SkipBlanks();
-        if (!mRest.starts_with(token)) {
+        if (!mText.substr(mNext).starts_with(token)) {
             return false;
         }
-        mRest.remove_prefix(token.size());
+        mNext += token.size();
         return true;
     }
 
     // Where the string ends that begins at `open`: behind its closing quote.
-    std::size_t FindEndOfString(std::size_t open) const {
+    std::size_t FindEndOfString(std::size_t open) {
         std::size_t at = open + 1;
-        std::size_t quote = mRest.find('"', at);
-        while (quote != std::string_view::npos) {
-            const std::size_t escape = mRest.substr(0, quote).find('\\', at);
-            if (escape == std::string_view::npos) {
-                return quote + 1;
-            }
-            at = escape + 2;
+        std::size_t quote = mText.find('"', at);
+        while (quote != std::string_view::npos && FindEscape(at) < quote) {
+            at = mEscape + 2;
             if (at > quote) {
-                quote = mRest.find('"', at);
+                quote = mText.find('"', at);
             }
         }
-        return mRest.size();
+        return std::min(quote, mText.size() - 1) + 1;
+    }
+
+    // Where the next backslash is, from `at` on: npos, behind every quote, when there is none. Looked for again only
+    // once it has been passed, as most lists have none.
+    std::size_t FindEscape(std::size_t at) {
+        if (mEscape < at) {
+            mEscape = mText.find('\\', at);
+        }
+        return mEscape;
     }
 
     // Empty when there is none.
     std::string_view TakeFlatObject() {
         SkipBlanks();
-        if (!mRest.starts_with('{')) {
+        const std::size_t begin = mNext;
+        if (!mText.substr(begin).starts_with('{')) {
             return {};
         }
-        for (std::size_t at = 1; at < mRest.size();) {
-            switch (mRest[at]) {
-            case '}': {
-                const std::string_view object = mRest.substr(0, at + 1);
-                mRest.remove_prefix(object.size());
-                return object;
-            }
+        for (std::size_t at = begin + 1; at < mText.size();) {
+            switch (mText[at]) {
+            case '}':
+                mNext = at + 1;
+                return mText.substr(begin, mNext - begin);
             case '{':
             case '[':
                 return {};
@@ -102,7 +106,9 @@ private:
         return {};
     }
 
-    std::string_view mRest;
+    const std::string_view mText;
+    std::size_t mNext = 0;
+    std::size_t mEscape = 0; // FindEscape's; 0 until it is asked
 };
 
 Shape ReadAtOnce(const char* text, std::size_t length, const TakeEntry& take) {
