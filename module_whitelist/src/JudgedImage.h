@@ -15,4 +15,9 @@ inline std::optional<SDK::ProcessImage> HoldJudgedImage(int pid) {
                                                             : std::optional<SDK::ProcessImage>(std::in_place, pid);
 }
 
+// The same of a process that runs already: only directory mode judges those.
+inline std::optional<SDK::ProcessImage> HoldImageOfRow(int pid) {
+    return ConfigManager::Instance()->GetDirMod() ? HoldJudgedImage(pid) : std::optional<SDK::ProcessImage>();
+}
+
 } // namespace Engine

@@ -11,7 +11,6 @@
 #include <iterator>
 #include <new>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 
 #include <malloc.h>
@@ -21,6 +20,7 @@
 #include <Poco/Format.h>
 
 #include "ConfigManager.h"
+#include "ImageDigests.h"
 #include "JudgedImage.h"
 #include "RowCopies.h"
 #include "framework/Engine.h"
@@ -90,60 +90,6 @@ const char* ToText(bool value) {
 
 Poco::AutoPtr<ProcsFullTask> FindProcsFullTask() {
     return Framework::Engine::FindTask(PROCS_FULL_TASK).cast<ProcsFullTask>();
-}
-
-// The digests of the images of one table of processes: many processes run few images, and each image is
-// opened and looked at once.
-class ImageDigests {
-public:
-    // Empty for an image that cannot be read. An image that is held is looked at itself: another process may
-    // run another one under the same path.
-    std::string Of(const std::string& path) {
-        const SDK::ProcessImage* const held = SDK::ProcessImage::At(path);
-        return held == nullptr ? OfFile(path) : OfHeld(path, *held);
-    }
-
-    // Of what the process runs, where another that runs the same under the same path was held before.
-    std::optional<std::string> FindRunning(int pid, const std::string& path) const {
-        if (mHeld.empty()) {
-            return std::nullopt;
-        }
-        const std::optional<SDK::ImageIdentity> running = SDK::ProcessImage::Identify(pid);
-        const auto image = running ? mHeld.find({*running, path}) : mHeld.end();
-        return image == mHeld.end() ? std::nullopt : std::optional(image->second);
-    }
-
-private:
-    static std::string Compute(const std::string& path) {
-        std::string digest;
-        SDK::FileUtils::GetFileSha256(path, digest, MAX_FILE_BYTES);
-        return digest;
-    }
-
-    const std::string& OfFile(const std::string& path) {
-        const auto [image, isNew] = mByPath.try_emplace(path);
-        if (isNew) {
-            image->second = Compute(path);
-        }
-        return image->second;
-    }
-
-    std::string OfHeld(const std::string& path, const SDK::ProcessImage& held) {
-        const std::optional<SDK::ImageIdentity> before = held.GetIdentity();
-        std::string digest = Compute(path);
-        if (before && held.GetIdentity() == before) {
-            mHeld[{*before, path}] = digest;
-        }
-        return digest;
-    }
-
-    std::unordered_map<std::string, std::string> mByPath;
-    std::map<std::pair<SDK::ImageIdentity, std::string>, std::string> mHeld;
-};
-
-// Only directory mode judges the processes that run already.
-std::optional<SDK::ProcessImage> HoldImageForRow(int pid) {
-    return ConfigManager::Instance()->GetDirMod() ? HoldJudgedImage(pid) : std::optional<SDK::ProcessImage>();
 }
 
 // What need not be held to be judged. An interpreter has to be: its script is looked for, too.
@@ -705,12 +651,13 @@ bool ProcessManager::InitTrustProcess() {
         return false;
     }
     ImageDigests digests;
+    const DigestsAhead ahead(processes, digests);
     const std::vector<std::string> interpreters = GetInterpreterNames();
     for (const auto& [pid, process] : processes) {
         throttle.Check();
         ProcessInfo info = RecordOf(process);
         const std::optional<std::string> known = FindKnownDigest(info, digests, interpreters);
-        const auto image = known ? std::optional<SDK::ProcessImage>() : HoldImageForRow(pid);
+        const auto image = known ? std::optional<SDK::ProcessImage>() : HoldImageOfRow(pid);
         info.hash = known ? *known : digests.Of(info.path);
         if (!info.hash.empty()) {
             ConsiderRunningProcess(std::move(info), interpreters);

@@ -10,6 +10,8 @@ corvalent_add_test(whitelist_explanation_test ${TEST_DIR}/ListOpinionTest.cpp ${
   ${TEST_DIR}/ShebangTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
 corvalent_add_test(whitelist_tracking_test ${TEST_DIR}/RunningProcessesTest.cpp ${TEST_DIR}/ProcessTrackingTest.cpp
   ${TEST_DIR}/DetectionTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
+corvalent_add_test(whitelist_image_digests_test ${TEST_DIR}/ImageDigestsTest.cpp
+  LIBS whitelist_objects OpenSSL::Crypto)
 corvalent_add_test(whitelist_inspection_test ${TEST_DIR}/ProcessInspectionTest.cpp
   ${TEST_DIR}/InterpreterScriptTest.cpp LIBS whitelist_objects OpenSSL::Crypto)
 corvalent_add_test(whitelist_concurrency_test ${TEST_DIR}/ConcurrencyTest.cpp LIBS whitelist_objects OpenSSL::Crypto
