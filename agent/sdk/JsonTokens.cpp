@@ -63,7 +63,7 @@ constexpr auto BEGINNINGS = [] {
     set("0123456789-+.", Beginning::Number);
     set("}", Beginning::ObjectEnd);
     set("/", Beginning::Comment);
-    set({"", 1}, Beginning::Nul);
+    beginnings['\0'] = Beginning::Nul;
     return beginnings;
 }();
 

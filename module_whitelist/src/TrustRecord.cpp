@@ -14,18 +14,20 @@ namespace {
 constexpr std::size_t HASH_DIGITS = 64;
 constexpr std::string_view DIGITS = "0123456789abcdef";
 
-// The value of each character as a digit; NO_DIGIT of what is none.
 constexpr unsigned char NO_DIGIT = 0xFF;
-constexpr auto VALUES = [] {
+
+constexpr std::array<unsigned char, 256> ListValues() {
     std::array<unsigned char, 256> values{};
     values.fill(NO_DIGIT);
-    for (std::size_t value = 0; value < DIGITS.size(); ++value) {
-        values[static_cast<unsigned char>(DIGITS[value])] = static_cast<unsigned char>(value);
+    for (std::size_t i = 0; i < DIGITS.size(); ++i) {
+        values[static_cast<unsigned char>(DIGITS[i])] = static_cast<unsigned char>(i);
     }
     return values;
-}();
+}
 
+// NO_DIGIT for what is none.
 unsigned char ValueOf(char digit) {
+    static constexpr auto VALUES = ListValues();
     return VALUES[static_cast<unsigned char>(digit)];
 }
 
@@ -38,11 +40,12 @@ std::optional<PackedHash> Pack(std::string_view hash) {
     }
     PackedHash bytes;
     unsigned int all = 0;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const unsigned int high = ValueOf(hash[2 * i]);
-        const unsigned int low = ValueOf(hash[2 * i + 1]);
+    const char* digit = hash.data();
+    for (char& byte : bytes) {
+        const unsigned int high = ValueOf(*digit++);
+        const unsigned int low = ValueOf(*digit++);
         all |= high | low;
-        bytes[i] = static_cast<char>(high << 4U | low);
+        byte = static_cast<char>(high << 4U | low);
     }
     return all == (all & 0xFU) ? std::optional(bytes) : std::nullopt;
 }
