@@ -29,7 +29,7 @@ public:
         mFilling = (mFilling + 1) % COUNT;
         Change([this] { ++mFilled; });
     }
-    // Waits until the other side has nothing left, stopped or not. Not after Finish.
+    // Waits until the other side has nothing left, stopped or not.
     void AwaitAllEmpty() {
         std::unique_lock lock(mMutex);
         mChanged.wait(lock, [this] { return mFilled == 0; });
@@ -51,7 +51,7 @@ public:
     void Stop() {
         Change([this] { mStopped = true; });
     }
-    // Any thread, once the filling one has ended, or never was: nothing more is to be waited for.
+    // Any thread, once the filling one has ended, or never was: the other side ends when nothing is left.
     void Finish() {
         Change([this] { mFinished = true; });
     }

@@ -1,9 +1,9 @@
 #include "ImageDigests.h"
 
 #include <exception>
+#include <limits>
 #include <set>
 #include <string_view>
-#include <system_error>
 
 #include <pthread.h>
 
@@ -30,7 +30,17 @@ std::string DigestOf(const std::string& path) {
 
 std::string ImageDigests::Of(const std::string& path) {
     const SDK::ProcessImage* const held = SDK::ProcessImage::At(path);
-    return held == nullptr ? OnceFor(path, mByPath, [&path] { return DigestOf(path); }) : OfHeld(path, *held);
+    if (held == nullptr) {
+        return OnceFor(path, mByPath, [&path] { return Computed{DigestOf(path), true}; });
+    }
+    const std::optional<SDK::ImageIdentity> before = held->GetIdentity();
+    if (!before) {
+        return DigestOf(path);
+    }
+    return OnceFor(std::pair{*before, path}, mHeld, [&] {
+        std::string digest = DigestOf(path);
+        return Computed{std::move(digest), held->GetIdentity() == before};
+    });
 }
 
 std::optional<std::string> ImageDigests::FindRunning(int pid, const std::string& path) const {
@@ -47,29 +57,13 @@ std::optional<std::string> ImageDigests::FindRunning(int pid, const std::string&
     }
     const Digest digest = found->second;
     lock.unlock();
-    return digest.get();
-}
-
-// The digest of what changed as it was read stands for nothing but that moment.
-std::string ImageDigests::OfHeld(const std::string& path, const SDK::ProcessImage& held) {
-    const std::optional<SDK::ImageIdentity> before = held.GetIdentity();
-    if (!before) {
-        return DigestOf(path);
-    }
-    const std::pair key{*before, path};
-    return OnceFor(key, mHeld, [&] {
-        std::string digest = DigestOf(path);
-        if (held.GetIdentity() != before) {
-            const std::lock_guard guard(mMutex);
-            mHeld.erase(key);
-        }
-        return digest;
-    });
+    const Computed& computed = digest.get();
+    return computed.lasts ? std::optional(computed.digest) : std::nullopt;
 }
 
 template <typename Key>
 std::string ImageDigests::OnceFor(const Key& key, std::map<Key, Digest>& digests, const Compute& compute) {
-    std::promise<std::string> mine;
+    std::promise<Computed> mine;
     std::unique_lock lock(mMutex);
     const auto [entry, isNew] = digests.try_emplace(key);
     if (isNew) {
@@ -81,31 +75,32 @@ std::string ImageDigests::OnceFor(const Key& key, std::map<Key, Digest>& digests
         try {
             mine.set_value(compute());
         } catch (...) {
-            mine.set_exception(std::current_exception());
+            mine.set_value({});
+            throw;
         }
     }
-    return digest.get();
+    const Computed& computed = digest.get();
+    return isNew || computed.lasts ? computed.digest : compute().digest;
 }
 
 DigestsAhead::DigestsAhead(const ProcsFullTask::ProcsMap& processes, ImageDigests& digests) : mDigests(digests) {
-    std::set<std::string_view> paths;
-    for (const Row& row : processes) {
-        if (paths.insert(row.second.path).second) {
-            mRows.push_back(&row);
-        }
-    }
-    if (mRows.size() < 2) {
-        return;
-    }
     try {
-        mThread = std::thread([this] { Run(); });
-    } catch (const std::system_error& error) {
+        std::set<std::string_view> paths;
+        for (const Row& row : processes) {
+            if (paths.insert(row.second.path).second) {
+                mRows.push_back(&row);
+            }
+        }
+        if (mRows.size() > 1) {
+            mThread = std::thread([this] { Run(); });
+        }
+    } catch (const std::exception& error) {
         moduleLog.Debug("no digest is computed ahead: %s", std::string(error.what()));
     }
 }
 
 DigestsAhead::~DigestsAhead() {
-    mStopping.store(true);
+    Pass(std::numeric_limits<int>::max());
     if (mThread.joinable()) {
         mThread.join();
     }
@@ -114,9 +109,12 @@ DigestsAhead::~DigestsAhead() {
 void DigestsAhead::Run() noexcept {
     pthread_setname_np(pthread_self(), "digests_ahead");
     try {
-        for (auto row = mRows.rbegin(); row != mRows.rend() && !mStopping.load(); ++row) {
+        for (auto row = mRows.rbegin(); row != mRows.rend(); ++row) {
             const auto& [pid, process] = **row;
             throttle.Check();
+            if (pid <= mPassed.load()) {
+                return;
+            }
             const auto image = HoldImageOfRow(pid);
             mDigests.Of(process.path);
         }

@@ -16,8 +16,8 @@
 
 namespace Engine {
 
-// The digests of the images of one table of processes: many processes run few images, and each image is
-// opened and looked at once. Thread-safe; who asks for a digest that another thread computes waits for that.
+// The digests of the images of one table of processes: many processes run few images, and each image is read once.
+// Thread-safe; who asks for a digest that another thread computes waits for that.
 class ImageDigests {
 public:
     // Empty for an image that cannot be read. An image that the calling thread holds is looked at itself: another
@@ -28,10 +28,13 @@ public:
     std::optional<std::string> FindRunning(int pid, const std::string& path) const;
 
 private:
-    using Digest = std::shared_future<std::string>;
-    using Compute = std::function<std::string()>;
+    struct Computed {
+        std::string digest;
+        bool lasts = false; // what was read did not change meanwhile: it is the digest of others that ask, too
+    };
+    using Digest = std::shared_future<Computed>;
+    using Compute = std::function<Computed()>;
 
-    std::string OfHeld(const std::string& path, const SDK::ProcessImage& held);
     template <typename Key> std::string OnceFor(const Key& key, std::map<Key, Digest>& digests, const Compute& compute);
 
     mutable std::mutex mMutex; // guards what follows it
@@ -43,13 +46,16 @@ private:
 // table from the beginning: reading programs is most of what that takes.
 class DigestsAhead {
 public:
-    // The table and the digests last as long as the object. Where no thread can be started nothing is computed
-    // ahead.
+    // The table and the digests last as long as the object. Where there can be no thread, or no memory for one,
+    // nothing is computed ahead.
     DigestsAhead(const ProcsFullTask::ProcsMap& processes, ImageDigests& digests);
-    // Waits for the image that is being read.
+    // Waits for the image that is being read, or for the CPU governor, which may let the thread sleep for a second.
     ~DigestsAhead();
     DigestsAhead(const DigestsAhead&) = delete;
     DigestsAhead& operator=(const DigestsAhead&) = delete;
+
+    // The owner has come to the row of this pid: what is before it is not computed ahead any more.
+    void Pass(int pid) { mPassed.store(pid); }
 
 private:
     using Row = ProcsFullTask::ProcsMap::value_type;
@@ -58,7 +64,7 @@ private:
 
     ImageDigests& mDigests;
     std::vector<const Row*> mRows; // the first of each image, in the order of the table
-    std::atomic<bool> mStopping{false};
+    std::atomic<int> mPassed{-1};
     std::thread mThread; // last, so that all it uses is there
 };
 

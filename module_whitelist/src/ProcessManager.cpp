@@ -402,6 +402,7 @@ bool ProcessManager::PersistLocalTrust(std::size_t adoptions) {
         // The engine has not started yet: what is in memory knows nothing of what was learned before.
         return false;
     }
+    isStoreDue = true;
     const std::string text = LocalTrustToText();
     const bool isReported = ConfigManager::Instance()->GetDirMod() && !text.empty();
     if (isReported) {
@@ -426,6 +427,7 @@ bool ProcessManager::StoreLocalTrust(const std::string& text) {
         moduleLog.Notice("the local list is stored again in [%s]", localTrustFile);
     }
     storingFailed = failed;
+    isStoreDue = failed;
     const bool tooLarge = text.size() > MAX_FILE_BYTES;
     if (tooLarge && !tooLargeTold) {
         moduleLog.Error("the local list takes %z bytes in [%s], beyond the %?d that are read: it will not be loaded by "
@@ -438,7 +440,7 @@ bool ProcessManager::StoreLocalTrust(const std::string& text) {
 
 bool ProcessManager::StoreLocalTrustAgain() {
     const std::lock_guard<std::mutex> writing(persistLock);
-    return !storingFailed || StoreLocalTrust(LocalTrustToText());
+    return !isStoreDue || StoreLocalTrust(LocalTrustToText());
 }
 
 // Reads what follows the portion, from the beginning when there is none yet or the list has been replaced.
@@ -651,10 +653,11 @@ bool ProcessManager::InitTrustProcess() {
         return false;
     }
     ImageDigests digests;
-    const DigestsAhead ahead(processes, digests);
+    DigestsAhead ahead(processes, digests);
     const std::vector<std::string> interpreters = GetInterpreterNames();
     for (const auto& [pid, process] : processes) {
         throttle.Check();
+        ahead.Pass(pid);
         ProcessInfo info = RecordOf(process);
         const std::optional<std::string> known = FindKnownDigest(info, digests, interpreters);
         const auto image = known ? std::optional<SDK::ProcessImage>() : HoldImageOfRow(pid);

@@ -345,8 +345,9 @@ private:
     mutable SDK::RwLock reportTaskLock;
     mutable SDK::RwLock interpreterLock;
     mutable std::mutex prelinkLock; // one user of an undone image's temporary file at a time
-    std::mutex persistLock;         // one writer of the local list's file at a time; guards the next two
-    bool storingFailed = false;     // the file is not as the list was when it was last to be stored
+    std::mutex persistLock;         // one writer of the local list's file at a time; guards the next three
+    bool isStoreDue = false;        // the file is not as the list was when it was last to be stored
+    bool storingFailed = false;     // the operator knows that it could not be written
     bool tooLargeTold = false;      // the operator knows that it is larger than a start reads
     SDK::RwLock storingLock;
     std::unique_ptr<utils::BackgroundWork> storing GUARDED_BY(storingLock);

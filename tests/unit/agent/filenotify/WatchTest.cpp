@@ -245,6 +245,25 @@ TEST_F(WatchTest, TheStopDoesNotWaitForATaskThatTakesNothing) {
     ExpectAllAccountedFor();
 }
 
+// A stop finds the reader filling a batch in most of these turns.
+TEST_F(WatchTest, AStopInTheMiddleOfABurstEndsBothThreads) {
+    const std::vector<std::string> files = WriteFiles(*mMount, "a", 2000);
+    StartWatcher();
+    const ChildProcess opener = ChildProcess::Fork([&files] {
+        for (std::size_t i = 0;; i = (i + 1) % files.size()) {
+            close(open(files[i].c_str(), O_RDONLY | O_CLOEXEC));
+        }
+    });
+    for (int turn = 0; turn < 30; ++turn) {
+        const std::uint64_t before = Counted("files.read");
+        Watch(*mMount / "a");
+        EXPECT_TRUE(AwaitCounted("files.read", before + 1));
+        Unwatch(*mMount / "a");
+        EXPECT_TRUE(ListGroups().empty());
+    }
+    ExpectAllAccountedFor();
+}
+
 TEST_F(WatchTest, AWatchingTaskThatIsGoneIsToldNothing) {
     const std::string file = mMount->Write("a/x", "1");
     StartWatcher();

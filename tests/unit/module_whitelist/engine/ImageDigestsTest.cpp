@@ -1,5 +1,6 @@
 // The digests of the images of one table of processes, computed on two threads.
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -11,6 +12,8 @@
 #include "sdk/FileUtils.h"
 #include "support/ForeignProcess.h"
 #include "support/WaitFor.h"
+
+using namespace std::chrono_literals;
 
 namespace EngineTest {
 
@@ -91,9 +94,10 @@ TEST_F(ImageDigestsTest, WhatWasComputedAheadIsNotComputedAgain) {
 TEST_F(ImageDigestsTest, EachImageIsComputedOnceWhoeverGetsToItFirst) {
     const std::vector<std::string> images = WriteImages(200);
     const ProcsMap table = TableOf(images);
-    const DigestsAhead ahead(table, mDigests);
-    for (const std::string& image : images) {
-        EXPECT_EQ(mDigests.Of(image), DigestOfFile(image));
+    DigestsAhead ahead(table, mDigests);
+    for (const auto& [pid, process] : table) {
+        ahead.Pass(pid);
+        EXPECT_EQ(mDigests.Of(process.path), DigestOfFile(process.path));
     }
     EXPECT_EQ(CountDigests(), images.size());
 }
@@ -101,8 +105,18 @@ TEST_F(ImageDigestsTest, EachImageIsComputedOnceWhoeverGetsToItFirst) {
 TEST_F(ImageDigestsTest, NothingIsComputedAheadOfATableOfOneImage) {
     const std::string image = root.Write("bin/program", "program");
     const ProcsMap table = TableOf({image, image, image});
-    { const DigestsAhead ahead(table, mDigests); }
-    EXPECT_EQ(CountDigests(), 0U);
+    const DigestsAhead ahead(table, mDigests);
+    EXPECT_FALSE(TestSupport::WaitFor([&] { return CountDigests() > 0; }, 50ms));
+}
+
+TEST_F(ImageDigestsTest, NothingIsComputedAheadBehindTheOwner) {
+    const std::vector<std::string> images = WriteImages(20);
+    const ProcsMap table = TableOf(images);
+    DigestsAhead ahead(table, mDigests);
+    ahead.Pass(table.rbegin()->first);
+    // Whatever was begun before is at an end then.
+    const std::uint64_t begun = CountDigests() + 1;
+    EXPECT_FALSE(TestSupport::WaitFor([&] { return CountDigests() > begun; }, 50ms));
 }
 
 TEST_F(ImageDigestsTest, AheadInDirectoryModeIsReadWhatTheProcessesRun) {
