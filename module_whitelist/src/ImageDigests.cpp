@@ -1,5 +1,6 @@
 #include "ImageDigests.h"
 
+#include <algorithm>
 #include <exception>
 #include <limits>
 #include <set>
@@ -91,6 +92,7 @@ DigestsAhead::DigestsAhead(const ProcsFullTask::ProcsMap& processes, ImageDigest
                 mRows.push_back(&row);
             }
         }
+        std::reverse(mRows.begin(), mRows.end());
         if (mRows.size() > 1) {
             mThread = std::thread([this] { Run(); });
         }
@@ -109,8 +111,8 @@ DigestsAhead::~DigestsAhead() {
 void DigestsAhead::Run() noexcept {
     pthread_setname_np(pthread_self(), "digests_ahead");
     try {
-        for (auto row = mRows.rbegin(); row != mRows.rend(); ++row) {
-            const auto& [pid, process] = **row;
+        for (const Row* const row : mRows) {
+            const auto& [pid, process] = *row;
             throttle.Check();
             if (pid <= mPassed.load()) {
                 return;

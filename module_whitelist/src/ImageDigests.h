@@ -63,7 +63,7 @@ private:
     void Run() noexcept;
 
     ImageDigests& mDigests;
-    std::vector<const Row*> mRows; // the first of each image, in the order of the table
+    std::vector<const Row*> mRows; // the first of each image, the last of these first
     std::atomic<int> mPassed{-1};
     std::thread mThread; // last, so that all it uses is there
 };
