@@ -9,7 +9,6 @@
 
 #include "ImageDigests.h"
 #include "TrustEngineTest.h"
-#include "sdk/FileUtils.h"
 #include "support/ForeignProcess.h"
 #include "support/WaitFor.h"
 
@@ -26,7 +25,7 @@ using ProcsMap = Engine::ProcsFullTask::ProcsMap;
 class ImageDigestsTest : public TrustEngineTest {
 protected:
     // How often anybody has asked for a digest since the test began.
-    std::uint64_t CountDigests() const { return Count() - mBefore; }
+    std::uint64_t CountDigests() const { return DigestsSoFar() - mBefore; }
 
     // Processes that do not exist, of images that do, in the order of the table.
     ProcsMap TableOf(const std::vector<std::string>& images) const {
@@ -51,12 +50,7 @@ protected:
     ImageDigests mDigests;
 
 private:
-    static std::uint64_t Count() {
-        const SDK::DigestFigures figures = SDK::FileUtils::GetDigestFigures();
-        return figures.hits + figures.misses;
-    }
-
-    const std::uint64_t mBefore = Count();
+    const std::uint64_t mBefore = DigestsSoFar();
 };
 
 } // namespace

@@ -1,7 +1,6 @@
 #include <filesystem>
 
 #include "TrustEngineTest.h"
-#include "sdk/FileUtils.h"
 #include "support/ForeignProcess.h"
 
 namespace EngineTest {
@@ -132,10 +131,9 @@ TEST_F(RunningProcessesTest, AreHashedOnceAnImage) {
     Configure(Engine::MOD_DETECT, true);
     const std::string other = root.Write("bin/other", "the other");
     TellOf({Process(100001, tool), Process(100002, other), Process(100003, tool), Process(100004, other)});
-    const SDK::DigestFigures before = SDK::FileUtils::GetDigestFigures();
+    const std::uint64_t before = DigestsSoFar();
     EXPECT_TRUE(engine.InitTrustProcess());
-    const SDK::DigestFigures after = SDK::FileUtils::GetDigestFigures();
-    EXPECT_EQ(after.hits + after.misses, before.hits + before.misses + 2);
+    EXPECT_EQ(DigestsSoFar(), before + 2);
     EXPECT_EQ(engine.GetProcessInfoFromID(100003)->hash, Digest("the tool"));
     EXPECT_EQ(engine.GetProcessInfoFromID(100004)->hash, Digest("the other"));
 }
@@ -146,10 +144,9 @@ TEST_F(RunningProcessesTest, InDirectoryModeAreHashedOnceAnImageAsWell) {
     const TestSupport::ForeignProcess first({.words = {sleep, "1000"}});
     const TestSupport::ForeignProcess second({.words = {sleep, "1000"}});
     TellOf({Process(first.Pid(), sleep), Process(second.Pid(), sleep)});
-    const SDK::DigestFigures before = SDK::FileUtils::GetDigestFigures();
+    const std::uint64_t before = DigestsSoFar();
     EXPECT_TRUE(engine.InitTrustProcess());
-    const SDK::DigestFigures after = SDK::FileUtils::GetDigestFigures();
-    EXPECT_EQ(after.hits + after.misses, before.hits + before.misses + 1);
+    EXPECT_EQ(DigestsSoFar(), before + 1);
     for (const int pid : {first.Pid(), second.Pid()}) {
         EXPECT_EQ(engine.GetProcessInfoFromID(pid)->hash, DigestOfFile(sleep));
     }

@@ -12,6 +12,7 @@
 
 #include "ConfigManager.h"
 #include "ProcessManager.h"
+#include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 #include "support/AgentAround.h"
 #include "support/FakeTasks.h"
@@ -44,6 +45,12 @@ inline std::string Digest(const std::string& text) {
 
 inline std::string DigestOfFile(const std::string& path) {
     return Digest(TestSupport::TempDir::ReadText(path));
+}
+
+// How often anybody in this process has asked for the digest of a file.
+inline std::uint64_t DigestsSoFar() {
+    const SDK::DigestFigures figures = SDK::FileUtils::GetDigestFigures();
+    return figures.hits + figures.misses;
 }
 
 inline std::string NameOf(const std::string& path) {
